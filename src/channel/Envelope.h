@@ -1,0 +1,16 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "json/Json.h"
+
+/// {"status": "ok"}, with "message" only when a text is given.
+Json okResponse(const std::optional<std::string> &message = std::nullopt);
+
+/// {"status": "ok"} with more members. `members` must not hold a "status".
+Json okResponseWith(Json::object members);
+
+/// {"message": text, "status": "error"}. Logs the error under the name of the operation that
+/// failed.
+Json errorResponse(const char *function, const std::string &message);

@@ -1,0 +1,76 @@
+#include "channel/MessageChannel.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+
+#include "channel/Envelope.h"
+#include "platform/Log.h"
+
+namespace {
+
+/// Frames of this length and longer are refused before anything is allocated for them.
+constexpr std::uint32_t refusedLength = 0x80000000;  // 2 GiB
+
+/// Room for a console line of 1,023 bytes and its terminating zero.
+constexpr std::size_t lineBufferSize = 1024;
+
+}  // namespace
+
+MessageChannel::MessageChannel(FILE *input, FILE *output, bool consoleMode)
+    : input(input), output(output), consoleMode(consoleMode) {}
+
+std::optional<std::string> MessageChannel::readMessage() {
+  return consoleMode ? readLine() : readFrame();
+}
+
+std::optional<std::string> MessageChannel::readFrame() {
+  std::uint32_t length = 0;
+  if (std::fread(&length, sizeof length, 1, input) != 1) return std::nullopt;
+  if (length >= refusedLength) {
+    LOG_RECORD("Refusing a message of %u bytes\n", length);
+    return std::nullopt;
+  }
+  // Left uninitialised: a length that no payload follows costs no memory.
+  const auto buffer = std::make_unique_for_overwrite<char[]>(std::size_t{length} + 1);
+  for (std::size_t count = 0; count < length;) {
+    const std::size_t more = std::fread(buffer.get() + count, 1, length - count, input);
+    if (more == 0) return std::nullopt;
+    count += more;
+  }
+  buffer[length] = '\0';
+  return std::string(buffer.get());
+}
+
+std::optional<std::string> MessageChannel::readLine() {
+  const auto buffer = std::make_unique<std::array<char, lineBufferSize>>();
+  char *const line = buffer->data();
+  // At end of input fgets leaves the line as it is: empty.
+  line[0] = '\0';
+  if (std::fgets(line, lineBufferSize, input) == nullptr || line[0] == '\0') return std::nullopt;
+  std::string text(line);
+  std::printf("INPUT: %s\n", line);
+  return text;
+}
+
+void MessageChannel::writeMessage(const std::string &text) {
+  const auto length = static_cast<std::uint32_t>(text.size());
+  const std::lock_guard lock(writeMutex);
+  if (consoleMode) {
+    std::fputs("OUTPUT: ", output);
+  } else {
+    std::fwrite(&length, sizeof length, 1, output);
+  }
+  std::fwrite(text.data(), 1, length, output);
+  std::fflush(output);
+}
+
+void MessageChannel::sendResponse(const Json &response) { writeMessage(response.dump()); }
+
+void MessageChannel::sendError(const std::string &message) {
+  sendResponse(errorResponse("sendError", message));
+}
+
+void MessageChannel::sendOk(const std::optional<std::string> &message) {
+  sendResponse(okResponse(message));
+}

@@ -1,0 +1,151 @@
+#include "events/EventMonitor.h"
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/Log.h"
+#include "session/StateName.h"
+
+namespace {
+
+constexpr std::uint32_t targetEvents = lldb::SBTarget::eBroadcastBitBreakpointChanged |
+                                       lldb::SBTarget::eBroadcastBitModulesLoaded |
+                                       lldb::SBTarget::eBroadcastBitModulesUnloaded;
+constexpr std::uint32_t processEvents = lldb::SBProcess::eBroadcastBitStateChanged |
+                                        lldb::SBProcess::eBroadcastBitSTDOUT |
+                                        lldb::SBProcess::eBroadcastBitSTDERR;
+
+constexpr std::uint32_t waitSeconds = 1;
+
+/// The most output that one message carries, in bytes.
+constexpr std::size_t outputPiece = 256;
+
+/// Two lowercase digits for each byte: output may be anything, JSON text may not.
+std::string hexText(std::string_view bytes) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(2 * bytes.size());
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    text += digits[value >> 4];
+    text += digits[value & 0xf];
+  }
+  return text;
+}
+
+const char *textOrEmpty(const char *text) { return text != nullptr ? text : ""; }
+
+/// The section by which a module's place is told: on macOS the one behind __PAGEZERO, __TEXT.
+constexpr std::size_t placingSection = 1;
+
+/// A module that LLDB has placed in memory, as the host hears of it. Null when its section lies
+/// below its address in the file.
+Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
+  const lldb::SBFileSpec file = module.GetFileSpec();
+  lldb::SBSection section = module.GetSectionAtIndex(placingSection);
+  const std::uint64_t fileAddress = section.GetFileAddress();
+  const std::uint64_t loadAddress = section.GetLoadAddress(target);
+  if (loadAddress < fileAddress) return Json();
+  return Json(Json::object{{"directory", textOrEmpty(file.GetDirectory())},
+                           {"file", textOrEmpty(file.GetFilename())},
+                           {"fileAddress", fileAddress},
+                           {"loadAddress", loadAddress},
+                           {"slide", loadAddress - fileAddress}});
+}
+
+}  // namespace
+
+EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
+                           MessageChannel &channel, std::atomic<bool> &stop, Milestones milestones)
+    : target(target),
+      process(target.GetProcess()),
+      listener(debugger.GetListener()),
+      channel(channel),
+      stop(stop),
+      milestones(std::move(milestones)) {}
+
+void EventMonitor::run() {
+  listener.StartListeningForEvents(target.GetBroadcaster(), targetEvents);
+  listener.StartListeningForEvents(process.GetBroadcaster(), processEvents);
+  stop = false;
+  milestones.listening.set_value();
+  while (!stop) {
+    if (listener.WaitForEvent(waitSeconds, event)) handleEvent();
+  }
+}
+
+/// The listener is the debugger's and outlives processes: what an earlier one left in its queue
+/// must not reach the host as news of this one.
+void EventMonitor::handleEvent() {
+  const std::uint32_t type = event.GetType();
+  if (lldb::SBProcess::EventIsProcessEvent(event)) {
+    lldb::SBProcess source = lldb::SBProcess::GetProcessFromEvent(event);
+    if (source.GetUniqueID() == process.GetUniqueID()) handleProcessEvent(type);
+  } else if (lldb::SBTarget::EventIsTargetEvent(event)) {
+    if (lldb::SBTarget::GetTargetFromEvent(event) == target) handleTargetEvent(type);
+  }
+}
+
+void EventMonitor::handleProcessEvent(std::uint32_t type) {
+  switch (type) {
+    case lldb::SBProcess::eBroadcastBitSTDERR:
+      return reportOutput("stderr", &lldb::SBProcess::GetSTDERR);
+    case lldb::SBProcess::eBroadcastBitSTDOUT:
+      return reportOutput("stdout", &lldb::SBProcess::GetSTDOUT);
+    case lldb::SBProcess::eBroadcastBitStateChanged: return reportState();
+    default: return;
+  }
+}
+
+void EventMonitor::handleTargetEvent(std::uint32_t type) {
+  switch (type) {
+    case lldb::SBTarget::eBroadcastBitModulesUnloaded: return reportModulesUnloaded();
+    case lldb::SBTarget::eBroadcastBitModulesLoaded: return reportModulesLoaded();
+    default: return;
+  }
+}
+
+/// LLDB merges output events. A full piece may have more behind it, for which no event would come,
+/// so it counts as one more event right behind this one: all output is out before the exit is
+/// reported.
+void EventMonitor::reportOutput(const char *type, OutputReader read) {
+  std::size_t length = outputPiece;
+  while (length == outputPiece) {
+    char bytes[outputPiece];
+    length = (process.*read)(bytes, outputPiece);
+    if (length > 0) send(type, {{"output", hexText({bytes, length})}});
+  }
+}
+
+void EventMonitor::reportState() {
+  const lldb::StateType state = lldb::SBProcess::GetStateFromEvent(event);
+  const std::string name = stateName(state);
+  LOG_RECORD("State changed to %{public}s", name.c_str());
+  Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
+  if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
+  send("state", std::move(members));
+  if (!std::exchange(stateWasReported, true)) milestones.firstStateReported.set_value();
+}
+
+void EventMonitor::reportModulesLoaded() {
+  Json::array modules;
+  const std::uint32_t count = lldb::SBTarget::GetNumModulesFromEvent(event);
+  for (std::uint32_t index = 0; index < count; ++index) {
+    Json module =
+        describeLoadedModule(lldb::SBTarget::GetModuleAtIndexFromEvent(index, event), target);
+    if (module.type() != JsonType::Null) modules.push_back(std::move(module));
+  }
+  send("moduleLoaded", {{"modules", std::move(modules)}});
+}
+
+void EventMonitor::reportModulesUnloaded() {
+  // Deliberate: the list is always empty. Hosts ask for the modules that are left.
+  send("moduleUnloaded", {{"modules", Json::array{}}});
+}
+
+void EventMonitor::send(const char *type, Json::object members) {
+  members["status"] = "event";
+  members["type"] = type;
+  channel.sendResponse(Json(std::move(members)));
+}

@@ -1,0 +1,237 @@
+#include "json/Json.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "json/JsonValue.h"
+#include "json/JsonWriter.h"
+
+namespace {
+
+/// Truncates toward zero; what does not fit is clamped to the range and NaN gives 0, where a plain
+/// cast would be undefined.
+template <typename Integer>
+Integer truncateTo(double value) {
+  if (std::isnan(value)) return 0;
+  const double whole = std::trunc(value);
+  // The maximum itself need not be a double, so the bound is the power of two above it.
+  if (whole >= std::ldexp(1.0, std::numeric_limits<Integer>::digits))
+    return std::numeric_limits<Integer>::max();
+  if (whole <= static_cast<double>(std::numeric_limits<Integer>::min()))
+    return std::numeric_limits<Integer>::min();
+  return static_cast<Integer>(whole);
+}
+
+class JsonNull final : public JsonValue {
+ public:
+  JsonType type() const override { return JsonType::Null; }
+  bool equals(const JsonValue &) const override { return true; }
+  bool less(const JsonValue &) const override { return false; }
+  void dump(std::string &out) const override { out += "null"; }
+};
+
+class JsonBool final : public JsonValue {
+ public:
+  explicit JsonBool(bool value) : value(value) {}
+  JsonType type() const override { return JsonType::Bool; }
+  bool equals(const JsonValue &other) const override { return value == other.boolValue(); }
+  bool less(const JsonValue &other) const override { return value < other.boolValue(); }
+  void dump(std::string &out) const override { out += value ? "true" : "false"; }
+  bool boolValue() const override { return value; }
+
+ private:
+  bool value;
+};
+
+/// What the three number forms share: they are one kind and compare as doubles.
+class JsonNumber : public JsonValue {
+ public:
+  JsonType type() const override { return JsonType::Number; }
+  bool equals(const JsonValue &other) const override {
+    return numberValue() == other.numberValue();
+  }
+  bool less(const JsonValue &other) const override { return numberValue() < other.numberValue(); }
+};
+
+class JsonInt final : public JsonNumber {
+ public:
+  explicit JsonInt(std::int32_t value) : value(value) {}
+  void dump(std::string &out) const override { appendNumber(out, value); }
+  double numberValue() const override { return value; }
+  std::int32_t intValue() const override { return value; }
+  std::uint64_t uint64Value() const override {
+    // Deliberate: no clamping. Hosts pass -1 to mean "all bits set".
+    return static_cast<std::uint64_t>(static_cast<std::int64_t>(value));
+  }
+
+ private:
+  std::int32_t value;
+};
+
+class JsonUint64 final : public JsonNumber {
+ public:
+  explicit JsonUint64(std::uint64_t value) : value(value) {}
+  void dump(std::string &out) const override { appendNumber(out, value); }
+  double numberValue() const override { return static_cast<double>(value); }
+  std::int32_t intValue() const override {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(value));
+  }
+  std::uint64_t uint64Value() const override { return value; }
+
+ private:
+  std::uint64_t value;
+};
+
+class JsonDouble final : public JsonNumber {
+ public:
+  explicit JsonDouble(double value) : value(value) {}
+  void dump(std::string &out) const override { appendNumber(out, value); }
+  double numberValue() const override { return value; }
+  std::int32_t intValue() const override { return truncateTo<std::int32_t>(value); }
+  std::uint64_t uint64Value() const override { return truncateTo<std::uint64_t>(value); }
+
+ private:
+  double value;
+};
+
+class JsonString final : public JsonValue {
+ public:
+  explicit JsonString(std::string value) : value(std::move(value)) {}
+  JsonType type() const override { return JsonType::String; }
+  bool equals(const JsonValue &other) const override { return value == other.stringValue(); }
+  bool less(const JsonValue &other) const override { return value < other.stringValue(); }
+  void dump(std::string &out) const override { appendQuoted(out, value); }
+  const std::string &stringValue() const override { return value; }
+
+ private:
+  std::string value;
+};
+
+class JsonArray final : public JsonValue {
+ public:
+  explicit JsonArray(Json::array items) : items(std::move(items)) {}
+  JsonType type() const override { return JsonType::Array; }
+  bool equals(const JsonValue &other) const override { return items == other.arrayItems(); }
+  bool less(const JsonValue &other) const override { return items < other.arrayItems(); }
+  void dump(std::string &out) const override {
+    const char *separator = "[";
+    for (const Json &item : items) {
+      out += separator;
+      item.dump(out);
+      separator = ", ";
+    }
+    out += items.empty() ? "[]" : "]";
+  }
+  const Json::array &arrayItems() const override { return items; }
+  const Json &operator[](std::size_t index) const override {
+    return index < items.size() ? items[index] : JsonValue::operator[](index);
+  }
+
+ private:
+  Json::array items;
+};
+
+class JsonObject final : public JsonValue {
+ public:
+  explicit JsonObject(Json::object members) : members(std::move(members)) {}
+  JsonType type() const override { return JsonType::Object; }
+  bool equals(const JsonValue &other) const override { return members == other.objectItems(); }
+  bool less(const JsonValue &other) const override { return members < other.objectItems(); }
+  void dump(std::string &out) const override {
+    const char *separator = "{";
+    for (const auto &[key, member] : members) {
+      out += separator;
+      appendQuoted(out, key);
+      out += ": ";
+      member.dump(out);
+      separator = ", ";
+    }
+    out += members.empty() ? "{}" : "}";
+  }
+  const Json::object &objectItems() const override { return members; }
+  const Json &operator[](std::string_view key) const override {
+    const auto found = members.find(key);
+    return found != members.end() ? found->second : JsonValue::operator[](key);
+  }
+
+ private:
+  Json::object members;
+};
+
+/// What all values share, made once on first use and kept until exit.
+struct Shared {
+  const std::shared_ptr<const JsonValue> null = std::make_shared<JsonNull>();
+  const std::shared_ptr<const JsonValue> yes = std::make_shared<JsonBool>(true);
+  const std::shared_ptr<const JsonValue> no = std::make_shared<JsonBool>(false);
+  const std::string emptyString;
+  const Json::array emptyArray;
+  const Json::object emptyObject;
+};
+
+const Shared &shared() {
+  static const Shared instance;
+  return instance;
+}
+
+/// What a failed lookup refers to.
+const Json &nullJson() {
+  static const Json instance;
+  return instance;
+}
+
+}  // namespace
+
+double JsonValue::numberValue() const { return 0.0; }
+std::int32_t JsonValue::intValue() const { return 0; }
+bool JsonValue::boolValue() const { return false; }
+std::uint64_t JsonValue::uint64Value() const { return 0; }
+const std::string &JsonValue::stringValue() const { return shared().emptyString; }
+const Json::array &JsonValue::arrayItems() const { return shared().emptyArray; }
+const Json &JsonValue::operator[](std::size_t) const { return nullJson(); }
+const Json::object &JsonValue::objectItems() const { return shared().emptyObject; }
+const Json &JsonValue::operator[](std::string_view) const { return nullJson(); }
+
+Json::Json() noexcept : value(shared().null) {}
+Json::Json(bool value) noexcept : value(value ? shared().yes : shared().no) {}
+Json::Json(std::int32_t value) : value(std::make_shared<JsonInt>(value)) {}
+Json::Json(std::uint64_t value) : value(std::make_shared<JsonUint64>(value)) {}
+Json::Json(double value) : value(std::make_shared<JsonDouble>(value)) {}
+Json::Json(const std::string &value) : value(std::make_shared<JsonString>(value)) {}
+Json::Json(std::string &&value) : value(std::make_shared<JsonString>(std::move(value))) {}
+Json::Json(const char *value) : value(std::make_shared<JsonString>(value)) {}
+Json::Json(const array &value) : value(std::make_shared<JsonArray>(value)) {}
+Json::Json(array &&value) : value(std::make_shared<JsonArray>(std::move(value))) {}
+Json::Json(const object &value) : value(std::make_shared<JsonObject>(value)) {}
+Json::Json(object &&value) : value(std::make_shared<JsonObject>(std::move(value))) {}
+
+JsonType Json::type() const { return value->type(); }
+double Json::numberValue() const { return value->numberValue(); }
+std::int32_t Json::intValue() const { return value->intValue(); }
+bool Json::boolValue() const { return value->boolValue(); }
+std::uint64_t Json::uint64Value() const { return value->uint64Value(); }
+const std::string &Json::stringValue() const { return value->stringValue(); }
+const Json::array &Json::arrayItems() const { return value->arrayItems(); }
+const Json::object &Json::objectItems() const { return value->objectItems(); }
+const Json &Json::operator[](std::size_t index) const { return (*value)[index]; }
+const Json &Json::operator[](std::string_view key) const { return (*value)[key]; }
+
+bool operator==(const Json &a, const Json &b) {
+  if (a.value == b.value) return true;
+  return a.type() == b.type() && a.value->equals(*b.value);
+}
+
+bool operator<(const Json &a, const Json &b) {
+  if (a.value == b.value) return false;
+  if (a.type() != b.type()) return a.type() < b.type();
+  return a.value->less(*b.value);
+}
+
+void Json::dump(std::string &out) const { value->dump(out); }
+
+std::string Json::dump() const {
+  std::string out;
+  dump(out);
+  return out;
+}

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The kind of a Json value. The codes order values of different kinds.
+enum class JsonType { Null = 0, Number = 1, Bool = 2, String = 3, Array = 4, Object = 5 };
+
+/// What the parser accepts beside plain JSON.
+enum class JsonParseMode {
+  Standard = 0,  ///< JSON only: what the channel speaks.
+  Comments = 1,  ///< also "//" and "/* */" comments between tokens.
+};
+
+class JsonValue;
+
+/// One immutable JSON value: a handle on a shared, never changed payload.
+///
+/// Copying costs one atomic increment, and handles may be copied and destroyed on different
+/// threads. To change a value, build a new Json::object or Json::array and wrap it.
+///
+/// A number keeps one of three forms: signed 32-bit, double or unsigned 64-bit. All three are of
+/// the kind Number; the form decides how the value is written and how the accessors convert it.
+/// Addresses and sizes use the unsigned 64-bit form, which a double could not carry exactly.
+///
+/// A Json that was moved from may only be assigned to or destroyed.
+///
+/// No accessor and no comparison fails or throws. A question asked of the wrong kind, a missing key
+/// and an index past the end yield null, 0, false, the empty text or the empty list, so a reader
+/// of requests needs no presence checks.
+class Json {
+ public:
+  using array = std::vector<Json>;
+  /// Sorted by key in plain byte order, keys unique.
+  using object = std::map<std::string, Json, std::less<>>;
+
+  Json() noexcept;
+  Json(bool value) noexcept;
+  Json(std::int32_t value);
+  Json(std::uint64_t value);
+  Json(double value);
+  Json(const std::string &value);
+  Json(std::string &&value);
+  Json(const char *value);
+  Json(const array &value);
+  Json(array &&value);
+  Json(const object &value);
+  Json(object &&value);
+  /// Any other pointer would quietly become a bool.
+  Json(const void *) = delete;
+
+  JsonType type() const;
+
+  double numberValue() const;
+  /// A double is truncated toward zero (clamped to the range, NaN gives 0); an unsigned 64-bit
+  /// number gives its low 32 bits.
+  std::int32_t intValue() const;
+  bool boolValue() const;
+  /// A negative 32-bit number is sign-extended: -1 gives 18446744073709551615. A double is
+  /// truncated toward zero (clamped to the range, NaN gives 0).
+  std::uint64_t uint64Value() const;
+  /// The text of a string. Empty for every other kind: a number's text is never made up here.
+  const std::string &stringValue() const;
+  const array &arrayItems() const;
+  const object &objectItems() const;
+  const Json &operator[](std::size_t index) const;
+  const Json &operator[](std::string_view key) const;
+
+  /// Numbers are compared by their value as a double, whatever their forms. Values of different
+  /// kinds are never equal and are ordered by the kind's code.
+  friend bool operator==(const Json &a, const Json &b);
+  friend bool operator<(const Json &a, const Json &b);
+  friend bool operator!=(const Json &a, const Json &b) { return !(a == b); }
+  friend bool operator>(const Json &a, const Json &b) { return b < a; }
+  friend bool operator<=(const Json &a, const Json &b) { return !(b < a); }
+  friend bool operator>=(const Json &a, const Json &b) { return !(a < b); }
+
+  /// Appends the value's text to `out`: one line, members joined by ", ", keys and values by ": ",
+  /// keys in ascending byte order.
+  void dump(std::string &out) const;
+  std::string dump() const;
+
+  /// Reads one value from `text`. On failure the result is null and `error`, which must come empty,
+  /// holds one line of English about the first thing that is wrong. On success `error` stays as it
+  /// is; that tells a failure from the valid text "null".
+  static Json parse(const std::string &text, std::string &error,
+                    JsonParseMode mode = JsonParseMode::Standard);
+
+ private:
+  std::shared_ptr<const JsonValue> value;
+};

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "json/Json.h"
+
+/// One parse of one text: strict, recursive, a single pass. A local object of one call.
+///
+/// The first failure writes the caller's error string and sets `failed`; every later failure is
+/// silent and every level returns at its next check, so the whole parse yields null. The messages
+/// reach hosts word for word.
+class JsonParser {
+ public:
+  /// Keeps references to `text` and `error`, which must outlive the parser.
+  JsonParser(const std::string &text, std::string &error, JsonParseMode mode)
+      : text(text), error(error), mode(mode) {}
+
+  /// The value that the whole text holds, or null after a failure.
+  Json parse();
+
+ private:
+  /// Containers may nest this deep; bounds the recursion whatever a host sends.
+  static constexpr int maximumDepth = 200;
+
+  Json parseValue(int depth);
+  Json parseObject(int depth);
+  Json parseArray(int depth);
+  Json parseNumber();
+  std::string parseString();
+  Json expectWord(std::string_view word, const Json &value);
+
+  /// One escape, from behind its backslash. A "\u" leaves its code point in `pending`, where it
+  /// waits to be paired with a low surrogate.
+  void parseEscape(std::string &out, long &pending);
+  void parseUnicodeEscape(std::string &out, long &pending);
+  void skipDigits();
+
+  /// White space, and in Comments mode comments too.
+  void skip();
+  void skipWhitespace();
+  /// True when a comment stood at the position.
+  bool skipComment();
+
+  /// The next byte that is not skipped; 0 after a failure.
+  char nextToken();
+  /// The byte at the position. At the end of the text this is its terminating zero.
+  char current() const { return text.c_str()[position]; }
+  bool atEnd() const { return position == text.size(); }
+
+  void fail(std::string message);
+
+  const std::string &text;
+  std::size_t position = 0;
+  std::string &error;
+  bool failed = false;
+  JsonParseMode mode;
+};

@@ -1,0 +1,64 @@
+#include "platform/Process.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+extern "C" char **environ;
+
+namespace platform {
+
+namespace {
+
+/// Descriptors up to here are looked at where the system does not list the open ones.
+constexpr long highestGuess = 65536;
+
+/// The open descriptors, or a range that holds them.
+std::vector<int> openDescriptors() {
+  std::vector<int> descriptors;
+  if (DIR *folder = opendir("/dev/fd")) {
+    while (const dirent *entry = readdir(folder)) descriptors.push_back(std::atoi(entry->d_name));
+    closedir(folder);
+    return descriptors;
+  }
+  const long limit = sysconf(_SC_OPEN_MAX);
+  for (int descriptor = 0; descriptor < limit && descriptor < highestGuess; ++descriptor)
+    descriptors.push_back(descriptor);
+  return descriptors;
+}
+
+void closeOnExec(int descriptor) {
+  const int flags = fcntl(descriptor, F_GETFD);
+  if (flags >= 0) fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);
+}
+
+}  // namespace
+
+const std::vector<std::string> &startEnvironment() {
+  static const std::vector<std::string> environment = [] {
+    std::vector<std::string> entries;
+    for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry)
+      entries.emplace_back(*entry);
+    return entries;
+  }();
+  return environment;
+}
+
+void keepDescriptorsPrivate(int input, int output) {
+  closeOnExec(input);
+  closeOnExec(output);
+  for (const int descriptor : openDescriptors())
+    if (descriptor > STDERR_FILENO) closeOnExec(descriptor);
+}
+
+void blockBrokenPipeSignal() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+}  // namespace platform

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// What the program arranges about its own process before it starts LLDB.
+namespace platform {
+
+/// The environment the program was started with, as name=value texts in their order. Taken at the
+/// first call, which therefore comes before anything changes the environment.
+const std::vector<std::string> &startEnvironment();
+
+/// Marks `input`, `output` and every open descriptor above 2 close-on-exec, so that neither
+/// lldb-server nor the inferior holds the host's pipes open or can write to them.
+void keepDescriptorsPrivate(int input, int output);
+
+/// Blocks SIGPIPE in the calling thread and in the threads it will start: writing to a reader that
+/// is gone must fail, not end the program. The signal's disposition stays as it is, and LLDB starts
+/// its children with an empty signal mask.
+void blockBrokenPipeSignal();
+
+}  // namespace platform

@@ -1,0 +1,7 @@
+#include "platform/DebugServer.h"
+
+namespace platform {
+
+void provideDebugServer() {}
+
+}  // namespace platform

@@ -1,0 +1,102 @@
+#include "session/DebugSession.h"
+
+#include <chrono>
+#include <utility>
+
+#include "channel/Envelope.h"
+#include "events/EventMonitor.h"
+#include "platform/Log.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// LLDB queues the stop at entry before a launch returns, so it is reported within milliseconds
+/// unless the host does not read its pipe.
+constexpr auto firstStateBound = 2s;
+
+constexpr char nullDevice[] = "/dev/null";
+
+/// LLDB's prompts and command output must not touch the channel, which in console mode is on the
+/// standard streams: a prompt would swallow the next requests and hang on a silent host.
+void keepFromStandardStreams(lldb::SBDebugger &debugger) {
+  constexpr bool handOver = true;
+  debugger.SetInputFileHandle(std::fopen(nullDevice, "re"), handOver);
+  debugger.SetOutputFileHandle(std::fopen(nullDevice, "we"), handOver);
+  debugger.SetErrorFileHandle(std::fopen(nullDevice, "we"), handOver);
+}
+
+}  // namespace
+
+DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
+    : channel(input, output, consoleMode), debugger(lldb::SBDebugger::Create()) {
+  keepFromStandardStreams(debugger);
+  debugger.GetListener().StartListeningForEvents(wakeup, EventMonitor::wakeupBit);
+  debugger.SetAsync(true);
+}
+
+DebugSession::~DebugSession() = default;
+
+Json DebugSession::prepareExecutable(const std::string &path, bool is64Bits,
+                                     const std::string &triple, const std::string &workingDirectory,
+                                     std::vector<EnvironmentEntry> environment,
+                                     std::vector<std::string> arguments) {
+  LOG_RECORD("Preparing executable %{public}s, %{public}s", path.c_str(),
+             is64Bits ? "64bit" : "32bit");
+  executablePath = path;
+  this->triple = triple;
+  this->is64Bits = is64Bits;
+  this->workingDirectory = workingDirectory;
+  this->environment = std::move(environment);
+  this->arguments = std::move(arguments);
+  return okResponse();
+}
+
+lldb::SBProcess DebugSession::currentProcess() {
+  return target.IsValid() ? target.GetProcess() : lldb::SBProcess();
+}
+
+lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
+  constexpr const char *platformName = nullptr;
+  constexpr bool addDependentModules = false;
+  return debugger.CreateTarget(executablePath.c_str(), triple.c_str(), platformName,
+                               addDependentModules, error);
+}
+
+void DebugSession::discardTarget() {
+  debugger.DeleteTarget(target);
+  target = lldb::SBTarget();
+}
+
+bool DebugSession::stateChangeIsQueued() {
+  lldb::SBEvent event;
+  return debugger.GetListener().PeekAtNextEventForBroadcasterWithType(
+      process.GetBroadcaster(), lldb::SBProcess::eBroadcastBitStateChanged, event);
+}
+
+void DebugSession::waitWhileAttaching() {
+  while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
+}
+
+void DebugSession::startEventThread() {
+  LOG_RECORD("Restarting event thread\n");
+  endEventThread();
+  EventMonitor::Milestones milestones;
+  std::future<void> listening = milestones.listening.get_future();
+  firstStateReported = milestones.firstStateReported.get_future();
+  eventThread = std::make_unique<std::thread>([this, milestones = std::move(milestones)]() mutable {
+    EventMonitor(debugger, target, channel, stopEventThread, std::move(milestones)).run();
+  });
+  // A stop requested before the thread has cleared the flag would be lost, so wait for it.
+  listening.wait();
+}
+
+void DebugSession::endEventThread() {
+  if (!eventThread) return;
+  stopEventThread = true;
+  wakeup.BroadcastEventByType(EventMonitor::wakeupBit);
+  eventThread->join();
+  eventThread.reset();
+}
+
+void DebugSession::waitForFirstState() { firstStateReported.wait_for(firstStateBound); }
