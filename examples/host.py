@@ -1,0 +1,65 @@
+"""A host for lldb-helper in one screen of code. Copy it, or read it before you write your own.
+
+What a host has to know:
+
+* The helper is a child process. It gets the numbers of two descriptors: it reads requests from the
+  first and writes messages to the second. Each message is a frame: the length of its JSON text as 4
+  bytes in this machine's byte order, then the text.
+* A request is an object with "command", the command's arguments beside it, and an "id" (a number).
+  Every request gets exactly one response, in order, with the same "id".
+* Messages with "status": "event" are news about the debugged process. They come at any time, even
+  before the response to the request that caused them, so keep them apart from the responses.
+* Read all the time. The helper waits for a host that does not.
+"""
+
+import json
+import os
+import queue
+import struct
+import subprocess
+import threading
+
+
+class Helper:
+    def __init__(self, program):
+        requests_out, requests_in = os.pipe()
+        messages_out, messages_in = os.pipe()
+        self.child = subprocess.Popen(
+            [program, str(requests_out), str(messages_in)], pass_fds=(requests_out, messages_in)
+        )
+        os.close(requests_out)
+        os.close(messages_in)
+        self.requests = os.fdopen(requests_in, "wb")
+        self.messages = os.fdopen(messages_out, "rb")
+        self.next_id = 1
+        self.responses = queue.Queue()
+        self.events = queue.Queue()
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        """Sorts what the helper says into responses and events, until it is gone."""
+        while len(prefix := self.messages.read(4)) == 4:
+            (length,) = struct.unpack("=I", prefix)
+            message = json.loads(self.messages.read(length))
+            is_event = message["status"] == "event"
+            (self.events if is_event else self.responses).put(message)
+
+    def ask(self, command, **arguments):
+        """Sends a request and returns its response."""
+        request = {"command": command, "id": self.next_id, **arguments}
+        text = json.dumps(request).encode()
+        self.requests.write(struct.pack("=I", len(text)) + text)
+        self.requests.flush()
+        response = self.responses.get(timeout=60)
+        assert response.get("id") == self.next_id, response
+        self.next_id += 1
+        return response
+
+    def next_event(self):
+        return self.events.get(timeout=60)
+
+    def close(self):
+        """Ends the helper: the end of its input is its only signal to stop. A process that still
+        exists must be deleted before."""
+        self.requests.close()
+        return self.child.wait(timeout=60)

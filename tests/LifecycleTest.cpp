@@ -1,0 +1,169 @@
+// Starting, stopping and ending, in orders and at speeds that a debugger's threads dislike.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <chrono>
+
+#include "support/Host.h"
+
+namespace {
+
+const json ok{{"status", "ok"}};
+const json preparation{{"command", "prepareExecutable"}, {"path", inferior("hello")}, {"triple", ""}};
+
+json command(const char *name) { return {{"command", name}}; }
+
+/// Sends all in one write and returns the responses' statuses, once they are there.
+std::vector<std::string> pipelined(Host &host, const std::vector<json> &requests) {
+  std::string bytes;
+  for (const json &request : requests) bytes += Host::frame(request.dump());
+  host.sendBytes(bytes);
+  std::vector<std::string> statuses;
+  while (statuses.size() < requests.size()) {
+    const json message = host.nextMessage();
+    if (message["status"] != "event")
+      statuses.push_back(message["status"] == "ok" ? "ok" : message["message"].get<std::string>());
+  }
+  return statuses;
+}
+
+using Statuses = std::vector<std::string>;
+
+TEST(Lifecycle, CreateAndDeleteBackToBack) {
+  Host host;
+  for (int round = 0; round < 200; ++round)
+    ASSERT_EQ(pipelined(host, {preparation, command("createProcess"), command("deleteProcess")}),
+              (Statuses{"ok", "ok", "ok"}))
+        << round;
+  EXPECT_TRUE(descendants(host.pid(), "hello").empty());
+  awaitThat("no lldb-server is left",
+            [&] { return descendants(host.pid(), "lldb-server").empty(); });
+}
+
+TEST(Lifecycle, ContinueRightBehindCreate) {
+  Host host;
+  for (int round = 0; round < 200; ++round) {
+    ASSERT_EQ(pipelined(host, {preparation, command("createProcess"), command("continueExecution")}),
+              (Statuses{"ok", "ok", "ok"}))
+        << round;
+    // A stranded process would never get here. Its exit may have been read along with the responses.
+    const auto exited = [](const json &event) {
+      return event.value("state_desc", "") == "eStateExited" && event["exit_status"] == 3;
+    };
+    if (std::none_of(host.history.begin(), host.history.end(), exited)) host.awaitEvent(exited);
+    host.history.clear();
+    ASSERT_EQ(host.ask("deleteProcess"), ok);
+  }
+}
+
+TEST(Lifecycle, ContinueRightBehindCreateInAFreshProgram) {
+  for (int round = 0; round < 20; ++round) {
+    Host host;
+    pipelined(host, {preparation, command("createProcess"), command("continueExecution")});
+    const auto exited = [](const json &event) {
+      return event.value("state_desc", "") == "eStateExited";
+    };
+    if (std::none_of(host.history.begin(), host.history.end(), exited)) host.awaitEvent(exited);
+    ASSERT_EQ(host.ask("deleteProcess"), ok);
+  }
+}
+
+TEST(Lifecycle, NoGhostsOfTheRunBefore) {
+  Host host;
+  for (int round = 0; round < 20; ++round) {
+    host.launch(inferior("wait"));
+    ASSERT_EQ(host.ask("deleteProcess"), ok);
+  }
+  for (const json &message : host.history) {
+    EXPECT_EQ(message.count("exit_status"), 0u) << message;
+    if (message["status"] == "event" && message["type"] == "state")
+      EXPECT_EQ(message["state_desc"], "eStateStopped");
+  }
+}
+
+TEST(Lifecycle, DeleteProcessDoesNotWaitForTheEventThreadsTimeout) {
+  Host host;
+  auto shortest = std::chrono::nanoseconds::max();
+  for (int round = 0; round < 5; ++round) {
+    host.launch(inferior("wait"));
+    host.awaitState("eStateStopped");
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(host.ask("deleteProcess"), ok);
+    shortest = std::min(shortest, std::chrono::steady_clock::now() - start);
+  }
+  // The event thread waits for a whole second at a time, and has just begun to.
+  EXPECT_LT(shortest, std::chrono::milliseconds(500));
+}
+
+TEST(Lifecycle, DeletingARunningProcessLeavesNothing) {
+  Host host;
+  for (int round = 0; round < 5; ++round) {
+    host.launch(inferior("wait"));
+    ASSERT_EQ(host.ask("continueExecution"), ok);
+    host.awaitEvent([](const json &event) { return event["type"] == "stdout"; });
+    EXPECT_EQ(host.ask("getProcessState")["state-string"], "eStateRunning");
+    ASSERT_EQ(host.ask("deleteProcess"), ok);
+    EXPECT_TRUE(descendants(host.pid(), "wait").empty());
+  }
+  host.closeRequests();
+  EXPECT_EQ(host.exitStatus(), 0);
+}
+
+TEST(Lifecycle, BreakContinueAndStop) {
+  Host host;
+  host.launch(inferior("wait"));
+  host.awaitState("eStateStopped");
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(host.ask("continueExecution"), ok);
+    host.awaitState("eStateRunning");
+    const json twice = host.ask("continueExecution");
+    EXPECT_EQ(twice["status"], "error");
+    EXPECT_NE(twice["message"], "");
+    ASSERT_EQ(host.ask("breakExecution"), ok);
+    EXPECT_EQ(host.awaitState("eStateStopped")["inferior_state"], 5);
+  }
+  ASSERT_EQ(host.ask("stopExecution"), ok);
+  host.awaitState("eStateExited");
+  EXPECT_EQ(host.ask("getProcessState")["state"], 10);
+  EXPECT_EQ(host.ask("continueExecution")["status"], "error");
+  EXPECT_EQ(host.ask("deleteProcess"), ok);
+}
+
+TEST(Lifecycle, DetachLeavesTheProcessAlone) {
+  Host host;
+  host.launch(inferior("wait"));
+  host.ask("continueExecution");
+  host.awaitEvent([](const json &event) { return event["type"] == "stdout"; });
+  const auto inferiors = descendants(host.pid(), "wait");
+  ASSERT_EQ(inferiors.size(), 1u);
+  ASSERT_EQ(host.ask("detach"), ok);
+  EXPECT_EQ(host.ask("createProcess"),
+            (json{{"message", "process already exists"}, {"status", "error"}}));
+  EXPECT_EQ(host.ask("deleteProcess"), ok);
+  EXPECT_EQ(kill(inferiors[0], 0), 0) << "the process is gone";
+  host.launch(inferior("hello"));
+  EXPECT_EQ(host.ask("deleteProcess"), ok);
+}
+
+TEST(Lifecycle, TheEndUnderARunningEventThreadIsAbnormal) {
+  Host host;
+  host.launch(inferior("wait"));
+  host.closeRequests();
+  const int status = host.waitForEnd();
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+}
+
+TEST(Lifecycle, TheEndAfterDeleteProcessIsOrderly) {
+  for (int round = 0; round < 5; ++round) {
+    Host host;
+    host.launch(inferior("hello"));
+    host.ask("continueExecution");
+    host.awaitExit();
+    host.ask("deleteProcess");
+    host.closeRequests();
+    ASSERT_EQ(host.exitStatus(), 0);
+  }
+}
+
+}  // namespace
