@@ -156,7 +156,9 @@ TEST(JsonText, StringsAreDecoded) {
       {R"("\ud83d\ud83d\ude00")", "\xed\xa0\xbd\xf0\x9f\x98\x80"},
       {R"("\ud83dx\ude00")", "\xed\xa0\xbdx\xed\xb8\x80"},
       {R"("\ud83d\n\ude00")", "\xed\xa0\xbd\n\xed\xb8\x80"},
-      {R"("\ud83d\u0041")", "\xed\xa0\xbd" "A"},
+      {R"("\ud83d\u0041")",
+       "\xed\xa0\xbd"
+       "A"},
       {"\"\xff\x80 raw\"", "\xff\x80 raw"},
   };
   for (const auto &[text, value] : rows) EXPECT_EQ(parsed(text).stringValue(), value) << text;
@@ -202,8 +204,8 @@ TEST(JsonText, CommentsAreForThoseWhoAsk) {
   for (const auto &[text, message] : rows) EXPECT_EQ(parseError(text, comments), message) << text;
 }
 
-/// A document whose every value has one reading only, whichever reader it is. Strings are ASCII and the
-/// suffix.
+/// A document whose every value has one reading only, whichever reader it is. Strings are ASCII and
+/// the suffix.
 nlohmann::json randomDocument(std::mt19937 &random, int depth, const std::string &suffix = "") {
   const auto pick = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
   switch (pick(depth > 4 ? 5 : 7)) {
@@ -250,8 +252,8 @@ TEST(JsonText, BrokenTextsAreRefusedByBothReaders) {
     text[random() % text.size()] = "{}[],:\"\\x-. "[random() % 12];
     std::string error;
     Json::parse(text, error);
-    // No exponents and no bytes beyond ASCII: the other reader refuses numbers too large for a double
-    // and broken UTF-8.
+    // No exponents and no bytes beyond ASCII: the other reader refuses numbers too large for a
+    // double and broken UTF-8.
     EXPECT_EQ(error.empty(), nlohmann::json::accept(text)) << text << ": " << error;
     refused += !error.empty();
   }

@@ -159,7 +159,8 @@ TEST(Launch, AFailedLaunchIsNeverOk) {
       EXPECT_EQ(response["status"], "error");
       const std::string message = response["message"];
       EXPECT_EQ(message.rfind(failure.message, 0), 0u) << message;
-      EXPECT_GT(message.size(), failure.message.size() + 5) << "LLDB's text is missing: " << message;
+      EXPECT_GT(message.size(), failure.message.size() + 5)
+          << "LLDB's text is missing: " << message;
       EXPECT_EQ(host.ask("getProcessState"), error("no target"));
       EXPECT_EQ(host.ask("hasProcess"), error("no process"));
     }
@@ -174,7 +175,8 @@ TEST(Launch, ADebugServerThatTheUserNamedIsUsed) {
   Host host(Host::Options{.environment = {"LLDB_DEBUGSERVER_PATH=/nowhere/lldb-server"}});
   host.prepare(inferior("hello"));
   const json response = host.ask("createProcess");
-  EXPECT_EQ(response["message"].get<std::string>().rfind("cannot create process: ", 0), 0u) << response;
+  EXPECT_EQ(response["message"].get<std::string>().rfind("cannot create process: ", 0), 0u)
+      << response;
   EXPECT_EQ(host.ask("getProcessState"), error("no target"));
 }
 
@@ -187,7 +189,8 @@ std::string countingLines(std::size_t size) {
   std::string text;
   for (int line = 0; text.size() < size; ++line) {
     char bytes[16];
-    text.append(bytes, static_cast<std::size_t>(std::snprintf(bytes, sizeof bytes, "%07d\r\n", line)));
+    text.append(bytes,
+                static_cast<std::size_t>(std::snprintf(bytes, sizeof bytes, "%07d\r\n", line)));
   }
   return text;
 }
@@ -196,8 +199,7 @@ TEST(Launch, NoOutputIsLost) {
   Host host;
   // Eight bytes a line leave the program, nine arrive; 256 is what one event carries.
   for (const std::size_t lines : {1, 28, 32, 256, 1250, 131072}) {
-    const std::string output =
-        run(host, inferior("flood"), {{"args", std::to_string(8 * lines)}});
+    const std::string output = run(host, inferior("flood"), {{"args", std::to_string(8 * lines)}});
     EXPECT_EQ(output.size(), 9 * lines);
     EXPECT_TRUE(output == countingLines(9 * lines)) << lines << " lines are not what was written";
   }

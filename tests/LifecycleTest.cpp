@@ -10,7 +10,8 @@
 namespace {
 
 const json ok{{"status", "ok"}};
-const json preparation{{"command", "prepareExecutable"}, {"path", inferior("hello")}, {"triple", ""}};
+const json preparation{
+    {"command", "prepareExecutable"}, {"path", inferior("hello")}, {"triple", ""}};
 
 json command(const char *name) { return {{"command", name}}; }
 
@@ -44,10 +45,12 @@ TEST(Lifecycle, CreateAndDeleteBackToBack) {
 TEST(Lifecycle, ContinueRightBehindCreate) {
   Host host;
   for (int round = 0; round < 200; ++round) {
-    ASSERT_EQ(pipelined(host, {preparation, command("createProcess"), command("continueExecution")}),
-              (Statuses{"ok", "ok", "ok"}))
+    ASSERT_EQ(
+        pipelined(host, {preparation, command("createProcess"), command("continueExecution")}),
+        (Statuses{"ok", "ok", "ok"}))
         << round;
-    // A stranded process would never get here. Its exit may have been read along with the responses.
+    // A stranded process would never get here. Its exit may have been read along with the
+    // responses.
     const auto exited = [](const json &event) {
       return event.value("state_desc", "") == "eStateExited" && event["exit_status"] == 3;
     };

@@ -160,7 +160,9 @@ extern "C" {
 
 void openlog(const char *ident, int, int) { syslogCalls.ident = ident; }
 
-int setlogmask(int mask) { return mask == 0 ? syslogCalls.mask : std::exchange(syslogCalls.mask, mask); }
+int setlogmask(int mask) {
+  return mask == 0 ? syslogCalls.mask : std::exchange(syslogCalls.mask, mask);
+}
 
 void syslog(int priority, const char *format, ...) {
   char text[1024];

@@ -36,7 +36,8 @@ TEST(Protocol, AnswersAreExact) {
       {"", R"({"message": "Cannot decode JSON: unexpected end of input", "status": "error"})"},
       {"{\"command\":\"ping\"}\0garbage"s, R"({"status": "ok"})"},
       {"\0"s, R"({"message": "Cannot decode JSON: unexpected end of input", "status": "error"})"},
-      {R"({"id":3)", R"({"message": "Cannot decode JSON: unexpected end of input", "status": "error"})"},
+      {R"({"id":3)",
+       R"({"message": "Cannot decode JSON: unexpected end of input", "status": "error"})"},
       {"{\"command\":\"\xff\n\"}",
        R"({"message": "Cannot decode JSON: unescaped (10) in string", "status": "error"})"},
   };
@@ -52,9 +53,9 @@ TEST(Protocol, AnswersAreExact) {
 
 TEST(Protocol, CommandsWithoutTargetOrProcess) {
   const std::pair<const char *, const char *> rows[] = {
-      {"detach", "no process"},         {"deleteProcess", "no process"},
-      {"hasProcess", "no process"},     {"stopExecution", "no process"},
-      {"breakExecution", "no process"}, {"getProcessState", "no target"},
+      {"detach", "no process"},           {"deleteProcess", "no process"},
+      {"hasProcess", "no process"},       {"stopExecution", "no process"},
+      {"breakExecution", "no process"},   {"getProcessState", "no target"},
       {"continueExecution", "no target"},
   };
   Host host;
@@ -76,7 +77,8 @@ TEST(Protocol, FramesMayComeInAnyPortions) {
   EXPECT_EQ(host.nextText(), R"({"id": 1, "status": "ok"})");
 
   std::string many;
-  for (int id = 0; id < 1000; ++id) many += Host::frame(json{{"command", "ping"}, {"id", id}}.dump());
+  for (int id = 0; id < 1000; ++id)
+    many += Host::frame(json{{"command", "ping"}, {"id", id}}.dump());
   host.sendBytes(many);
   for (int id = 0; id < 1000; ++id) ASSERT_EQ(host.nextMessage()["id"], id);
 }
@@ -92,12 +94,12 @@ TEST(Protocol, ALargeRequestIsAnswered) {
 /// What ends the input ends the program, in order and without an answer.
 TEST(Protocol, EndOfInput) {
   const std::string rows[] = {
-      "",                      // nothing at all
-      "\x05\0"s,               // half a length
-      "\x05\0\0\0{\"co"s,      // half a text
-      "\xff\xff\xff\xff{}"s,   // 4 GiB less a byte
-      "\0\0\0\x80{}"s,         // 2 GiB
-      "\xff\xff\xff\x7f{}"s,   // 2 GiB less a byte, of which two come
+      "",                     // nothing at all
+      "\x05\0"s,              // half a length
+      "\x05\0\0\0{\"co"s,     // half a text
+      "\xff\xff\xff\xff{}"s,  // 4 GiB less a byte
+      "\0\0\0\x80{}"s,        // 2 GiB
+      "\xff\xff\xff\x7f{}"s,  // 2 GiB less a byte, of which two come
   };
   for (const std::string &bytes : rows) {
     Host host;
@@ -120,12 +122,12 @@ TEST(Protocol, AReaderThatIsGoneIsNoReasonToEnd) {
 
 TEST(Protocol, DescriptorsThatCannotBeUsed) {
   // 0 is the requests' pipe: it can be read, not written.
-  for (const auto &arguments : {std::vector<std::string>{"77", "78"}, {"0", "78"}, {"77", "1"},
-                                {"-1", "1"}}) {
+  for (const auto &arguments :
+       {std::vector<std::string>{"77", "78"}, {"0", "78"}, {"77", "1"}, {"-1", "1"}}) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    Host host(Host::Options{.arguments = arguments,
-                            .prepare = [&] { dup2(ends[1], STDERR_FILENO); }});
+    Host host(
+        Host::Options{.arguments = arguments, .prepare = [&] { dup2(ends[1], STDERR_FILENO); }});
     close(ends[1]);
     EXPECT_EQ(host.exitStatus(), 1);
     char complaint[256];
@@ -156,7 +158,8 @@ std::string console(const std::vector<std::string> &arguments, const std::string
 TEST(Console, EchoesAndAnswers) {
   const std::string ok = "OUTPUT: {\"status\": \"ok\"}";
   const std::string nothing =
-      "OUTPUT: {\"message\": \"Cannot decode JSON: unexpected end of input\", \"status\": \"error\"}";
+      "OUTPUT: {\"message\": \"Cannot decode JSON: unexpected end of input\", \"status\": "
+      "\"error\"}";
   const std::string ping = "{\"command\":\"ping\"}";
   EXPECT_EQ(console({}, ping + "\n" + ping + "\n"),
             "INPUT: " + ping + "\n\n" + ok + "INPUT: " + ping + "\n\n" + ok);
@@ -173,10 +176,11 @@ TEST(Console, LongLinesAreSeveralRequests) {
   // 1,023 bytes are one request with its line end left over as the next.
   const std::string fill(1023 - 18, ' ');
   const std::string output = console({}, "{\"command\":\"ping\"}" + fill + "\n");
-  EXPECT_EQ(output,
-            "INPUT: {\"command\":\"ping\"}" + fill + "\nOUTPUT: {\"status\": \"ok\"}INPUT: \n\n" +
-                "OUTPUT: {\"message\": \"Cannot decode JSON: unexpected end of input\", \"status\": " +
-                "\"error\"}");
+  EXPECT_EQ(
+      output,
+      "INPUT: {\"command\":\"ping\"}" + fill + "\nOUTPUT: {\"status\": \"ok\"}INPUT: \n\n" +
+          "OUTPUT: {\"message\": \"Cannot decode JSON: unexpected end of input\", \"status\": " +
+          "\"error\"}");
 }
 
 }  // namespace

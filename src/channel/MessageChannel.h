@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 #include <mutex>
 #include <optional>
@@ -17,6 +18,9 @@
 /// The main thread reads. Any thread writes: every message leaves through writeMessage, whole.
 class MessageChannel {
  public:
+  /// A longer text does not fit a frame: its length has 32 bits.
+  static constexpr std::size_t longestText = 0xffffffff;
+
   /// The streams stay the caller's and must outlive the channel.
   MessageChannel(FILE *input, FILE *output, bool consoleMode);
   MessageChannel(const MessageChannel &) = delete;

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
+#include <mutex>
+#include <new>
 #include <utility>
 
 #include "json/JsonValue.h"
@@ -133,6 +136,47 @@ class JsonArray final : public JsonValue {
   Json::array items;
 };
 
+/// An array of numbers from 0 to 255. The items become values only for readers that want them all.
+class JsonByteArray final : public JsonValue {
+ public:
+  explicit JsonByteArray(JsonBytes bytes) : bytes(std::move(bytes)) {}
+  JsonType type() const override { return JsonType::Array; }
+  bool equals(const JsonValue &other) const override { return arrayItems() == other.arrayItems(); }
+  bool less(const JsonValue &other) const override { return arrayItems() < other.arrayItems(); }
+  void dump(std::string &out) const override {
+    // Room for what follows the array in a message too: a large text must not be moved for its
+    // tail.
+    constexpr std::size_t tail = 256;
+    out.reserve(out.size() + bytes.textSize() + tail);
+    appendByteArray(out, bytes.data(), bytes.size());
+  }
+  const Json::array &arrayItems() const override {
+    std::call_once(itemsMade, [this] {
+      items.reserve(bytes.size());
+      for (std::size_t index = 0; index < bytes.size(); ++index) items.push_back((*this)[index]);
+    });
+    return items;
+  }
+  const Json &operator[](std::size_t index) const override {
+    return index < bytes.size() ? byteNumber(bytes.data()[index]) : JsonValue::operator[](index);
+  }
+
+ private:
+  /// The one value for each of the 256 numbers.
+  static const Json &byteNumber(std::uint8_t byte) {
+    static const Json::array numbers = [] {
+      Json::array all;
+      for (std::int32_t number = 0; number < 256; ++number) all.emplace_back(number);
+      return all;
+    }();
+    return numbers[byte];
+  }
+
+  JsonBytes bytes;
+  mutable std::once_flag itemsMade;
+  mutable Json::array items;
+};
+
 class JsonObject final : public JsonValue {
  public:
   explicit JsonObject(Json::object members) : members(std::move(members)) {}
@@ -183,6 +227,16 @@ const Json &nullJson() {
 
 }  // namespace
 
+JsonBytes::JsonBytes(std::size_t size)
+    : bytes(static_cast<std::uint8_t *>(std::calloc(std::max<std::size_t>(size, 1), 1))),
+      count(size) {
+  if (!bytes) throw std::bad_alloc();
+}
+
+void JsonBytes::Free::operator()(std::uint8_t *bytes) const { std::free(bytes); }
+
+std::size_t JsonBytes::textSize() const { return byteArraySize(data(), size()); }
+
 double JsonValue::numberValue() const { return 0.0; }
 std::int32_t JsonValue::intValue() const { return 0; }
 bool JsonValue::boolValue() const { return false; }
@@ -205,6 +259,7 @@ Json::Json(const array &value) : value(std::make_shared<JsonArray>(value)) {}
 Json::Json(array &&value) : value(std::make_shared<JsonArray>(std::move(value))) {}
 Json::Json(const object &value) : value(std::make_shared<JsonObject>(value)) {}
 Json::Json(object &&value) : value(std::make_shared<JsonObject>(std::move(value))) {}
+Json::Json(JsonBytes &&value) : value(std::make_shared<JsonByteArray>(std::move(value))) {}
 
 JsonType Json::type() const { return value->type(); }
 double Json::numberValue() const { return value->numberValue(); }

@@ -19,6 +19,29 @@ enum class JsonParseMode {
 
 class JsonValue;
 
+/// A block of bytes on its way to becoming a Json array with one number from 0 to 255 for each
+/// byte. To every reader that array is one like any other; it only takes a byte for each item, not
+/// a value.
+class JsonBytes {
+ public:
+  /// `size` zero bytes, which cost no memory before they are written. Throws std::bad_alloc.
+  explicit JsonBytes(std::size_t size);
+
+  std::uint8_t *data() { return bytes.get(); }
+  const std::uint8_t *data() const { return bytes.get(); }
+  std::size_t size() const { return count; }
+
+  /// The size in bytes of the array's text.
+  std::size_t textSize() const;
+
+ private:
+  struct Free {
+    void operator()(std::uint8_t *bytes) const;
+  };
+  std::unique_ptr<std::uint8_t[], Free> bytes;
+  std::size_t count;
+};
+
 /// One immutable JSON value: a handle on a shared, never changed payload.
 ///
 /// Copying costs one atomic increment, and handles may be copied and destroyed on different
@@ -51,6 +74,7 @@ class Json {
   Json(array &&value);
   Json(const object &value);
   Json(object &&value);
+  Json(JsonBytes &&value);
   /// Any other pointer would quietly become a bool.
   Json(const void *) = delete;
 

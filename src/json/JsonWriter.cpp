@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <string_view>
 
 namespace {
@@ -59,6 +60,29 @@ std::size_t appendEscape(std::string &out, std::string_view rest) {
   }
 }
 
+/// What an array holds for one byte: the number, and the separator in front of the next one.
+struct ByteText {
+  char text[5];
+  std::uint8_t size;
+};
+
+constexpr std::array<ByteText, 256> makeByteTexts() {
+  std::array<ByteText, 256> texts{};
+  for (int number = 0; number < 256; ++number) {
+    ByteText &entry = texts[static_cast<std::size_t>(number)];
+    for (int unit = 100; unit > 0; unit /= 10)
+      if (number >= unit || unit == 1)
+        entry.text[entry.size++] = static_cast<char>('0' + number / unit % 10);
+    entry.text[entry.size++] = ',';
+    entry.text[entry.size++] = ' ';
+  }
+  return texts;
+}
+constexpr std::array<ByteText, 256> byteTexts = makeByteTexts();
+
+/// Behind the last item stands no separator.
+constexpr std::size_t separatorSize = 2;
+
 }  // namespace
 
 void appendNumber(std::string &out, std::int32_t value) { appendInteger(out, value); }
@@ -87,4 +111,31 @@ void appendQuoted(std::string &out, const std::string &text) {
     if (position < bytes.size()) position += appendEscape(out, bytes.substr(position));
   }
   out += '"';
+}
+
+void appendByteArray(std::string &out, const std::uint8_t *bytes, std::size_t count) {
+  out += '[';
+  char piece[4096];
+  std::size_t size = 0;
+  for (std::size_t index = 0; index < count; ++index) {
+    const ByteText &entry = byteTexts[bytes[index]];
+    // Always all five: a fixed size is what makes this fast. The next entry overwrites the excess.
+    std::memcpy(piece + size, entry.text, sizeof entry.text);
+    size += entry.size;
+    if (size > sizeof piece - sizeof entry.text) {
+      out.append(piece, size);
+      size = 0;
+    }
+  }
+  out.append(piece, size);
+  if (count > 0) out.resize(out.size() - separatorSize);
+  out += ']';
+}
+
+std::size_t byteArraySize(const std::uint8_t *bytes, std::size_t count) {
+  // The brackets take as much room as the separator that the last item does not have.
+  if (count == 0) return 2;
+  std::size_t size = 0;
+  for (std::size_t index = 0; index < count; ++index) size += byteTexts[bytes[index]].size;
+  return size;
 }

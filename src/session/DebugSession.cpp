@@ -74,13 +74,10 @@ bool DebugSession::stateChangeIsQueued() {
       process.GetBroadcaster(), lldb::SBProcess::eBroadcastBitStateChanged, event);
 }
 
-void DebugSession::waitWhileAttaching() {
-  while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
-}
-
 void DebugSession::startEventThread() {
   LOG_RECORD("Restarting event thread\n");
   endEventThread();
+  stateChangeWasQueued = stateChangeIsQueued();
   EventMonitor::Milestones milestones;
   std::future<void> listening = milestones.listening.get_future();
   firstStateReported = milestones.firstStateReported.get_future();
@@ -99,4 +96,10 @@ void DebugSession::endEventThread() {
   eventThread.reset();
 }
 
-void DebugSession::waitForFirstState() { firstStateReported.wait_for(firstStateBound); }
+void DebugSession::waitUntilSettled() {
+  const bool attaching = process.GetState() == lldb::eStateAttaching;
+  while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
+  // LLDB follows a stop only when it is taken from the listener; resuming before that would strand
+  // the process. Where nothing was queued nothing will come: LLDB 14 reports no stop at entry.
+  if (attaching || stateChangeWasQueued) firstStateReported.wait_for(firstStateBound);
+}

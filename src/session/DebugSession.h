@@ -13,6 +13,7 @@
 
 #include "channel/ArgumentText.h"
 #include "channel/MessageChannel.h"
+#include "commands/ApplicationInput.h"
 #include "json/Json.h"
 
 /// The one session: the channel to the host, LLDB's debugger, and at most one target and process.
@@ -53,6 +54,10 @@ class DebugSession {
                          std::vector<EnvironmentEntry> environment,
                          std::vector<std::string> arguments);
   Json createProcess();
+  Json attachToProcess(std::uint64_t pid, const std::string &executable, bool is64Bits,
+                       const std::string &triple);
+  Json connectRemote(bool is64Bits, const std::string &triple, const std::string &url,
+                     const std::string &plugin, const std::string &file);
   Json detach();
   Json deleteProcess();
 
@@ -62,6 +67,40 @@ class DebugSession {
   Json continueExecution();
   Json stopExecution();
   Json breakExecution();
+
+  // Threads. The selected one is what registers, steps and the call stack are about.
+  Json getThreadIDList();
+  Json selectThreadID(std::uint64_t id);
+
+  // Registers, of the selected frame.
+  Json getRegisters();
+  Json setRegister(const std::string &name, const std::string &value);
+
+  // Breakpoints and steps. A step's result arrives as events.
+  Json setBreakpointAtVirtualAddress(std::uint64_t address);
+  Json removeBreakpoint(std::int32_t id);
+  Json removeAllBreakpoints();
+  Json stepInstruction();
+  Json stepOver();
+  Json stepOut();
+
+  // Memory.
+  Json readMemory(std::uint64_t address, std::int64_t length);
+  Json writeByte(std::uint64_t address, std::uint8_t byte);
+
+  // The call stack of the selected thread.
+  Json getCallstack();
+  Json selectFrame(std::uint32_t index);
+
+  // LLDB's own command line, and the inferior's standard input.
+  Json executeCommand(const std::string &commandLine);
+  Json completeCommand(const std::string &commandLine, std::uint32_t position);
+  Json sendToApplication(const Json::array &data);
+
+  // Modules: the executable and every loaded library.
+  Json moduleCount();
+  Json moduleAtIndex(std::uint32_t index);
+  Json moduleForFile(const std::string &file);
 
  private:
   /// The process that LLDB holds for the current target; invalid when there is no target or it has
@@ -81,11 +120,22 @@ class DebugSession {
 
   lldb::SBProcess launchTarget(lldb::SBError &error);
 
-  /// Whether LLDB has queued a state change of `process` that nobody has taken yet.
-  bool stateChangeIsQueued();
+  /// {"module": ...}: the module with its top-level sections, where they lie in the file and in
+  /// memory.
+  Json describeModule(lldb::SBModule module);
 
-  /// Sleeps until LLDB has finished attaching to `process`.
-  void waitWhileAttaching();
+  /// Connects through LLDB's command line, the only road to a kernel's debug stub.
+  void connectThroughInterpreter(const std::string &plugin, const std::string &url);
+
+  /// Runs one command line and logs it. Its result is not looked at.
+  void interpret(const std::string &commandLine);
+
+  /// A target for the connection. Where LLDB is to choose the architecture, the triple is empty.
+  lldb::SBTarget buildRemoteTarget();
+
+  /// Whether LLDB has queued a state change of `process` that nobody has taken yet. For the time
+  /// without event thread: until it is taken, LLDB's state stays what it was.
+  bool stateChangeIsQueued();
 
   /// Gives `process` a new event thread, in place of a running one, and returns once it listens.
   void startEventThread();
@@ -93,8 +143,9 @@ class DebugSession {
   /// Ends the event thread, if there is one, and waits for it.
   void endEventThread();
 
-  /// Waits, within bounds, until the event thread has reported the first state change.
-  void waitForFirstState();
+  /// Returns when LLDB has finished attaching to `process` and follows its stop, so that the host's
+  /// next request acts on the state that the process is really in. Needs the event thread.
+  void waitUntilSettled();
 
   MessageChannel channel;
 
@@ -111,9 +162,12 @@ class DebugSession {
   std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB's choice
   bool is64Bits = true;                        ///< only logged
 
+  std::unique_ptr<ApplicationInput> applicationInput;  ///< null until the process is sent something
+
   // The event thread.
   lldb::SBBroadcaster wakeup{"lldb-helper.wakeup"};  ///< its events only end a wait early
-  std::future<void> firstStateReported;              ///< belongs to the current event thread
+  bool stateChangeWasQueued = false;                 ///< when the current event thread started
+  std::future<void> firstStateReported;              ///< by the current event thread
   std::unique_ptr<std::thread> eventThread;          ///< null when there is none
   std::atomic<bool> stopEventThread;  ///< set by the main thread, cleared by a new event thread
 };

@@ -7,7 +7,7 @@
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "session/DebugSession.h"
-#include "session/ErrorText.h"
+#include "session/Outcome.h"
 #include "session/StateName.h"
 
 namespace {
@@ -19,21 +19,6 @@ std::vector<const char *> cStrings(const std::vector<std::string> &texts) {
   for (const std::string &text : texts) pointers.push_back(text.c_str());
   pointers.push_back(nullptr);
   return pointers;
-}
-
-/// A process of a launch that failed. LLDB may hand one out that looks valid; what tells it is the
-/// error together with a state from before the first instruction.
-bool neverRan(lldb::SBProcess &process, const lldb::SBError &error) {
-  if (!process.IsValid()) return true;
-  if (error.Success()) return false;
-  switch (process.GetState()) {
-    case lldb::eStateInvalid:
-    case lldb::eStateUnloaded:
-    case lldb::eStateConnected:
-    case lldb::eStateAttaching:
-    case lldb::eStateLaunching: return true;
-    default: return false;
-  }
 }
 
 }  // namespace
@@ -51,14 +36,10 @@ Json DebugSession::createProcess() {
     return errorResponse("createProcess", "cannot create process: " + errorText(error));
   }
 
-  // LLDB follows the stop at entry only when the event thread takes it: a host's next request must
-  // not resume the process before that. LLDB 14 queues no such stop.
-  const bool entryStopIsQueued = stateChangeIsQueued();
   startEventThread();
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());
-  waitWhileAttaching();
-  if (entryStopIsQueued) waitForFirstState();
+  waitUntilSettled();
   LOG_RECORD("Process is ready with final state %s\n", stateName(process.GetState()).c_str());
 
   if (process.GetState() == lldb::eStateExited)

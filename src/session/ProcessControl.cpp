@@ -2,7 +2,7 @@
 
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"
-#include "session/ErrorText.h"
+#include "session/Outcome.h"
 #include "session/StateName.h"
 
 Json DebugSession::detach() {
@@ -19,6 +19,7 @@ Json DebugSession::deleteProcess() {
   if (!current.IsValid()) return errorResponse("deleteProcess", "no process");
   endEventThread();
   current.Destroy();
+  applicationInput.reset();
   discardTarget();
   return okResponse();
 }

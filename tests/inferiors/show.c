@@ -1,4 +1,5 @@
-/* Shows how it was started: arguments, working directory, environment, blocked signals, descriptors. */
+/* Shows how it was started: arguments, working directory, environment, blocked signals,
+ * descriptors. */
 #include <dirent.h>
 #include <stdio.h>
 #include <string.h>

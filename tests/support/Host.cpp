@@ -60,7 +60,8 @@ std::pair<pid_t, std::string> parentAndName(pid_t pid) {
 Host::Host() : Host(Options{}) {}
 
 Host::Host(Options options) {
-  // What the program leaves behind when it dies becomes our child, so that it can be found and ended.
+  // What the program leaves behind when it dies becomes our child, so that it can be found and
+  // ended.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   const Pipe toChild, fromChild;
   const bool console = options.arguments.has_value();
@@ -241,8 +242,12 @@ int Host::exitStatus() {
 }
 
 json Host::prepare(const std::string &program, json more) {
-  json request{{"command", "prepareExecutable"}, {"path", program}, {"triple", ""},
-               {"cwd", ""},                      {"args", ""},      {"env", ""},
+  json request{{"command", "prepareExecutable"},
+               {"path", program},
+               {"triple", ""},
+               {"cwd", ""},
+               {"args", ""},
+               {"env", ""},
                {"is64Bits", true}};
   request.update(more);
   return ask(request);

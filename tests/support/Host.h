@@ -12,9 +12,9 @@
 
 using json = nlohmann::json;
 
-/// A host as the tests need it: runs the program as a child, speaks frames or console lines with it,
-/// and takes everything that the program started along when it ends. Anything that is awaited has a
-/// deadline; missing it throws, which fails the test.
+/// A host as the tests need it: runs the program as a child, speaks frames or console lines with
+/// it, and takes everything that the program started along when it ends. Anything that is awaited
+/// has a deadline; missing it throws, which fails the test.
 class Host {
  public:
   struct Options {
@@ -89,7 +89,8 @@ class Host {
   std::uint64_t nextId = 1;
 };
 
-/// How long anything may take. Generous: a loaded machine is slow, and only failures wait this long.
+/// How long anything may take. Generous: a loaded machine is slow, and only failures wait this
+/// long.
 constexpr std::chrono::seconds deadline{60};
 
 /// The tests' own programs.

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <lldb/API/LLDB.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+/// Feeds a process's standard input from a thread of its own, because LLDB's writing waits as long
+/// as the program does not read, and requests must not.
+class ApplicationInput {
+ public:
+  /// Starts the thread; throws std::system_error when there can be none.
+  explicit ApplicationInput(lldb::SBProcess process);
+
+  /// Gives up what has not been written. Called when the process is gone: that ends a write that is
+  /// under way, and this waits for it.
+  ~ApplicationInput();
+  ApplicationInput(const ApplicationInput &) = delete;
+  ApplicationInput &operator=(const ApplicationInput &) = delete;
+
+  /// Queues the bytes. Each text is written by one call, in the order of the calls of this.
+  void write(std::string bytes);
+
+ private:
+  struct Queue;
+  static void run(std::shared_ptr<Queue> queue, lldb::SBProcess process);
+
+  std::shared_ptr<Queue> queue;
+  std::thread thread;
+};

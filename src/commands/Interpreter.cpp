@@ -1,0 +1,42 @@
+// LLDB's own command line, and the debugged program's standard input.
+
+#include "channel/Envelope.h"
+#include "session/DebugSession.h"
+
+Json DebugSession::executeCommand(const std::string &commandLine) {
+  lldb::SBCommandInterpreter interpreter = debugger.GetCommandInterpreter();
+  lldb::SBCommandReturnObject result;
+  constexpr bool addToHistory = false;
+  interpreter.HandleCommand(commandLine.c_str(), result, addToHistory);
+  Json::object members;
+  if (const char *output = result.GetOutput()) members["output"] = output;
+  if (const char *error = result.GetError()) members["error"] = error;
+  members["succeeded"] = result.Succeeded();
+  // Deliberate: a command that LLDB refuses is no failure of the request; "succeeded" tells.
+  return okResponseWith(std::move(members));
+}
+
+Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t position) {
+  lldb::SBCommandInterpreter interpreter = debugger.GetCommandInterpreter();
+  lldb::SBStringList matches;
+  constexpr int firstMatch = 0;
+  constexpr int allMatches = -1;
+  interpreter.HandleCompletion(commandLine.c_str(), position, firstMatch, allMatches, matches);
+  Json::array completions;
+  for (std::uint32_t index = 0; index < matches.GetSize(); ++index) {
+    const char *match = matches.GetStringAtIndex(index);
+    completions.push_back(match != nullptr ? match : "");
+  }
+  return okResponseWith({{"completions", std::move(completions)}});
+}
+
+Json DebugSession::sendToApplication(const Json::array &data) {
+  lldb::SBProcess current = currentProcess();
+  if (!current.IsValid()) return errorResponse("sendToApplication", "no process");
+  std::string bytes;
+  bytes.reserve(data.size());
+  for (const Json &item : data) bytes += static_cast<char>(item.intValue() & 0xff);
+  if (!applicationInput) applicationInput = std::make_unique<ApplicationInput>(current);
+  applicationInput->write(std::move(bytes));
+  return okResponse();
+}

@@ -1,0 +1,54 @@
+// The images of the process and where their sections lie.
+
+#include "channel/Envelope.h"
+#include "session/DebugSession.h"
+
+namespace {
+
+Json describeSection(lldb::SBSection section, lldb::SBTarget target) {
+  const std::uint64_t loadAddress = section.GetLoadAddress(target);
+  Json::object members;
+  if (const char *name = section.GetName()) members["name"] = name;
+  members["fileAddr"] = std::uint64_t{section.GetFileAddress()};
+  // LLDB's invalid address, all bits set, where the section is not in memory.
+  members["loadAddr"] = loadAddress;
+  members["byteSize"] = std::uint64_t{section.GetByteSize()};
+  members["fileByteSize"] = std::uint64_t{section.GetFileByteSize()};
+  return Json(std::move(members));
+}
+
+}  // namespace
+
+Json DebugSession::describeModule(lldb::SBModule module) {
+  Json::object members{{"is_valid", module.IsValid()}};
+  if (const char *uuid = module.GetUUIDString()) members["uuid"] = uuid;
+  const lldb::SBFileSpec file = module.GetFileSpec();
+  const char *name = file.IsValid() ? file.GetFilename() : nullptr;
+  if (name != nullptr) members["filename"] = name;
+  Json::array sections;
+  for (std::size_t index = 0; index < module.GetNumSections(); ++index)
+    sections.push_back(describeSection(module.GetSectionAtIndex(index), target));
+  members["sections"] = std::move(sections);
+  return Json(std::move(members));
+}
+
+Json DebugSession::moduleCount() {
+  if (!currentProcess().IsValid()) return errorResponse("moduleCount", "no process");
+  return okResponseWith({{"count", static_cast<std::int32_t>(target.GetNumModules())}});
+}
+
+Json DebugSession::moduleAtIndex(std::uint32_t index) {
+  if (!currentProcess().IsValid()) return errorResponse("moduleAtIndex", "no process");
+  if (index >= target.GetNumModules()) return errorResponse("moduleAtIndex", "index out of range");
+  lldb::SBModule module = target.GetModuleAtIndex(index);
+  if (!module.IsValid()) return errorResponse("moduleAtIndex", "cannot get module");
+  return okResponseWith({{"module", describeModule(module)}});
+}
+
+Json DebugSession::moduleForFile(const std::string &file) {
+  if (!currentProcess().IsValid()) return errorResponse("moduleForFile", "no process");
+  constexpr bool resolve = true;
+  lldb::SBModule module = target.FindModule(lldb::SBFileSpec(file.c_str(), resolve));
+  if (!module.IsValid()) return errorResponse("moduleForFile", "can't find module");
+  return okResponseWith({{"module", describeModule(module)}});
+}

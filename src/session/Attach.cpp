@@ -1,0 +1,55 @@
+// attachToProcess: a running local process and its executable.
+
+#include "channel/Envelope.h"
+#include "platform/Log.h"
+#include "session/DebugSession.h"
+#include "session/Outcome.h"
+
+namespace {
+
+/// Where the executable lies: file and load address of the section by which modules are placed.
+/// Empty when the target's modules do not tell.
+Json::object executablePlace(lldb::SBTarget target) {
+  constexpr std::size_t placingSection = 1;
+  if (target.GetNumModules() == 0) return {};
+  lldb::SBModule module = target.FindModule(target.GetExecutable());
+  if (!module.IsValid() || module.GetNumSections() <= placingSection) return {};
+  lldb::SBSection section = module.GetSectionAtIndex(placingSection);
+  const char *name = section.GetName();
+  const std::uint64_t fileAddress = section.GetFileAddress();
+  const std::uint64_t loadAddress = section.GetLoadAddress(target);
+  return {{"sectionName", name != nullptr ? name : ""},
+          {"fileAddr", fileAddress},
+          {"loadAddr", loadAddress},
+          // Deliberate: may wrap around, as the host's own arithmetic on addresses does.
+          {"aslrSlide", loadAddress - fileAddress}};
+}
+
+}  // namespace
+
+Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executable, bool is64Bits,
+                                   const std::string &triple) {
+  if (target.IsValid()) return errorResponse("attachToProcess", "process already exists");
+  this->is64Bits = is64Bits;
+  this->triple = triple;
+  executablePath = executable;
+
+  lldb::SBError error;
+  target = buildTarget(error);
+  // LLDB finds the executable of a running process by itself.
+  if (!target.IsValid()) target = debugger.CreateTarget("");
+  if (!target.IsValid())
+    return errorResponse("attachToProcess", "cannot build target: " + errorText(error));
+
+  lldb::SBListener listener = debugger.GetListener();
+  LOG_RECORD("About to attach to process %{public}llu", static_cast<unsigned long long>(pid));
+  error.Clear();
+  process = target.AttachToProcessWithID(listener, pid, error);
+  if (neverRan(process, error)) {
+    discardTarget();
+    return errorResponse("attachToProcess", "cannot attach to process: " + errorText(error));
+  }
+  startEventThread();
+  waitUntilSettled();
+  return okResponseWith(executablePlace(target));
+}

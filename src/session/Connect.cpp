@@ -1,0 +1,85 @@
+// connectRemote: a process behind a remote debug server.
+
+#include <chrono>
+#include <thread>
+
+#include "channel/Envelope.h"
+#include "platform/Log.h"
+#include "session/DebugSession.h"
+#include "session/Outcome.h"
+#include "session/StateName.h"
+
+namespace {
+
+/// The plug-in that only LLDB's command line can be asked for.
+constexpr char kernelPlugin[] = "kdp-remote";
+
+std::string quoted(const std::string &text) {
+  // Deliberate: quotes inside stay as they are; LLDB's command line has the last word.
+  return "\"" + text + "\"";
+}
+
+/// Lets the connection settle for a second. The state is told, not tested.
+void watchFirstSecond(lldb::SBProcess &process) {
+  for (int step = 0; step < 10; ++step) {
+    LOG_RECORD("step %{public}d: %{public}s\n", step, stateName(process.GetState()).c_str());
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+}
+
+}  // namespace
+
+Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const std::string &url,
+                                 const std::string &plugin, const std::string &file) {
+  if (currentProcess().IsValid()) return errorResponse("connectRemote", "already has a process");
+  this->is64Bits = is64Bits;
+  this->triple = triple;
+  executablePath = file;
+
+  discardTarget();
+  lldb::SBError error;
+  if (plugin == kernelPlugin) {
+    connectThroughInterpreter(plugin, url);
+  } else {
+    lldb::SBListener listener = debugger.GetListener();
+    target = buildRemoteTarget();
+    process = target.ConnectRemote(listener, url.c_str(), plugin.c_str(), error);
+  }
+  watchFirstSecond(process);
+
+  // LLDB may hand out a process that looks valid though nobody answered: it never leaves its first
+  // state. Of one that did the news is queued.
+  const bool answered = process.GetState() != lldb::eStateUnloaded || stateChangeIsQueued();
+  if (!process.IsValid() || !answered) {
+    if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
+    if (process.IsValid()) {
+      // Only with its target does LLDB forget it; the next attempt must not find a process.
+      discardTarget();
+      target = buildRemoteTarget();
+      process = lldb::SBProcess();
+    }
+    return errorResponse("connectRemote", "cannot connect to remote, invalid process");
+  }
+  startEventThread();
+  waitUntilSettled();
+  return okResponse();
+}
+
+void DebugSession::connectThroughInterpreter(const std::string &plugin, const std::string &url) {
+  interpret("target create " + quoted(executablePath));
+  interpret("process connect --plugin " + plugin + " " + quoted(url));
+  target = debugger.GetSelectedTarget();
+  process = target.GetProcess();
+}
+
+void DebugSession::interpret(const std::string &commandLine) {
+  LOG_RECORD("%{public}s\n", commandLine.c_str());
+  lldb::SBCommandReturnObject result;
+  constexpr bool addToHistory = false;
+  debugger.GetCommandInterpreter().HandleCommand(commandLine.c_str(), result, addToHistory);
+}
+
+lldb::SBTarget DebugSession::buildRemoteTarget() {
+  return debugger.CreateTargetWithFileAndArch(executablePath.c_str(),
+                                              triple.empty() ? nullptr : triple.c_str());
+}
