@@ -104,7 +104,7 @@ TEST(Lifecycle, DeletingARunningProcessLeavesNothing) {
   for (int round = 0; round < 5; ++round) {
     host.launch(inferior("wait"));
     ASSERT_EQ(host.ask("continueExecution"), ok);
-    host.awaitEvent([](const json &event) { return event["type"] == "stdout"; });
+    host.awaitOutput();
     EXPECT_EQ(host.ask("getProcessState")["state-string"], "eStateRunning");
     ASSERT_EQ(host.ask("deleteProcess"), ok);
     EXPECT_TRUE(descendants(host.pid(), "wait").empty());
@@ -137,7 +137,7 @@ TEST(Lifecycle, DetachLeavesTheProcessAlone) {
   Host host;
   host.launch(inferior("wait"));
   host.ask("continueExecution");
-  host.awaitEvent([](const json &event) { return event["type"] == "stdout"; });
+  host.awaitOutput();
   const auto inferiors = descendants(host.pid(), "wait");
   ASSERT_EQ(inferiors.size(), 1u);
   ASSERT_EQ(host.ask("detach"), ok);

@@ -1,5 +1,8 @@
 #include "commands/ApplicationInput.h"
 
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -7,12 +10,18 @@
 #include <utility>
 
 #include "platform/Log.h"
+#include "platform/Process.h"
 
 namespace {
 
-/// A write ends at once when the last holder of the terminal is gone. Only a program that left
-/// children of its own on it can keep one waiting, and then nobody should wait along.
-constexpr std::chrono::seconds endBound{2};
+using namespace std::chrono_literals;
+
+/// How long a thread that waits for room may take to notice that it should end.
+constexpr auto roomWait = 20ms;
+
+/// LLDB's own packets to a remote stub that does not answer can take longer than anybody should
+/// wait.
+constexpr auto endBound = 2s;
 
 }  // namespace
 
@@ -21,8 +30,13 @@ struct ApplicationInput::Queue {
   std::mutex mutex;
   std::condition_variable changed;
   std::deque<std::string> texts;
-  bool closed = false;
+  std::atomic<bool> closed = false;
   bool ended = false;
+  /// The master side of the program's terminal; -1 where LLDB talks to a remote stub instead.
+  const int terminal = platform::openTerminal();
+  ~Queue() {
+    if (terminal >= 0) close(terminal);
+  }
 };
 
 ApplicationInput::ApplicationInput(lldb::SBProcess process)
@@ -56,9 +70,20 @@ void ApplicationInput::run(std::shared_ptr<Queue> queue, lldb::SBProcess process
     const std::string text = std::move(queue->texts.front());
     queue->texts.pop_front();
     lock.unlock();
-    process.PutSTDIN(text.data(), text.size());
+    put(*queue, process, text);
     lock.lock();
   }
   queue->ended = true;
   queue->changed.notify_all();
+}
+
+void ApplicationInput::put(const Queue &queue, lldb::SBProcess &process, std::string_view text) {
+  const std::size_t most = queue.terminal >= 0 ? platform::terminalPiece : text.size();
+  do {
+    while (queue.terminal >= 0 && !platform::terminalHasRoom(queue.terminal, roomWait))
+      if (queue.closed) return;
+    const std::string_view piece = text.substr(0, most);
+    process.PutSTDIN(piece.data(), piece.size());
+    text.remove_prefix(piece.size());
+  } while (!text.empty() && !queue.closed);
 }

@@ -21,7 +21,9 @@ Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t
   lldb::SBStringList matches;
   constexpr int firstMatch = 0;
   constexpr int allMatches = -1;
-  interpreter.HandleCompletion(commandLine.c_str(), position, firstMatch, allMatches, matches);
+  // Behind the end LLDB completes nothing, if it does not crash while looking at what lies there.
+  if (position <= commandLine.size())
+    interpreter.HandleCompletion(commandLine.c_str(), position, firstMatch, allMatches, matches);
   Json::array completions;
   for (std::uint32_t index = 0; index < matches.GetSize(); ++index) {
     const char *match = matches.GetStringAtIndex(index);

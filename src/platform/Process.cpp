@@ -2,9 +2,11 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 extern "C" char **environ;
@@ -12,6 +14,9 @@ extern "C" char **environ;
 namespace platform {
 
 namespace {
+
+/// What was open when the program started, or shortly after.
+std::vector<int> inheritedDescriptors;
 
 /// Descriptors up to here are looked at where the system does not list the open ones.
 constexpr long highestGuess = 65536;
@@ -50,8 +55,25 @@ const std::vector<std::string> &startEnvironment() {
 void keepDescriptorsPrivate(int input, int output) {
   closeOnExec(input);
   closeOnExec(output);
-  for (const int descriptor : openDescriptors())
+  inheritedDescriptors = openDescriptors();
+  for (const int descriptor : inheritedDescriptors)
     if (descriptor > STDERR_FILENO) closeOnExec(descriptor);
+}
+
+int openTerminal() {
+  for (const int descriptor : openDescriptors()) {
+    const bool isInherited =
+        std::count(inheritedDescriptors.begin(), inheritedDescriptors.end(), descriptor) > 0;
+    char slave[128];
+    if (!isInherited && ptsname_r(descriptor, slave, sizeof slave) == 0)
+      return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  }
+  return -1;
+}
+
+bool terminalHasRoom(int terminal, std::chrono::milliseconds time) {
+  pollfd state{terminal, POLLOUT, 0};
+  return poll(&state, 1, static_cast<int>(time.count())) != 0;
 }
 
 void blockBrokenPipeSignal() {

@@ -168,16 +168,31 @@ json Host::awaitState(const std::string &name) {
   });
 }
 
+std::string Host::awaitOutput() {
+  return outputOf(awaitEvent([](const json &event) { return event["type"] == "stdout"; }));
+}
+
 Host::Ending Host::awaitExit() {
   Ending ending;
   ending.exit = awaitEvent([&](const json &event) {
-    if (event["type"] == "stdout") {
-      const std::string hex = event["output"];
-      for (std::size_t at = 0; at < hex.size(); at += 2)
-        ending.output += static_cast<char>(std::stoi(hex.substr(at, 2), nullptr, 16));
-    }
+    if (event["type"] == "stdout") ending.output += outputOf(event);
     return event["type"] == "state" && event["state_desc"] == "eStateExited";
   });
+  return ending;
+}
+
+Host::Ending Host::runToExit() {
+  Ending ending;
+  while (ending.exit.is_null()) {
+    if (const json response = ask("continueExecution"); response["status"] != "ok")
+      fail("continueExecution: " + response.dump() + " after " + ending.output);
+    awaitState("eStateRunning");
+    const json last = awaitEvent([&](const json &event) {
+      if (event["type"] == "stdout") ending.output += outputOf(event);
+      return event["type"] == "state" && event["state_desc"] != "eStateRunning";
+    });
+    if (last["state_desc"] == "eStateExited") ending.exit = last;
+  }
   return ending;
 }
 
@@ -257,6 +272,14 @@ void Host::launch(const std::string &program, json more) {
   prepare(program, std::move(more));
   const json response = ask("createProcess");
   if (response != json{{"status", "ok"}}) fail("createProcess: " + response.dump());
+}
+
+std::string outputOf(const json &event) {
+  const std::string hex = event["output"];
+  std::string bytes;
+  for (std::size_t at = 0; at < hex.size(); at += 2)
+    bytes += static_cast<char>(std::stoi(hex.substr(at, 2), nullptr, 16));
+  return bytes;
 }
 
 std::string inferior(const std::string &name) { return INFERIORS "/" + name; }

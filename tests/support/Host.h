@@ -46,12 +46,16 @@ class Host {
   /// The next event that `wanted` accepts; those before it are dropped.
   json awaitEvent(const std::function<bool(const json &)> &wanted);
   json awaitState(const std::string &name);
+  /// The next piece of output, decoded.
+  std::string awaitOutput();
   /// Events up to the exit: the output, decoded and joined, and the exit event.
   struct Ending {
     std::string output;
     json exit;
   };
   Ending awaitExit();
+  /// Continues from a stop to the exit, through all stops on the way.
+  Ending runToExit();
 
   /// The text of the next frame, of whatever kind; nothing at the end of the program's output.
   std::optional<std::string> nextText();
@@ -92,6 +96,9 @@ class Host {
 /// How long anything may take. Generous: a loaded machine is slow, and only failures wait this
 /// long.
 constexpr std::chrono::seconds deadline{60};
+
+/// The bytes that an output event carries.
+std::string outputOf(const json &event);
 
 /// The tests' own programs.
 std::string inferior(const std::string &name);

@@ -1,0 +1,43 @@
+/* Calls itself as many times as its argument says, then a function that belongs to no module, whose
+   only instruction traps, or with a second argument the C library's qsort, which calls bottom(). */
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#if defined(__x86_64__)
+static const unsigned char trap[] = {0x55, 0x48, 0x89, 0xe5, 0xcc, 0x5d, 0xc3};
+#elif defined(__aarch64__)
+static const unsigned char trap[] = {0xfd, 0x7b, 0xbf, 0xa9, 0xfd, 0x03, 0x00, 0x91, 0x00, 0x00,
+                                     0x20, 0xd4, 0xfd, 0x7b, 0xc1, 0xa8, 0xc0, 0x03, 0x5f, 0xd6};
+#endif
+
+static int useLibrary;
+
+__attribute__((noinline)) int bottom(const void *left, const void *right) {
+  return *(const int *)left - *(const int *)right;
+}
+
+static void end(void) {
+  int numbers[] = {2, 1};
+  void *page =
+      mmap(0, 4096, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  memcpy(page, trap, sizeof trap);
+  __builtin___clear_cache(page, (char *)page + sizeof trap);
+  if (useLibrary) {
+    qsort(numbers, 2, sizeof numbers[0], bottom);
+  } else {
+    ((void (*)(void))page)();
+  }
+}
+
+__attribute__((noinline)) int recurse(int depth) {
+  volatile int left = depth;
+  if (left > 1) return recurse(left - 1) + left;
+  end();
+  return 0;
+}
+
+int main(int argc, char **argv) {
+  useLibrary = argc > 2;
+  return recurse(argc > 1 ? atoi(argv[1]) : 1) == 0;
+}
