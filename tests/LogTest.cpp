@@ -125,6 +125,39 @@ TEST_F(Log, ALaunchIsToldStepByStep) {
   EXPECT_EQ(ours[7], "Preparing executable /bin/true, 32bit");
 }
 
+TEST_F(Log, AnAttachNamesTheProcess) {
+  const Records logged = recordsOf({R"({"command":"attachToProcess","pid":18446744073709551615})"});
+  ASSERT_EQ(logged.size(), 2u) << testing::PrintToString(logged);
+  EXPECT_EQ(logged[0], "About to attach to process 18446744073709551615");
+  EXPECT_EQ(logged[1].rfind("Error in attachToProcess: cannot attach to process: ", 0), 0u);
+}
+
+/// The records of a connection's first second, which are ten whatever happens.
+void expectSteps(const Records &logged, std::size_t first) {
+  ASSERT_GE(logged.size(), first + 10) << testing::PrintToString(logged);
+  for (std::size_t step = 0; step < 10; ++step)
+    EXPECT_EQ(logged[first + step].rfind("step " + std::to_string(step) + ": eState", 0), 0u)
+        << logged[first + step];
+  EXPECT_EQ(logged.back(), "Error in connectRemote: cannot connect to remote, invalid process");
+}
+
+TEST_F(Log, AConnectionIsWatchedForASecond) {
+  const Records logged =
+      recordsOf({R"({"command":"connectRemote","plugin":"gdb-remote","url":"no-such-scheme://"})"});
+  expectSteps(logged, 0);
+  ASSERT_EQ(logged.size(), 12u) << testing::PrintToString(logged);
+  EXPECT_EQ(logged[10].rfind("Cannot connect: ", 0), 0u) << "LLDB's own reason";
+}
+
+TEST_F(Log, AKernelIsReachedThroughTwoCommandLines) {
+  const Records logged = recordsOf(
+      {R"({"command":"connectRemote","plugin":"kdp-remote","url":"a url","file":"/bin/true"})"});
+  ASSERT_EQ(logged.size(), 13u) << testing::PrintToString(logged);
+  EXPECT_EQ(logged[0], "target create \"/bin/true\"\n");
+  EXPECT_EQ(logged[1], "process connect --plugin kdp-remote \"a url\"\n");
+  expectSteps(logged, 2);
+}
+
 // What reaches syslog(3): these take the C library's place.
 
 struct Syslog {

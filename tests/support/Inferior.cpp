@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -78,6 +79,14 @@ long statusFigure(pid_t pid, const std::string &name) {
   for (std::string line; std::getline(lines, line);)
     if (line.rfind(name + ":", 0) == 0) return std::stol(line.substr(name.size() + 1));
   throw std::runtime_error("no " + name);
+}
+
+int countThreads(pid_t pid, const std::string &name) {
+  int count = 0;
+  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto &thread : std::filesystem::directory_iterator(folder))
+    count += readFile(thread.path() / "comm") == name + "\n";
+  return count;
 }
 
 Running::Running(std::vector<std::string> commandLine) {

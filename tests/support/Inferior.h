@@ -29,6 +29,9 @@ std::string peek(pid_t pid, std::uint64_t address, std::size_t size);
 /// A figure of /proc/PID/status in KiB, VmHWM for example.
 long statusFigure(pid_t pid, const std::string &name);
 
+/// How many threads of a process have this name.
+int countThreads(pid_t pid, const std::string &name);
+
 /// A program that a test runs itself, without the program under test. Ends with the object.
 class Running {
  public:
