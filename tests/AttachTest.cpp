@@ -38,7 +38,7 @@ TEST(Attach, ToARunningProgram) {
     host.awaitState("eStateRunning");
     ASSERT_EQ(host.ask("detach"), ok);
     host.awaitState("eStateDetached");
-    EXPECT_EQ(program.state(), 'S') << "sleeping, as it was";
+    awaitThat("it sleeps, as it did", [&] { return program.state() == 'S'; });
     EXPECT_EQ(host.ask("deleteProcess"), ok);
     EXPECT_TRUE(program.isAlive());
     host.closeRequests();
@@ -60,8 +60,11 @@ TEST(Attach, WithContinueRightBehindIt) {
       ASSERT_EQ(message["status"], "ok") << message;
       ++responses;
     }
-    awaitThat("it runs", [&] { return program.state() == 'S'; });
-    EXPECT_EQ(host.ask("getProcessState")["state-string"], "eStateRunning");
+    // LLDB says so once the event thread has taken the news.
+    awaitThat("it runs", [&] {
+      return program.state() == 'S' &&
+             host.ask("getProcessState")["state-string"] == "eStateRunning";
+    });
     kill(program.pid(), SIGTERM);
     host.awaitEvent([&](const json &event) {
       if (event["type"] == "state" && event["state_desc"] == "eStateStopped")
@@ -77,12 +80,12 @@ TEST(Attach, DeletingLeavesAnAttachedProgramAlone) {
   Host host;
   ASSERT_EQ(host.ask(attach(program.pid(), ""))["status"], "ok");
   ASSERT_EQ(host.ask("deleteProcess"), ok);
-  EXPECT_EQ(program.state(), 'S') << "LLDB detaches from what it did not start";
+  awaitThat("LLDB detaches from what it did not start", [&] { return program.state() == 'S'; });
   ASSERT_EQ(host.ask(attach(program.pid(), ""))["status"], "ok") << "and can come back";
   ASSERT_EQ(host.ask("stopExecution"), ok);
   host.awaitState("eStateExited");
   EXPECT_EQ(host.ask("deleteProcess"), ok);
-  EXPECT_FALSE(program.isAlive());
+  awaitThat("it is gone", [&] { return !program.isAlive(); });
 }
 
 TEST(Attach, Failures) {

@@ -63,6 +63,78 @@ TEST(Protocol, CommandsWithoutTargetOrProcess) {
     EXPECT_EQ(host.ask(command), (json{{"message", message}, {"status", "error"}})) << command;
 }
 
+/// No argument of whatever kind ends the program or goes unanswered, with a process or without.
+TEST(Protocol, EveryCommandTakesArgumentsOfEveryKind) {
+  const json values[] = {nullptr,
+                         true,
+                         -1,
+                         0,
+                         0.5,
+                         1e300,
+                         18446744073709551615u,
+                         "text",
+                         "",
+                         "\"",
+                         std::string(5000, 'a'),
+                         json::array(),
+                         json::array({nullptr, "x", 7}),
+                         {{"a", 1}}};
+  const char *keys[] = {"path", "args",    "env",     "cwd",    "triple", "is64Bits", "executable",
+                        "tid",  "address", "bkpt_id", "length", "value",  "index",    "register",
+                        "cli",  "pos",     "data",    "file",   "url",    "plugin",   "platform"};
+  const char *commands[] = {"ping",
+                            "prepareExecutable",
+                            "createProcess",
+                            "hasProcess",
+                            "getProcessState",
+                            "continueExecution",
+                            "breakExecution",
+                            "getThreadIDList",
+                            "selectThreadID",
+                            "getRegisters",
+                            "setBreakpointAtVirtualAddress",
+                            "removeBreakpoint",
+                            "removeAllBreakpoints",
+                            "stepInstruction",
+                            "stepOver",
+                            "stepOut",
+                            "readMemory",
+                            "writeByte",
+                            "getCallstack",
+                            "selectFrame",
+                            "setRegister",
+                            "executeCommand",
+                            "completeCommand",
+                            "sendToApplication",
+                            "moduleCount",
+                            "moduleAtIndex",
+                            "moduleForFile",
+                            "stopExecution",
+                            "detach",
+                            "attachToProcess",
+                            "deleteProcess"};
+  Host host;
+  for (const bool withProcess : {false, true}) {
+    for (const json &value : values) {
+      if (withProcess) host.launch(inferior("wait"));
+      for (const char *command : commands) {
+        json request{{"command", command}};
+        for (const char *key : keys) request[key] = value;
+        const std::string status = host.ask(request)["status"];
+        ASSERT_TRUE(status == "ok" || status == "error") << request;
+      }
+      host.ask("deleteProcess");
+    }
+  }
+  // The one that takes seconds each time.
+  for (const json &value : {json(7), json("text")}) {
+    json request{{"command", "connectRemote"}};
+    for (const char *key : keys) request[key] = value;
+    ASSERT_EQ(host.ask(request)["status"], "error");
+  }
+  EXPECT_EQ(host.ask("ping"), (json{{"status", "ok"}}));
+}
+
 TEST(Protocol, AFrameIsLengthAndText) {
   Host host;
   host.sendBytes("\x12\0\0\0{\"command\":\"ping\"}"s);

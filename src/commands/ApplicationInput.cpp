@@ -19,6 +19,11 @@ using namespace std::chrono_literals;
 /// How long a thread that waits for room may take to notice that it should end.
 constexpr auto roomWait = 20ms;
 
+/// Texts up to this many bytes are written by one call, so that what a key or a line consists of
+/// comes to the program together. Longer ones are more than a terminal may have room for; they are
+/// written byte by byte, because one byte is what room that is there is sure to be enough for.
+constexpr std::size_t keptTogether = 256;
+
 /// LLDB's own packets to a remote stub that does not answer can take longer than anybody should
 /// wait.
 constexpr auto endBound = 2s;
@@ -78,11 +83,16 @@ void ApplicationInput::run(std::shared_ptr<Queue> queue, lldb::SBProcess process
 }
 
 void ApplicationInput::put(const Queue &queue, lldb::SBProcess &process, std::string_view text) {
-  const std::size_t most = queue.terminal >= 0 ? platform::terminalPiece : text.size();
+  if (queue.terminal < 0) {
+    process.PutSTDIN(text.data(), text.size());
+    return;
+  }
+  const std::size_t pieceSize = text.size() <= keptTogether ? keptTogether : 1;
   do {
-    while (queue.terminal >= 0 && !platform::terminalHasRoom(queue.terminal, roomWait))
+    while (!platform::terminalHasRoom(queue.terminal, roomWait))
       if (queue.closed) return;
-    const std::string_view piece = text.substr(0, most);
+    const std::string_view piece = text.substr(0, pieceSize);
+    // LLDB does not say how much it wrote: it returns 0.
     process.PutSTDIN(piece.data(), piece.size());
     text.remove_prefix(piece.size());
   } while (!text.empty() && !queue.closed);

@@ -7,8 +7,12 @@
 #include <string_view>
 #include <thread>
 
-/// Feeds a process's standard input from a thread of its own, because LLDB's writing waits as long
-/// as the program does not read, and requests must not.
+/// Feeds a process's standard input from a thread of its own, because writing waits as long as the
+/// program does not read, and requests must not.
+///
+/// Nor may LLDB wait: while it writes to the program's terminal it neither reads the program's
+/// output nor reports its stops (LLDB 22 holds a lock meanwhile, and tries again and again where
+/// the terminal is full). So it is only asked to write what there is room for.
 class ApplicationInput {
  public:
   /// Starts the thread; throws std::system_error when there can be none.

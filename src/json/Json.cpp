@@ -209,9 +209,9 @@ struct Shared {
   const std::shared_ptr<const JsonValue> null = std::make_shared<JsonNull>();
   const std::shared_ptr<const JsonValue> yes = std::make_shared<JsonBool>(true);
   const std::shared_ptr<const JsonValue> no = std::make_shared<JsonBool>(false);
-  const std::string emptyString;
-  const Json::array emptyArray;
-  const Json::object emptyObject;
+  const std::string emptyString{};
+  const Json::array emptyArray{};
+  const Json::object emptyObject{};
 };
 
 const Shared &shared() {

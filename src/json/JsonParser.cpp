@@ -152,11 +152,8 @@ Json JsonParser::parseArray(int depth) {
     if (failed) break;
     token = nextToken();
     if (token == ']') return Json(std::move(items));
-    if (token != ',') {
-      fail("expected ',' in list, got " + describe(token));
-      break;
-    }
-    token = nextToken();
+    if (token != ',') fail("expected ',' in list, got " + describe(token));
+    nextToken();
   }
   return Json();
 }

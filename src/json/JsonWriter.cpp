@@ -16,7 +16,7 @@ constexpr std::string_view paragraphSeparator = "\xe2\x80\xa9";  // U+2029
 /// the two separators.
 constexpr std::array<bool, 256> makeSpecialBytes() {
   std::array<bool, 256> special{};
-  for (int byte = 0; byte < 0x20; ++byte) special[byte] = true;
+  for (std::size_t byte = 0; byte < 0x20; ++byte) special[byte] = true;
   special['"'] = special['\\'] = special[0xe2] = true;
   return special;
 }

@@ -65,8 +65,9 @@ int openTerminal() {
     const bool isInherited =
         std::count(inheritedDescriptors.begin(), inheritedDescriptors.end(), descriptor) > 0;
     char slave[128];
-    if (!isInherited && ptsname_r(descriptor, slave, sizeof slave) == 0)
-      return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (isInherited || ptsname_r(descriptor, slave, sizeof slave) != 0) continue;
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+    return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   }
   return -1;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -17,16 +16,13 @@ const std::vector<std::string> &startEnvironment();
 void keepDescriptorsPrivate(int input, int output);
 
 /// A duplicate of the terminal, its master side, that somebody in this process opened after
-/// keepDescriptorsPrivate was called: the one through which LLDB talks to the inferior. The
-/// caller's to close. -1 when there is none.
+/// keepDescriptorsPrivate was called: the one through which LLDB talks to the inferior. Writing to
+/// the terminal no longer waits for room from then on. The caller's to close. -1 when there is
+/// none.
 int openTerminal();
 
-/// Whether the terminal takes up to terminalPiece bytes without making the writer wait. Looks for
-/// that long at most.
+/// Whether the terminal takes at least one byte. Looks for that long at most.
 bool terminalHasRoom(int terminal, std::chrono::milliseconds time);
-
-/// Linux gives a terminal's input queue its room in blocks of this size.
-constexpr std::size_t terminalPiece = 256;
 
 /// Blocks SIGPIPE in the calling thread and in the threads it will start: writing to a reader that
 /// is gone must fail, not end the program. The signal's disposition stays as it is, and LLDB starts
