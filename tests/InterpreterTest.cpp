@@ -120,6 +120,16 @@ TEST(Interpreter, ADeletedProcessLeavesNoTarget) {
   EXPECT_EQ(targets, "No targets.\n");
 }
 
+TEST(Interpreter, AProcessStartedInTheSameTargetIsReported) {
+  Debugged host("hello");
+  EXPECT_EQ(host.runToExit().output, "hello\r\nworld\r\n");
+  ASSERT_EQ(host.ask(execute("process launch"))["succeeded"], true);
+  const Host::Ending again = host.awaitExit();
+  EXPECT_EQ(again.output, "hello\r\nworld\r\n");
+  EXPECT_EQ(again.exit["exit_status"], 3);
+  EXPECT_EQ(host.ask("deleteProcess"), ok);
+}
+
 TEST(Interpreter, EventsOfOtherProcessesAreNotReported) {
   Debugged host("wait");
   // A second target's process: its events come to the same listener.

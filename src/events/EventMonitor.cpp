@@ -75,12 +75,15 @@ void EventMonitor::run() {
   }
 }
 
-/// The listener is the debugger's and outlives processes: what an earlier one left in its queue
-/// must not reach the host as news of this one.
+/// The listener is the debugger's: it hears of earlier processes, what they left in its queue, and of
+/// other targets that somebody made through LLDB's command line. Neither is news of this process. A
+/// process that the command line started anew in this target is, and takes the old one's place.
 void EventMonitor::handleEvent() {
   const std::uint32_t type = event.GetType();
   if (lldb::SBProcess::EventIsProcessEvent(event)) {
     lldb::SBProcess source = lldb::SBProcess::GetProcessFromEvent(event);
+    const bool isLater = source.GetUniqueID() > process.GetUniqueID();
+    if (isLater && source.GetTarget() == target) process = source;
     if (source.GetUniqueID() == process.GetUniqueID()) handleProcessEvent(type);
   } else if (lldb::SBTarget::EventIsTargetEvent(event)) {
     if (lldb::SBTarget::GetTargetFromEvent(event) == target) handleTargetEvent(type);
