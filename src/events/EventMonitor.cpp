@@ -75,9 +75,10 @@ void EventMonitor::run() {
   }
 }
 
-/// The listener is the debugger's: it hears of earlier processes, what they left in its queue, and of
-/// other targets that somebody made through LLDB's command line. Neither is news of this process. A
-/// process that the command line started anew in this target is, and takes the old one's place.
+/// The listener is the debugger's: it hears of earlier processes, what they left in its queue, and
+/// of other targets that somebody made through LLDB's command line. Neither is news of this
+/// process. A process that the command line started anew in this target is, and takes the old one's
+/// place.
 void EventMonitor::handleEvent() {
   const std::uint32_t type = event.GetType();
   if (lldb::SBProcess::EventIsProcessEvent(event)) {

@@ -63,7 +63,7 @@ Host::Host(Options options) {
   // What the program leaves behind when it dies becomes our child, so that it can be found and
   // ended.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  const Pipe toChild, fromChild;
+  const Pipe toChild, fromChild, silence;
   const bool console = options.arguments.has_value();
   std::vector<std::string> arguments{HELPER_PROGRAM};
   if (console) {
@@ -84,6 +84,8 @@ Host::Host(Options options) {
       dup2(toChild.read, STDIN_FILENO);
       dup2(fromChild.write, STDOUT_FILENO);
     } else {
+      // A standard input that never says anything and never ends.
+      dup2(silence.read, STDIN_FILENO);
       fcntl(toChild.read, F_SETFD, 0);
       fcntl(fromChild.write, F_SETFD, 0);
     }
@@ -93,6 +95,8 @@ Host::Host(Options options) {
   }
   close(toChild.read);
   close(fromChild.write);
+  close(silence.read);
+  silent = silence.write;
   requests = toChild.write;
   messages = fromChild.read;
   signal(SIGPIPE, SIG_IGN);
@@ -105,6 +109,7 @@ Host::~Host() {
   }
   closeOnce(requests);
   closeOnce(messages);
+  closeOnce(silent);
   // One that is killed may hand us its children, so look again until there is nobody left.
   for (auto left = descendants(getpid()); !left.empty(); left = descendants(getpid())) {
     for (const pid_t pid : left) kill(pid, SIGKILL);

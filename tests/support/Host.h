@@ -87,6 +87,7 @@ class Host {
   pid_t child = -1;
   int requests = -1;
   int messages = -1;
+  int silent = -1;  // the other end of the program's standard input in pipe mode
   std::optional<int> endStatus;
   std::string unread;
   std::deque<json> events;
