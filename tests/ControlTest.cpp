@@ -104,6 +104,8 @@ TEST(Control, ABreakpointWhereNothingIsHasALocationAllTheSame) {
   const json set = host.ask(breakpoint(0x10));
   EXPECT_EQ(set["bl0"], "load addr: 10") << set;
   EXPECT_EQ(host.ask(remove(set["bkpt_id"])), ok);
+  // LLDB's "no address" is no exception.
+  EXPECT_EQ(host.ask(breakpoint(18446744073709551615u))["bl0"], "load addr: ffffffffffffffff");
 }
 
 TEST(Control, ABreakpointOnAnotherThread) {

@@ -6,13 +6,9 @@
 
 #include <fstream>
 
-#include "support/Host.h"
+#include "support/Inferior.h"
 
 namespace {
-
-const json ok{{"status", "ok"}};
-
-json error(const std::string &message) { return {{"message", message}, {"status", "error"}}; }
 
 /// The lines that the show inferior writes under a heading: «heading <value>».
 std::vector<std::string> shown(const std::string &output, const std::string &heading) {
@@ -42,7 +38,7 @@ TEST(Launch, FromEntryToExitAndAgain) {
     EXPECT_EQ(host.ask("hasProcess"), ok);
     EXPECT_EQ(host.ask("getProcessState"),
               (json{{"state", 5}, {"state-string", "eStateStopped"}, {"status", "ok"}}));
-    EXPECT_EQ(host.ask("createProcess"), error("process already exists"));
+    EXPECT_EQ(host.ask("createProcess"), errorMessage("process already exists"));
     EXPECT_EQ(host.ask("continueExecution"), ok);
     const Host::Ending ending = host.awaitExit();
     EXPECT_EQ(ending.output, "hello\r\nworld\r\n");
@@ -52,9 +48,9 @@ TEST(Launch, FromEntryToExitAndAgain) {
                                  {"status", "event"},
                                  {"type", "state"}}));
     EXPECT_EQ(host.ask("getProcessState")["state-string"], "eStateExited");
-    EXPECT_EQ(host.ask("createProcess"), error("process already exists"));
+    EXPECT_EQ(host.ask("createProcess"), errorMessage("process already exists"));
     EXPECT_EQ(host.ask("deleteProcess"), ok);
-    EXPECT_EQ(host.ask("getProcessState"), error("no target"));
+    EXPECT_EQ(host.ask("getProcessState"), errorMessage("no target"));
   }
   host.closeRequests();
   EXPECT_EQ(host.exitStatus(), 0);
@@ -161,8 +157,8 @@ TEST(Launch, AFailedLaunchIsNeverOk) {
       EXPECT_EQ(message.rfind(failure.message, 0), 0u) << message;
       EXPECT_GT(message.size(), failure.message.size() + 5)
           << "LLDB's text is missing: " << message;
-      EXPECT_EQ(host.ask("getProcessState"), error("no target"));
-      EXPECT_EQ(host.ask("hasProcess"), error("no process"));
+      EXPECT_EQ(host.ask("getProcessState"), errorMessage("no target"));
+      EXPECT_EQ(host.ask("hasProcess"), errorMessage("no process"));
     }
   }
   unlink(script);
@@ -177,7 +173,7 @@ TEST(Launch, ADebugServerThatTheUserNamedIsUsed) {
   const json response = host.ask("createProcess");
   EXPECT_EQ(response["message"].get<std::string>().rfind("cannot create process: ", 0), 0u)
       << response;
-  EXPECT_EQ(host.ask("getProcessState"), error("no target"));
+  EXPECT_EQ(host.ask("getProcessState"), errorMessage("no target"));
 }
 
 TEST(Launch, ADebugServerIsFoundInTheCleanestEnvironment) {

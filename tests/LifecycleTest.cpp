@@ -5,11 +5,10 @@
 
 #include <chrono>
 
-#include "support/Host.h"
+#include "support/Inferior.h"
 
 namespace {
 
-const json ok{{"status", "ok"}};
 const json preparation{
     {"command", "prepareExecutable"}, {"path", inferior("hello")}, {"triple", ""}};
 

@@ -2,12 +2,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 
-#include "support/Host.h"
+#include "support/Inferior.h"
 
 namespace {
 
@@ -132,7 +133,7 @@ TEST(Protocol, EveryCommandTakesArgumentsOfEveryKind) {
     for (const char *key : keys) request[key] = value;
     ASSERT_EQ(host.ask(request)["status"], "error");
   }
-  EXPECT_EQ(host.ask("ping"), (json{{"status", "ok"}}));
+  EXPECT_EQ(host.ask("ping"), ok);
 }
 
 TEST(Protocol, AFrameIsLengthAndText) {
@@ -183,6 +184,23 @@ TEST(Protocol, EndOfInput) {
   }
 }
 
+TEST(Protocol, RunningOutOfMemoryIsAnswered) {
+  if (isSanitized) GTEST_SKIP() << "NOT TESTED: a sanitizer ends the program when memory runs out";
+  Host host;
+  host.launch(inferior("wait"));
+  const rlim_t little = 1024 * (statusFigure(host.pid(), "VmSize") + 256 * 1024);
+  const rlimit limit{little, RLIM_INFINITY};
+  ASSERT_EQ(prlimit(host.pid(), RLIMIT_AS, &limit, nullptr), 0);
+  // In a handler, and outside of one.
+  EXPECT_EQ(host.ask({{"command", "readMemory"}, {"length", 2147483647}}),
+            errorMessage("bad request: std::bad_alloc"));
+  host.sendBytes("\0\0\0\x70"s);
+  EXPECT_EQ(host.nextText(), R"({"message": "EOF", "status": "ok"})");
+  EXPECT_EQ(host.ask("deleteProcess"), ok);
+  host.closeRequests();
+  EXPECT_EQ(host.exitStatus(), 0);
+}
+
 TEST(Protocol, AReaderThatIsGoneIsNoReasonToEnd) {
   Host host;
   host.ask("ping");
@@ -213,7 +231,7 @@ TEST(Protocol, DescriptorsThatCannotBeUsed) {
 
 TEST(Protocol, TheStandardDescriptorsCanBeTheChannel) {
   Host host(Host::Options{.arguments = {{"0", "1"}}});
-  EXPECT_EQ(host.ask("ping"), (json{{"status", "ok"}}));
+  EXPECT_EQ(host.ask("ping"), ok);
   host.closeRequests();
   EXPECT_EQ(host.exitStatus(), 0);
 }

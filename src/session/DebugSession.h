@@ -120,8 +120,7 @@ class DebugSession {
 
   lldb::SBProcess launchTarget(lldb::SBError &error);
 
-  /// {"module": ...}: the module with its top-level sections, where they lie in the file and in
-  /// memory.
+  /// A module with its top-level sections: where they lie in the file and in memory.
   Json describeModule(lldb::SBModule module);
 
   /// Connects through LLDB's command line, the only road to a kernel's debug stub.

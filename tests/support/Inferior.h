@@ -32,6 +32,14 @@ long statusFigure(pid_t pid, const std::string &name);
 /// How many threads of a process have this name.
 int countThreads(pid_t pid, const std::string &name);
 
+/// Whether this was built with a sanitizer, as the program is then: memory limits and peaks mean
+/// nothing there, and what is not checked because of it says so.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSanitized = true;
+#else
+constexpr bool isSanitized = false;
+#endif
+
 /// A program that a test runs itself, without the program under test. Ends with the object.
 class Running {
  public:
