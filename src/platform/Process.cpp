@@ -25,7 +25,11 @@ constexpr long highestGuess = 65536;
 std::vector<int> openDescriptors() {
   std::vector<int> descriptors;
   if (DIR *folder = opendir("/dev/fd")) {
-    while (const dirent *entry = readdir(folder)) descriptors.push_back(std::atoi(entry->d_name));
+    while (const dirent *entry = readdir(folder)) {
+      const bool isNumber = entry->d_name[0] != '.';
+      const int descriptor = std::atoi(entry->d_name);
+      if (isNumber && descriptor != dirfd(folder)) descriptors.push_back(descriptor);
+    }
     closedir(folder);
     return descriptors;
   }
