@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -134,6 +135,32 @@ TEST(Protocol, EveryCommandTakesArgumentsOfEveryKind) {
     ASSERT_EQ(host.ask(request)["status"], "error");
   }
   EXPECT_EQ(host.ask("ping"), ok);
+}
+
+TEST(Protocol, TheLogTellsOfTheStart) {
+  char file[] = "/tmp/lldb-helper-test-XXXXXX";
+  close(mkstemp(file));
+  Host host(
+      Host::Options{.environment = {std::string("SYSLOG_FILE=") + file, "LD_PRELOAD=" SYSLOG_SHIM,
+                                    "ASAN_OPTIONS=verify_asan_link_order=0"}});
+  host.ask("hasProcess");
+  host.closeRequests();
+  EXPECT_EQ(host.exitStatus(), 0);
+  std::istringstream log(readFile(file));
+  unlink(file);
+  // Ident, then facility user with level notice, then the text.
+  const std::string head = "lldb-helper " + std::to_string(LOG_USER | LOG_NOTICE) + " ";
+  const auto next = [&] {
+    std::string record;
+    std::getline(log, record, '\x1e');
+    return record;
+  };
+  EXPECT_EQ(next(), head + "\n\n-------------- STARTING --------------\n");
+  const std::string version = next();
+  EXPECT_EQ(version.rfind(head + "Debugger version: lldb version ", 0), 0u) << version;
+  EXPECT_EQ(version.back(), '\n');
+  EXPECT_EQ(next(), head + "Error in hasProcess: no process");
+  EXPECT_EQ(next(), "");
 }
 
 TEST(Protocol, AFrameIsLengthAndText) {
