@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -74,11 +73,6 @@ int openTerminal() {
     return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   }
   return -1;
-}
-
-bool terminalHasRoom(int terminal, std::chrono::milliseconds time) {
-  pollfd state{terminal, POLLOUT, 0};
-  return poll(&state, 1, static_cast<int>(time.count())) != 0;
 }
 
 void blockBrokenPipeSignal() {

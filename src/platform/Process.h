@@ -21,7 +21,8 @@ void keepDescriptorsPrivate(int input, int output);
 /// none.
 int openTerminal();
 
-/// Whether the terminal takes at least one byte. Looks for that long at most.
+/// Whether the terminal takes at least one byte. Waits for room for `time`, below a second, at
+/// most.
 bool terminalHasRoom(int terminal, std::chrono::milliseconds time);
 
 /// Blocks SIGPIPE in the calling thread and in the threads it will start: writing to a reader that

@@ -1,0 +1,18 @@
+# Cross-compiles for macOS on Linux with Zig, which brings clang, libc++ and macOS's headers. Only
+# script/check-macos uses it, and says in the environment where Zig is and for which processor.
+
+set(CMAKE_SYSTEM_NAME Darwin)
+set(CMAKE_SYSTEM_PROCESSOR $ENV{MACOS_CHECK_PROCESSOR})
+
+set(_target -target $ENV{MACOS_CHECK_PROCESSOR}-macos.13.0)
+set(CMAKE_C_COMPILER $ENV{MACOS_CHECK_ZIG} cc ${_target})
+set(CMAKE_CXX_COMPILER $ENV{MACOS_CHECK_ZIG} c++ ${_target})
+set(CMAKE_AR llvm-ar)
+set(CMAKE_RANLIB llvm-ranlib)
+set(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool)
+
+# Zig lacks os/log.h.
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${CMAKE_CURRENT_LIST_DIR}")
+# LLDB for macOS is not here: what the program takes from it is looked up when it starts, and
+# script/check-macos looks it up itself.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-undefined,dynamic_lookup")
