@@ -57,19 +57,22 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
 }  // namespace
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
-                           MessageChannel &channel, std::atomic<bool> &stop, Milestones milestones)
+                           MessageChannel &channel, std::atomic<bool> &stop, Milestones milestones,
+                           std::optional<lldb::StateType> silentState)
     : target(target),
       process(target.GetProcess()),
       listener(debugger.GetListener()),
       channel(channel),
       stop(stop),
-      milestones(std::move(milestones)) {}
+      milestones(std::move(milestones)),
+      silentState(silentState) {}
 
 void EventMonitor::run() {
   listener.StartListeningForEvents(target.GetBroadcaster(), targetEvents);
   listener.StartListeningForEvents(process.GetBroadcaster(), processEvents);
   stop = false;
   milestones.listening.set_value();
+  if (silentState) reportState(*silentState);
   while (!stop) {
     if (listener.WaitForEvent(waitSeconds, event)) handleEvent();
   }
@@ -97,7 +100,8 @@ void EventMonitor::handleProcessEvent(std::uint32_t type) {
       return reportOutput("stderr", &lldb::SBProcess::GetSTDERR);
     case lldb::SBProcess::eBroadcastBitSTDOUT:
       return reportOutput("stdout", &lldb::SBProcess::GetSTDOUT);
-    case lldb::SBProcess::eBroadcastBitStateChanged: return reportState();
+    case lldb::SBProcess::eBroadcastBitStateChanged:
+      return reportState(lldb::SBProcess::GetStateFromEvent(event));
     default: return;
   }
 }
@@ -122,8 +126,7 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
   }
 }
 
-void EventMonitor::reportState() {
-  const lldb::StateType state = lldb::SBProcess::GetStateFromEvent(event);
+void EventMonitor::reportState(lldb::StateType state) {
   const std::string name = stateName(state);
   LOG_RECORD("State changed to %{public}s", name.c_str());
   Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};

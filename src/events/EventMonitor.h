@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <optional>
 
 #include "channel/MessageChannel.h"
 
@@ -28,11 +29,13 @@ class EventMonitor {
   /// before its time. It matches nothing and is ignored.
   static constexpr std::uint32_t wakeupBit = 1;
 
-  /// `channel` and `stop` must outlive the monitor.
+  /// `channel` and `stop` must outlive the monitor. `silentState`, if there is one, is the state
+  /// that the process reached without an event of LLDB's.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,
-               std::atomic<bool> &stop, Milestones milestones);
+               std::atomic<bool> &stop, Milestones milestones,
+               std::optional<lldb::StateType> silentState = std::nullopt);
 
-  /// Listens and reports until `stop` is set. Clears `stop` first.
+  /// Reports the silent state, then listens and reports until `stop` is set. Clears `stop` first.
   void run();
 
  private:
@@ -43,7 +46,7 @@ class EventMonitor {
   /// One message for each read of at most 256 bytes, until a read comes back shorter.
   using OutputReader = std::size_t (lldb::SBProcess::*)(char *, std::size_t) const;
   void reportOutput(const char *type, OutputReader read);
-  void reportState();
+  void reportState(lldb::StateType state);
   void reportModulesLoaded();
   void reportModulesUnloaded();
 
@@ -57,5 +60,6 @@ class EventMonitor {
   MessageChannel &channel;
   std::atomic<bool> &stop;
   Milestones milestones;
+  std::optional<lldb::StateType> silentState;
   bool stateWasReported = false;
 };

@@ -1,6 +1,7 @@
 #include "session/DebugSession.h"
 
 #include <chrono>
+#include <optional>
 #include <utility>
 
 #include "channel/Envelope.h"
@@ -25,6 +26,21 @@ void keepFromStandardStreams(lldb::SBDebugger &debugger) {
   debugger.SetOutputFileHandle(std::fopen(nullDevice, "we"), handOver);
   debugger.SetErrorFileHandle(std::fopen(nullDevice, "we"), handOver);
 }
+
+/// While one lives, the triple of a new target chooses that target's platform. LLDB would go on
+/// with it: after one target of another platform it launches nothing here any more.
+class PlatformGuard {
+ public:
+  explicit PlatformGuard(lldb::SBDebugger &debugger)
+      : debugger(debugger), platform(debugger.GetSelectedPlatform()) {}
+  ~PlatformGuard() { debugger.SetSelectedPlatform(platform); }
+  PlatformGuard(const PlatformGuard &) = delete;
+  PlatformGuard &operator=(const PlatformGuard &) = delete;
+
+ private:
+  lldb::SBDebugger &debugger;
+  lldb::SBPlatform platform;
+};
 
 }  // namespace
 
@@ -59,8 +75,15 @@ lldb::SBProcess DebugSession::currentProcess() {
 lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
   constexpr const char *platformName = nullptr;
   constexpr bool addDependentModules = false;
+  const PlatformGuard guard(debugger);
   return debugger.CreateTarget(executablePath.c_str(), triple.c_str(), platformName,
                                addDependentModules, error);
+}
+
+lldb::SBTarget DebugSession::buildRemoteTarget() {
+  const PlatformGuard guard(debugger);
+  return debugger.CreateTargetWithFileAndArch(executablePath.c_str(),
+                                              triple.empty() ? nullptr : triple.c_str());
 }
 
 void DebugSession::discardTarget() {
@@ -77,13 +100,18 @@ bool DebugSession::stateChangeIsQueued() {
 void DebugSession::startEventThread() {
   LOG_RECORD("Restarting event thread\n");
   endEventThread();
-  stateChangeWasQueued = stateChangeIsQueued();
+  std::optional<lldb::StateType> silentState;
+  // Deliberate: LLDB 14 sends no event for the stop at entry, and hosts wait for one.
+  if (!stateChangeIsQueued() && process.GetState() != lldb::eStateAttaching)
+    silentState = process.GetState();
   EventMonitor::Milestones milestones;
   std::future<void> listening = milestones.listening.get_future();
   firstStateReported = milestones.firstStateReported.get_future();
-  eventThread = std::make_unique<std::thread>([this, milestones = std::move(milestones)]() mutable {
-    EventMonitor(debugger, target, channel, stopEventThread, std::move(milestones)).run();
-  });
+  eventThread = std::make_unique<std::thread>(
+      [this, silentState, milestones = std::move(milestones)]() mutable {
+        EventMonitor(debugger, target, channel, stopEventThread, std::move(milestones), silentState)
+            .run();
+      });
   // A stop requested before the thread has cleared the flag would be lost, so wait for it.
   listening.wait();
 }
@@ -97,9 +125,8 @@ void DebugSession::endEventThread() {
 }
 
 void DebugSession::waitUntilSettled() {
-  const bool attaching = process.GetState() == lldb::eStateAttaching;
   while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
   // LLDB follows a stop only when it is taken from the listener; resuming before that would strand
-  // the process. Where nothing was queued nothing will come: LLDB 14 reports no stop at entry.
-  if (attaching || stateChangeWasQueued) firstStateReported.wait_for(firstStateBound);
+  // the process.
+  firstStateReported.wait_for(firstStateBound);
 }

@@ -111,6 +111,9 @@ class DebugSession {
   /// none.
   lldb::SBTarget buildTarget(lldb::SBError &error);
 
+  /// The same for a connection, in which the file may be missing or of another architecture.
+  lldb::SBTarget buildRemoteTarget();
+
   /// Leaves the session without target, and takes the target out of LLDB's own list, which would
   /// keep it for ever.
   void discardTarget();
@@ -128,9 +131,6 @@ class DebugSession {
 
   /// Runs one command line and logs it. Its result is not looked at.
   void interpret(const std::string &commandLine);
-
-  /// A target for the connection. Where LLDB is to choose the architecture, the triple is empty.
-  lldb::SBTarget buildRemoteTarget();
 
   /// Whether LLDB has queued a state change of `process` that nobody has taken yet. For the time
   /// without event thread: until it is taken, LLDB's state stays what it was.
@@ -165,7 +165,6 @@ class DebugSession {
 
   // The event thread.
   lldb::SBBroadcaster wakeup{"lldb-helper.wakeup"};  ///< its events only end a wait early
-  bool stateChangeWasQueued = false;                 ///< when the current event thread started
   std::future<void> firstStateReported;              ///< by the current event thread
   std::unique_ptr<std::thread> eventThread;          ///< null when there is none
   std::atomic<bool> stopEventThread;  ///< set by the main thread, cleared by a new event thread
