@@ -156,6 +156,11 @@ TEST(Control, CommandsInTheWrongStateAnswerAndHarmNothing) {
   EXPECT_NE(message.find(" (state eStateRunning)"), std::string::npos) << message;
   EXPECT_EQ(host.ask("getProcessState")["state-string"], "eStateRunning");
 
+  // The next stop is told as it is, whatever was asked for too early.
+  ASSERT_EQ(host.ask("breakExecution"), ok);
+  host.awaitState("eStateStopped");
+  EXPECT_EQ(host.stack()[1].value("function", ""), "main") << host.stack();
+
   ASSERT_EQ(host.ask("stopExecution"), ok);
   host.awaitState("eStateExited");
   for (const char *command :

@@ -16,6 +16,14 @@ std::string locationText(lldb::SBBreakpointLocation location) {
   return text;
 }
 
+/// The selected thread of a process that is stopped. Of a running one none, which LLDB steps
+/// without doing anything: LLDB 14 to 19 would note the step of a real one although the process
+/// runs, and show the next stop with the registers of an earlier one.
+lldb::SBThread threadToStep(lldb::SBProcess &process) {
+  if (lldb::SBDebugger::StateIsRunningState(process.GetState())) return lldb::SBThread();
+  return process.GetSelectedThread();
+}
+
 }  // namespace
 
 Json DebugSession::setBreakpointAtVirtualAddress(std::uint64_t address) {
@@ -50,7 +58,7 @@ Json DebugSession::stepInstruction() {
   lldb::SBProcess current = currentProcess();
   if (!current.IsValid()) return errorResponse("stepInstruction", "no process");
   constexpr bool stepOverCalls = false;
-  current.GetSelectedThread().StepInstruction(stepOverCalls);
+  threadToStep(current).StepInstruction(stepOverCalls);
   return okResponse();
 }
 
@@ -58,13 +66,13 @@ Json DebugSession::stepOver() {
   lldb::SBProcess current = currentProcess();
   if (!current.IsValid()) return errorResponse("stepOver", "no process");
   constexpr bool stepOverCalls = true;
-  current.GetSelectedThread().StepInstruction(stepOverCalls);
+  threadToStep(current).StepInstruction(stepOverCalls);
   return okResponse();
 }
 
 Json DebugSession::stepOut() {
   lldb::SBProcess current = currentProcess();
   if (!current.IsValid()) return errorResponse("stepOut", "no process");
-  current.GetSelectedThread().StepOut();
+  threadToStep(current).StepOut();
   return okResponse();
 }

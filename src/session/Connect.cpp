@@ -78,8 +78,3 @@ void DebugSession::interpret(const std::string &commandLine) {
   constexpr bool addToHistory = false;
   debugger.GetCommandInterpreter().HandleCommand(commandLine.c_str(), result, addToHistory);
 }
-
-lldb::SBTarget DebugSession::buildRemoteTarget() {
-  return debugger.CreateTargetWithFileAndArch(executablePath.c_str(),
-                                              triple.empty() ? nullptr : triple.c_str());
-}
