@@ -69,7 +69,7 @@ if(LLDB_FOUND AND NOT TARGET LLDB::LLDB)
     # An LLDB unpacked by hand brings the libraries it needs itself.
     get_filename_component(_lldb_folder "${_lldb_file}" DIRECTORY)
     target_link_options(LLDB::LLDB INTERFACE
-      "LINKER:-rpath,${_lldb_folder}" "LINKER:-rpath-link,${_lldb_folder}:${_lldb_prefix}/lib")
+      "LINKER:-rpath-link,${_lldb_folder}:${_lldb_prefix}/lib")
   endif()
 endif()
 mark_as_advanced(LLDB_INCLUDE_DIR LLDB_LIBRARY LLDB_SERVER)

@@ -170,20 +170,6 @@ TEST(Launch, AFailedLaunchIsNeverOk) {
   EXPECT_TRUE(descendants(host.pid(), "hello").empty());
 }
 
-TEST(Launch, ADebugServerThatTheUserNamedIsUsed) {
-  Host host(Host::Options{.environment = {"LLDB_DEBUGSERVER_PATH=/nowhere/lldb-server"}});
-  host.prepare(inferior("hello"));
-  const json response = host.ask("createProcess");
-  EXPECT_EQ(response["message"].get<std::string>().rfind("cannot create process: ", 0), 0u)
-      << response;
-  EXPECT_EQ(host.ask("getProcessState"), errorMessage("no target"));
-}
-
-TEST(Launch, ADebugServerIsFoundInTheCleanestEnvironment) {
-  Host host(Host::Options{.prepare = [] { clearenv(); }});
-  EXPECT_EQ(run(host, inferior("hello")), "hello\r\nworld\r\n");
-}
-
 std::string countingLines(std::size_t size) {
   std::string text;
   for (int line = 0; text.size() < size; ++line) {

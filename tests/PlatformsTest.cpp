@@ -16,7 +16,7 @@ namespace {
 std::map<std::string, std::string> expectations() {
   std::map<std::string, std::string> rows;
   std::vector<int> versions;
-  std::istringstream lines(readFile(PLATFORMS_PAGE));
+  std::istringstream lines(readFile(DOCS "/platforms.md"));
   for (std::string line; std::getline(lines, line);) {
     if (line.rfind("| ", 0) != 0) continue;
     std::vector<std::string> cells;
@@ -122,18 +122,6 @@ std::string stopUnderGnuGdbserver() {
   host.awaitState("eStateRunning");
   host.awaitState("eStateStopped");
   return host.ask("getCallstack")["callstack"][0].value("function", "");
-}
-
-/// Whether `text` is what `pattern` says, in which "…" stands for anything.
-bool matches(const std::string &text, const std::string &pattern) {
-  const std::string gap = "…";
-  const auto at = pattern.find(gap);
-  if (at == std::string::npos) return text == pattern;
-  if (text.compare(0, at, pattern, 0, at) != 0) return false;
-  const std::string rest = pattern.substr(at + gap.size());
-  for (std::size_t begin = at; begin <= text.size(); ++begin)
-    if (matches(text.substr(begin), rest)) return true;
-  return false;
 }
 
 TEST(Platforms, TheTableTellsWhatThisLldbDoes) {

@@ -36,6 +36,7 @@ int main(int argc, char **argv) {
   platform::blockBrokenPipeSignal();
   platform::startEnvironment();
   platform::provideDebugServer();
+  platform::forgetPythonHome();
 
   const bool consoleMode = argc != 3;
   const Streams streams = consoleMode ? Streams{stdin, stdout} : openChannel(argv[1], argv[2]);

@@ -75,6 +75,8 @@ int openTerminal() {
   return -1;
 }
 
+void forgetPythonHome() { unsetenv("PYTHONHOME"); }
+
 void blockBrokenPipeSignal() {
   sigset_t signals;
   sigemptyset(&signals);

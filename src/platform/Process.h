@@ -25,6 +25,14 @@ int openTerminal();
 /// most.
 bool terminalHasRoom(int terminal, std::chrono::milliseconds time);
 
+/// Takes PYTHONHOME out of the environment. LLDB starts its Python with it, and one that is meant for
+/// another Python ends this program. Called once, after startEnvironment, before there are threads.
+void forgetPythonHome();
+
+/// Whether a program can be started without address space layout randomisation. Containers' system
+/// call filters may forbid it (Docker's does), and LLDB launches nothing then if it is told to.
+bool canDisableAslr();
+
 /// Blocks SIGPIPE in the calling thread and in the threads it will start: writing to a reader that
 /// is gone must fail, not end the program. The signal's disposition stays as it is, and LLDB starts
 /// its children with an empty signal mask.

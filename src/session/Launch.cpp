@@ -57,7 +57,9 @@ lldb::SBProcess DebugSession::launchTarget(lldb::SBError &error) {
   constexpr bool append = false;
   launchInfo.SetEnvironmentEntries(const_cast<const char **>(environmentVector.data()), append);
   launchInfo.SetWorkingDirectory(workingDirectory.c_str());
-  launchInfo.SetLaunchFlags(lldb::eLaunchFlagStopAtEntry | lldb::eLaunchFlagDisableASLR);
+  const std::uint32_t fixedAddresses =
+      platform::canDisableAslr() ? lldb::eLaunchFlagDisableASLR : lldb::eLaunchFlagNone;
+  launchInfo.SetLaunchFlags(lldb::eLaunchFlagStopAtEntry | fixedAddresses);
 
   LOG_RECORD("About to launch target\n");
   error.Clear();

@@ -89,8 +89,9 @@ Host::Host(Options options) {
       fcntl(toChild.read, F_SETFD, 0);
       fcntl(fromChild.write, F_SETFD, 0);
     }
+    environ = const_cast<char **>(environmentVector.data());
     if (options.prepare) options.prepare();
-    execve(HELPER_PROGRAM, argumentVector.data(), environmentVector.data());
+    execv(HELPER_PROGRAM, argumentVector.data());
     _exit(127);
   }
   close(toChild.read);
@@ -311,6 +312,17 @@ std::string readFile(const std::string &path) {
   std::ostringstream bytes;
   bytes << file.rdbuf();
   return bytes.str();
+}
+
+bool matches(const std::string &text, const std::string &pattern) {
+  const std::string gap = "…";
+  const auto at = pattern.find(gap);
+  if (at == std::string::npos) return text == pattern;
+  if (text.compare(0, at, pattern, 0, at) != 0) return false;
+  const std::string rest = pattern.substr(at + gap.size());
+  for (std::size_t begin = at; begin <= text.size(); ++begin)
+    if (matches(text.substr(begin), rest)) return true;
+  return false;
 }
 
 void awaitThat(const std::string &what, const std::function<bool()> &holds) {

@@ -22,7 +22,7 @@ class Host {
     std::optional<std::vector<std::string>> arguments;
     /// name=value texts, added to the test's own environment.
     std::vector<std::string> environment;
-    /// Runs in the child before the program.
+    /// Runs in the child before the program. May change its environment.
     std::function<void()> prepare;
   };
 
@@ -108,6 +108,9 @@ std::string inferior(const std::string &name);
 std::vector<pid_t> descendants(pid_t ancestor, const std::string &name = "");
 
 std::string readFile(const std::string &path);
+
+/// Whether `text` is what `pattern` says, in which "…" stands for anything.
+bool matches(const std::string &text, const std::string &pattern);
 
 /// Waits until `holds` does; throws, naming `what`, when it does not come true in time.
 void awaitThat(const std::string &what, const std::function<bool()> &holds);

@@ -1,0 +1,7 @@
+#include "platform/Process.h"
+
+namespace platform {
+
+bool canDisableAslr() { return true; }
+
+}  // namespace platform

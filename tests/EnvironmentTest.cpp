@@ -1,0 +1,126 @@
+// Odd machines and surroundings: either everything works, or the host gets an answer that
+// docs/troubleshooting.md explains.
+
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/personality.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+
+#include "support/Inferior.h"
+
+namespace {
+
+/// From here on this process and its children get EPERM for a system call, if its first argument
+/// has all of these bits. What containers' filters do.
+void refuse(unsigned systemCall, unsigned bits = 0) {
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, systemCall, 0, 4),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+      BPF_STMT(BPF_ALU | BPF_AND | BPF_K, bits),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bits, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program{std::size(code), code};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+    _exit(126);
+}
+
+/// A folder with what may lie about in somebody's home.
+class Folder {
+ public:
+  Folder() {
+    char name[] = "/tmp/lldb-helper-test-XXXXXX";
+    path = mkdtemp(name);
+    std::ofstream(path + "/.lldbinit") << "settings set prompt surprise\nquit 7\n";
+    std::filesystem::create_directory(path + "/lldb");
+    std::ofstream(path + "/lldb/__init__.py") << "raise ImportError('no LLDB here')\n";
+    std::filesystem::create_directory(path + "/gone");
+  }
+  ~Folder() { std::filesystem::remove_all(path); }
+  Folder(const Folder &) = delete;
+  Folder &operator=(const Folder &) = delete;
+
+  std::string path;
+};
+
+struct Surroundings {
+  const char *name;
+  std::function<void()> prepare;
+  /// How the answer to createProcess begins where it is none of "ok".
+  std::string refusal = "";
+};
+
+bool isExplained(const std::string &message) {
+  std::istringstream lines(readFile(DOCS "/troubleshooting.md"));
+  for (std::string line; std::getline(lines, line);)
+    if (line.rfind("### `", 0) == 0 && matches(message, line.substr(5, line.size() - 6)))
+      return true;
+  return false;
+}
+
+TEST(Environment, OddSurroundingsWorkOrAreToldClearly) {
+  const Folder folder;
+  const auto setFolder = [&](const char *name) { setenv(name, folder.path.c_str(), 1); };
+  const Surroundings all[] = {
+      {"an empty environment", [] { clearenv(); }},
+      {"no home", [] { unsetenv("HOME"); }},
+      {"commands in ~/.lldbinit", [&] { setFolder("HOME"); }},
+      {"commands in ./.lldbinit", [&] { EXPECT_EQ(chdir(folder.path.c_str()), 0); }},
+      {"a working directory that was removed",
+       [&] {
+         EXPECT_EQ(chdir((folder.path + "/gone").c_str()), 0);
+         rmdir((folder.path + "/gone").c_str());
+       }},
+      {"no Python package beside LLDB", [&] { setFolder("PYTHONPATH"); }},
+      {"another Python's home", [&] { setFolder("PYTHONHOME"); }},
+      {"no log socket", [] { refuse(__NR_socket, AF_UNIX); }},
+      {"fixed addresses refused", [] { refuse(__NR_personality, ADDR_NO_RANDOMIZE); }},
+      {"no debug server", [] { setenv("LLDB_DEBUGSERVER_PATH", "/nowhere/lldb-server", 1); },
+       "cannot create process: "},
+      {"ptrace refused", [] { refuse(__NR_ptrace); }, "cannot create process: "},
+  };
+  for (const Surroundings &surroundings : all) {
+    SCOPED_TRACE(surroundings.name);
+    Host host(Host::Options{.prepare = surroundings.prepare});
+    host.prepare(inferior("hello"));
+    const json response = host.ask("createProcess");
+    if (surroundings.refusal.empty()) {
+      ASSERT_EQ(response, ok);
+      EXPECT_EQ(host.runToExit().output, "hello\r\nworld\r\n");
+      const json prompt =
+          host.ask({{"command", "executeCommand"}, {"cli", "settings show prompt"}});
+      EXPECT_EQ(prompt["output"].get<std::string>().find("surprise"), std::string::npos) << prompt;
+      EXPECT_EQ(host.ask("deleteProcess"), ok);
+    } else {
+      const std::string message = response["message"];
+      EXPECT_EQ(message.rfind(surroundings.refusal, 0), 0u) << message;
+      EXPECT_TRUE(isExplained(message)) << "not in docs/troubleshooting.md: " << message;
+      EXPECT_EQ(host.ask("getProcessState"), errorMessage("no target"));
+    }
+    host.closeRequests();
+    EXPECT_EQ(host.exitStatus(), 0);
+  }
+}
+
+TEST(Environment, AttachingWithoutPermissionIsToldClearly) {
+  Running program({inferior("wait")});
+  program.line();
+  Host host(Host::Options{.prepare = [] { refuse(__NR_ptrace); }});
+  const json response = host.ask({{"command", "attachToProcess"}, {"pid", program.pid()}});
+  EXPECT_EQ(response["status"], "error");
+  EXPECT_TRUE(isExplained(response["message"])) << response;
+  EXPECT_TRUE(program.isAlive());
+}
+
+}  // namespace
