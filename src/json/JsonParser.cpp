@@ -20,7 +20,7 @@ bool isLowSurrogate(long codePoint) { return codePoint >= 0xdc00 && codePoint <=
 /// A byte as messages show it: 'x' (120), or (10) for what does not print. Bytes from 128 up count
 /// as negative: 0xC3 is (-61).
 std::string describe(char byte) {
-  const int code = static_cast<signed char>(byte);
+  const int code = static_cast<signed char>(byte);  // NOLINT(bugprone-signed-char-misuse)
   char text[16];
   if (code < ' ') {
     std::snprintf(text, sizeof text, "(%d)", code);
