@@ -1,5 +1,7 @@
 // The log's records, word for word and in order, and what becomes of them on this platform.
 
+#undef _FORTIFY_SOURCE  // this file defines syslog, and must not get it from a header
+
 #include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -197,13 +199,25 @@ int setlogmask(int mask) {
   return mask == 0 ? syslogCalls.mask : std::exchange(syslogCalls.mask, mask);
 }
 
-void syslog(int priority, const char *format, ...) {
+void vsyslog(int priority, const char *format, std::va_list arguments) {
   char text[1024];
-  std::va_list arguments;
-  va_start(arguments, format);
   std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
   syslogCalls.priority = priority;
   syslogCalls.text = text;
+}
+
+void syslog(int priority, const char *format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  vsyslog(priority, format, arguments);
+  va_end(arguments);
+}
+
+// What distributions that build with _FORTIFY_SOURCE call in its place.
+void __syslog_chk(int priority, int, const char *format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  vsyslog(priority, format, arguments);
+  va_end(arguments);
 }
 }

@@ -13,14 +13,27 @@ void openlog(const char *ident, int option, int facility) {
   identity = ident;
 }
 
-void syslog(int priority, const char *format, ...) {
+void vsyslog(int priority, const char *format, va_list arguments) {
   FILE *file = fopen(getenv("SYSLOG_FILE"), "ae");
   if (!file) return;
-  va_list arguments;
-  va_start(arguments, format);
   fprintf(file, "%s %d ", identity, priority);
   vfprintf(file, format, arguments);
-  va_end(arguments);
   fputc(0x1e, file);
   fclose(file);
+}
+
+void syslog(int priority, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vsyslog(priority, format, arguments);
+  va_end(arguments);
+}
+
+/* What distributions that build with _FORTIFY_SOURCE call in its place. */
+void __syslog_chk(int priority, int flag, const char *format, ...) {
+  (void)flag;
+  va_list arguments;
+  va_start(arguments, format);
+  vsyslog(priority, format, arguments);
+  va_end(arguments);
 }
