@@ -25,8 +25,9 @@ int openTerminal();
 /// most.
 bool terminalHasRoom(int terminal, std::chrono::milliseconds time);
 
-/// Takes PYTHONHOME out of the environment. LLDB starts its Python with it, and one that is meant for
-/// another Python ends this program. Called once, after startEnvironment, before there are threads.
+/// Takes PYTHONHOME out of the environment. LLDB starts its Python with it, and one that is meant
+/// for another Python ends this program. Called once, after startEnvironment, before there are
+/// threads.
 void forgetPythonHome();
 
 /// Whether a program can be started without address space layout randomisation. Containers' system

@@ -30,18 +30,18 @@ void _os_log_impl(void *image, os_log_t log, os_log_type_t type, const char *for
 /* The linker's name for the image that this code is in. */
 extern struct mach_header __dso_handle;
 
-#define os_log(log, format, ...)                                                                  \
-  __extension__({                                                                                 \
-    os_log_t _log = (log);                                                                        \
-    if (os_log_type_enabled(_log, OS_LOG_TYPE_DEFAULT)) {                                         \
-      static const char _format[] __attribute__((section("__TEXT,__oslogstring,cstring_literals"))) = \
-          format;                                                                                 \
-      uint8_t _arguments[__builtin_os_log_format_buffer_size(format, ##__VA_ARGS__)]              \
-          __attribute__((aligned(16)));                                                           \
-      _os_log_impl(&__dso_handle, _log, OS_LOG_TYPE_DEFAULT, _format,                             \
-                   (uint8_t *)__builtin_os_log_format(_arguments, format, ##__VA_ARGS__),         \
-                   (uint32_t)sizeof(_arguments));                                                 \
-    }                                                                                             \
+#define os_log(log, format, ...)                                                          \
+  __extension__({                                                                         \
+    os_log_t _log = (log);                                                                \
+    if (os_log_type_enabled(_log, OS_LOG_TYPE_DEFAULT)) {                                 \
+      static const char _format[]                                                         \
+          __attribute__((section("__TEXT,__oslogstring,cstring_literals"))) = format;     \
+      uint8_t _arguments[__builtin_os_log_format_buffer_size(format, ##__VA_ARGS__)]      \
+          __attribute__((aligned(16)));                                                   \
+      _os_log_impl(&__dso_handle, _log, OS_LOG_TYPE_DEFAULT, _format,                     \
+                   (uint8_t *)__builtin_os_log_format(_arguments, format, ##__VA_ARGS__), \
+                   (uint32_t)sizeof(_arguments));                                         \
+    }                                                                                     \
   })
 
 #ifdef __cplusplus
