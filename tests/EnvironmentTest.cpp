@@ -36,6 +36,19 @@ void refuse(unsigned systemCall, unsigned bits = 0) {
     _exit(126);
 }
 
+void refusePtrace() {
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the search for leaks needs ptrace itself
+  refuse(__NR_ptrace);
+}
+
+/// Nothing is left but what tells a sanitizer which leaks are LLDB's.
+void emptyEnvironment() {
+  const char *suppressions = getenv("LSAN_OPTIONS");
+  const std::string kept = suppressions != nullptr ? suppressions : "";
+  clearenv();
+  if (!kept.empty()) setenv("LSAN_OPTIONS", kept.c_str(), 1);
+}
+
 /// A folder with what may lie about in somebody's home.
 class Folder {
  public:
@@ -73,7 +86,7 @@ TEST(Environment, OddSurroundingsWorkOrAreToldClearly) {
   const Folder folder;
   const auto setFolder = [&](const char *name) { setenv(name, folder.path.c_str(), 1); };
   const Surroundings all[] = {
-      {"an empty environment", [] { clearenv(); }},
+      {"an empty environment", emptyEnvironment},
       {"no home", [] { unsetenv("HOME"); }},
       {"commands in ~/.lldbinit", [&] { setFolder("HOME"); }},
       {"commands in ./.lldbinit", [&] { EXPECT_EQ(chdir(folder.path.c_str()), 0); }},
@@ -88,7 +101,7 @@ TEST(Environment, OddSurroundingsWorkOrAreToldClearly) {
       {"fixed addresses refused", [] { refuse(__NR_personality, ADDR_NO_RANDOMIZE); }},
       {"no debug server", [] { setenv("LLDB_DEBUGSERVER_PATH", "/nowhere/lldb-server", 1); },
        "cannot create process: "},
-      {"ptrace refused", [] { refuse(__NR_ptrace); }, "cannot create process: "},
+      {"ptrace refused", refusePtrace, "cannot create process: "},
   };
   for (const Surroundings &surroundings : all) {
     SCOPED_TRACE(surroundings.name);
@@ -116,7 +129,7 @@ TEST(Environment, OddSurroundingsWorkOrAreToldClearly) {
 TEST(Environment, AttachingWithoutPermissionIsToldClearly) {
   Running program({inferior("wait")});
   program.line();
-  Host host(Host::Options{.prepare = [] { refuse(__NR_ptrace); }});
+  Host host(Host::Options{.prepare = refusePtrace});
   const json response = host.ask({{"command", "attachToProcess"}, {"pid", program.pid()}});
   EXPECT_EQ(response["status"], "error");
   EXPECT_TRUE(isExplained(response["message"])) << response;

@@ -11,8 +11,8 @@
 
 namespace {
 
-/// A row's text for the LLDB that is tested. Columns are ordered by version; an empty cell stands
-/// for what the cell before it says, and a version without column for the newest before it.
+/// A row's text for the LLDB that is tested; nothing when it has no column. Columns are ordered by
+/// version, and an empty cell stands for what the cell before it says.
 std::map<std::string, std::string> expectations() {
   std::map<std::string, std::string> rows;
   std::vector<int> versions;
@@ -32,6 +32,7 @@ std::map<std::string, std::string> expectations() {
       for (std::size_t column = 0; column < versions.size(); ++column)
         if (versions[column] <= LLDB_MAJOR && !cells.at(column + 1).empty())
           rows[cells[0]] = cells[column + 1];
+      if (std::count(versions.begin(), versions.end(), LLDB_MAJOR) == 0) rows.clear();
     }
   }
   return rows;
@@ -147,6 +148,7 @@ TEST(Platforms, TheTableTellsWhatThisLldbDoes) {
       {"First stop under GNU gdbserver", stopUnderGnuGdbserver},
   };
   auto rows = expectations();
+  if (rows.empty()) GTEST_SKIP() << "NOT TESTED: docs/platforms.md tells nothing of this LLDB";
   for (const auto &[name, probe] : probes) {
     const std::string seen = probe();
     EXPECT_TRUE(rows.count(name)) << "docs/platforms.md has no row for «" << name << "»: " << seen;

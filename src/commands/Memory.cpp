@@ -2,9 +2,9 @@
 
 #include "channel/Envelope.h"
 #include "channel/MessageChannel.h"
+#include "events/StateName.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
-#include "session/StateName.h"
 
 namespace {
 

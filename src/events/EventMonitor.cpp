@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "events/StateName.h"
 #include "platform/Log.h"
-#include "session/StateName.h"
 
 namespace {
 
@@ -36,14 +36,11 @@ std::string hexText(std::string_view bytes) {
 
 const char *textOrEmpty(const char *text) { return text != nullptr ? text : ""; }
 
-/// The section by which a module's place is told: on macOS the one behind __PAGEZERO, __TEXT.
-constexpr std::size_t placingSection = 1;
-
 /// A module that LLDB has placed in memory, as the host hears of it. Null when its section lies
 /// below its address in the file.
 Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
   const lldb::SBFileSpec file = module.GetFileSpec();
-  lldb::SBSection section = module.GetSectionAtIndex(placingSection);
+  lldb::SBSection section = module.GetSectionAtIndex(EventMonitor::placingSection);
   const std::uint64_t fileAddress = section.GetFileAddress();
   const std::uint64_t loadAddress = section.GetLoadAddress(target);
   if (loadAddress < fileAddress) return Json();

@@ -29,6 +29,9 @@ class EventMonitor {
   /// before its time. It matches nothing and is ignored.
   static constexpr std::uint32_t wakeupBit = 1;
 
+  /// The section by which a module's place is told: on macOS the one behind __PAGEZERO, __TEXT.
+  static constexpr std::size_t placingSection = 1;
+
   /// `channel` and `stop` must outlive the monitor. `silentState`, if there is one, is the state
   /// that the process reached without an event of LLDB's.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,

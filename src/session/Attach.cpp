@@ -1,6 +1,7 @@
 // attachToProcess: a running local process and its executable.
 
 #include "channel/Envelope.h"
+#include "events/EventMonitor.h"
 #include "platform/Log.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
@@ -10,7 +11,7 @@ namespace {
 /// Where the executable lies: file and load address of the section by which modules are placed.
 /// Empty when the target's modules do not tell.
 Json::object executablePlace(lldb::SBTarget target) {
-  constexpr std::size_t placingSection = 1;
+  constexpr std::size_t placingSection = EventMonitor::placingSection;
   if (target.GetNumModules() == 0) return {};
   lldb::SBModule module = target.FindModule(target.GetExecutable());
   if (!module.IsValid() || module.GetNumSections() <= placingSection) return {};

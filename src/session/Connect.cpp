@@ -4,10 +4,10 @@
 #include <thread>
 
 #include "channel/Envelope.h"
+#include "events/StateName.h"
 #include "platform/Log.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
-#include "session/StateName.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 #include <vector>
 
 #include "channel/Envelope.h"
+#include "events/StateName.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
-#include "session/StateName.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // The commands that query, resume, interrupt, kill, detach or delete the process.
 
 #include "channel/Envelope.h"
+#include "events/StateName.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
-#include "session/StateName.h"
 
 Json DebugSession::detach() {
   lldb::SBProcess current = currentProcess();

@@ -1,4 +1,4 @@
-#include "session/StateName.h"
+#include "events/StateName.h"
 
 #include <iterator>
 
