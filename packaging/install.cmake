@@ -7,8 +7,9 @@ configure_file(packaging/lldb-helper.1.in lldb-helper.1 @ONLY)
 install(TARGETS lldb-helper)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 install(FILES README.md CHANGELOG.md TYPE DOC)
-install(DIRECTORY docs/ TYPE DOC FILES_MATCHING PATTERN "*.md")
-install(DIRECTORY examples TYPE DOC FILES_MATCHING PATTERN "*.py" PATTERN "*.c")
+install(DIRECTORY docs/ TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json")
+install(DIRECTORY examples TYPE DOC FILES_MATCHING
+  PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.hpp" PATTERN "*.js" PATTERN "*.py")
 
 set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_CONTACT "The lldb-helper developers")

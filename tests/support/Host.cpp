@@ -65,6 +65,7 @@ Host::Host(Options options) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   const Pipe toChild, fromChild, silence;
   const bool console = options.arguments.has_value();
+  conformance.listens = !console || options.arguments->size() == 2;
   std::vector<std::string> arguments{HELPER_PROGRAM};
   if (console) {
     arguments.insert(arguments.end(), options.arguments->begin(), options.arguments->end());
@@ -127,6 +128,7 @@ std::string Host::frame(const std::string &text) {
 }
 
 void Host::sendBytes(std::string_view bytes) {
+  conformance.sent(bytes);
   while (!bytes.empty()) {
     const ssize_t count = write(requests, bytes.data(), bytes.size());
     if (count <= 0) fail("the program does not read its requests any more");
@@ -228,6 +230,7 @@ std::optional<std::string> Host::nextText() {
   if (!fill(sizeof length + length)) fail("a frame that is cut short");
   std::string text = unread.substr(sizeof length, length);
   unread.erase(0, sizeof length + length);
+  conformance.received(text);
   return text;
 }
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "support/Conformance.h"
+
 using json = nlohmann::json;
 
 /// A host as the tests need it: runs the program as a child, speaks frames or console lines with
@@ -76,6 +78,9 @@ class Host {
   json prepare(const std::string &program, json more = json::object());
   /// prepare and createProcess, both of which must be answered "ok".
   void launch(const std::string &program, json more = json::object());
+
+  /// Compares what is said here with docs/protocol.schema.json.
+  Conformance conformance;
 
   /// Every message that was read, in order.
   std::vector<json> history;
