@@ -1,0 +1,12 @@
+/* Says what it is about to do, and writes to where nobody may. */
+#include <stdio.h>
+
+int *volatile nowhere;
+
+__attribute__((noinline)) void crash(void) { *nowhere = 1; }
+
+int main(void) {
+  puts("here goes");
+  crash();
+  return 0;
+}
