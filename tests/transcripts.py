@@ -234,9 +234,13 @@ def play_block(block, helper, inferiors, server, record):
     if block[0].startswith("$ lldb-helper"):
         return play_console(block, helper, record)
     session = Session(helper, os.path.abspath(inferiors), server)
-    came = list(play(block, session, record))
-    session.end()
-    return came
+    try:
+        came = list(play(block, session, record))
+        session.end()
+        return came
+    finally:
+        for child in (session.helper, *session.started):
+            child.kill()
 
 
 def main(arguments):
