@@ -1,0 +1,215 @@
+/* A host for lldb-helper in C without libraries (POSIX): debugs a small program from its launch to
+   its exit, and shows all that goes over the two pipes. host.py says what a host has to know.
+
+   Usage: host HELPER PROGRAM
+
+   It has one thread, and may: it sends a request only when the one before is answered, so the
+   helper always finds either a host that reads, or an empty pipe to write to. A host that does
+   other things between its requests needs a thread that reads. */
+#define _XOPEN_SOURCE 700
+
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+static int requests, messages; /* descriptors: to the helper, from the helper */
+static uint64_t next_id = 1;
+static char output[65536]; /* what the program wrote, decoded */
+static size_t output_size;
+static char state[32]; /* of the last state event, until await_state has seen it */
+static int exit_status = -1;
+
+/* The helper sees the end of its input, and takes the program along, when this process ends. */
+static void fail(const char *what) {
+  fprintf(stderr, "%s\n", what);
+  exit(1);
+}
+
+static void start(const char *program) {
+  int down[2], up[2];
+  if (pipe(down) != 0 || pipe(up) != 0) fail("no pipe");
+  /* No child may hold our ends: the helper itself would keep its input from ending. */
+  fcntl(down[1], F_SETFD, FD_CLOEXEC);
+  fcntl(up[0], F_SETFD, FD_CLOEXEC);
+  signal(SIGPIPE, SIG_IGN); /* else a write to a helper that is gone ends the host */
+  char in[16], out[16];
+  snprintf(in, sizeof in, "%d", down[0]);
+  snprintf(out, sizeof out, "%d", up[1]);
+  const pid_t child = fork();
+  if (child < 0) fail("no child");
+  if (child == 0) {
+    signal(SIGPIPE, SIG_DFL); /* what is ignored stays so in a new program */
+    execlp(program, program, in, out, (char *)NULL);
+    _exit(127);
+  }
+  close(down[0]);
+  close(up[1]);
+  requests = down[1];
+  messages = up[0];
+}
+
+/* Reads or writes may stop short of what they were asked for. */
+static void write_all(const void *bytes, size_t size) {
+  for (size_t done = 0; done < size;) {
+    const ssize_t count = write(requests, (const char *)bytes + done, size - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) fail("the helper has ended");
+    done += (size_t)count;
+  }
+}
+
+static void read_all(void *bytes, size_t size) {
+  for (size_t done = 0; done < size;) {
+    const ssize_t count = read(messages, (char *)bytes + done, size - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) fail("the helper has ended");
+    done += (size_t)count;
+  }
+}
+
+/* The value behind the first member of this name, at any depth, or NULL. It looks at names only,
+   never into texts, and relies on how the helper writes: `"name": value`, names without escapes,
+   members in byte order of their names. It is good for what is unique in a message; anything else
+   wants a parser. */
+static const char *member(const char *text, const char *name) {
+  const size_t length = strlen(name);
+  while ((text = strchr(text, '"')) != NULL) {
+    const char *begin = ++text;
+    for (; *text != '"'; text++)
+      if (*text == '\0' || (*text == '\\' && *++text == '\0')) return NULL;
+    const size_t size = (size_t)(text++ - begin);
+    if (*text == ':' && size == length && memcmp(begin, name, length) == 0) return text + 2;
+  }
+  return NULL;
+}
+
+static int member_is(const char *text, const char *name, const char *value) {
+  const char *found = member(text, name);
+  return found != NULL && *found == '"' && strncmp(found + 1, value, strlen(value)) == 0 &&
+         found[1 + strlen(value)] == '"';
+}
+
+/* Integers are unsigned 64-bit: a double would garble those above 2^53. */
+static uint64_t member_number(const char *text, const char *name) {
+  const char *found = member(text, name);
+  return found != NULL ? strtoull(found + (*found == '"'), NULL, 0) : 0;
+}
+
+/* The next message. The caller frees it. */
+static char *receive(void) {
+  uint32_t length; /* in the machine's byte order */
+  read_all(&length, sizeof length);
+  char *text = malloc((size_t)length + 1);
+  if (text == NULL) fail("no memory");
+  read_all(text, length);
+  text[length] = '\0';
+  printf("<- %s\n", text);
+  return text;
+}
+
+static void take_event(const char *event) {
+  if (member_is(event, "type", "state")) {
+    const char *name = member(event, "state_desc");
+    snprintf(state, sizeof state, "%.*s", (int)strcspn(name + 1, "\""), name + 1);
+    if (member(event, "exit_status")) exit_status = (int)member_number(event, "exit_status");
+  } else if (member_is(event, "type", "stdout") || member_is(event, "type", "stderr")) {
+    unsigned byte; /* two hexadecimal digits each */
+    for (const char *at = member(event, "output") + 1; sscanf(at, "%2x", &byte) == 1; at += 2)
+      if (output_size < sizeof output - 1) output[output_size++] = (char)byte;
+  }
+}
+
+/* Sends a request: a command, and its arguments as printf writes them, each with a comma before it.
+   Returns the response, which the caller frees. Events that come before it are taken. */
+static char *ask(const char *command, const char *format, ...) {
+  char text[16384];
+  int size =
+      snprintf(text, sizeof text, "{\"command\": \"%s\", \"id\": %" PRIu64, command, next_id);
+  va_list arguments;
+  va_start(arguments, format);
+  size += vsnprintf(text + size, sizeof text - (size_t)size - 1, format, arguments);
+  va_end(arguments);
+  if (size >= (int)sizeof text - 2) fail("the request is too long");
+  text[size++] = '}';
+  const uint32_t length = (uint32_t)size;
+  printf("-> %.*s\n", size, text);
+  write_all(&length, sizeof length);
+  write_all(text, length);
+  for (;;) {
+    char *message = receive();
+    if (!member_is(message, "status", "event")) {
+      if (!member_is(message, "status", "ok") || member_number(message, "id") != next_id)
+        fail("not the answer that was hoped for");
+      next_id++;
+      return message;
+    }
+    take_event(message);
+    free(message);
+  }
+}
+
+static void await_state(const char *wanted) {
+  while (strcmp(state, wanted) != 0) {
+    if (strcmp(state, "eStateExited") == 0) fail("the program has exited");
+    char *event = receive();
+    take_event(event);
+    free(event);
+  }
+  state[0] = '\0'; /* seen: the next run begins anew */
+}
+
+/* A text as JSON has it, with its quotes. The caller frees it. */
+static char *quoted(const char *text) {
+  char *json = malloc(6 * strlen(text) + 3), *at = json;
+  if (json == NULL) fail("no memory");
+  *at++ = '"';
+  for (; *text != '\0'; text++) {
+    if (*text == '"' || *text == '\\' || (unsigned char)*text < 0x20)
+      at += sprintf(at, "\\u%04x", (unsigned)*text);
+    else
+      *at++ = *text;
+  }
+  strcpy(at, "\"");
+  return json;
+}
+
+int main(int argc, char **argv) {
+  if (argc != 3) fail("usage: host HELPER PROGRAM");
+  setvbuf(stdout, NULL, _IOLBF, 0);
+  start(argv[1]);
+  char folder[4096];
+  char *full = realpath(argv[2], NULL);
+  if (full == NULL || getcwd(folder, sizeof folder) == NULL) fail("no such program");
+  char *path = quoted(full), *cwd = quoted(folder), *env = quoted("GREETING=\"Good morning\"");
+  free(ask("prepareExecutable",
+           ", \"path\": %s, \"args\": \"world\", \"env\": %s, \"cwd\": %s, \"triple\": \"\", "
+           "\"is64Bits\": true",
+           path, env, cwd));
+  free(full), free(path), free(cwd), free(env);
+  free(ask("createProcess", ""));
+  await_state("eStateStopped");
+
+  char *frames = ask("getCallstack", ""), *registers = ask("getRegisters", "");
+  const uint64_t pc = member_number(frames, "pc");
+  const char *counter = member(registers, "rip") ? "rip" : "pc"; /* x86-64's name, or ARM's */
+  printf("   pc 0x%" PRIx64 "\n", pc);
+  if (pc == 0 || pc != member_number(registers, counter)) fail("pc is not exact");
+  free(frames), free(registers);
+
+  free(ask("continueExecution", ""));
+  await_state("eStateExited");
+  free(ask("deleteProcess", ""));
+  close(requests); /* the end of its input ends the helper */
+  int ending = 0;
+  while (wait(&ending) < 0 && errno == EINTR) continue;
+  printf("%sexit status %d\nthe helper ended with %d\n", output, exit_status, ending);
+  return strstr(output, "Good morning, world!") && exit_status == 3 && ending == 0 ? 0 : 1;
+}

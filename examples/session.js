@@ -1,0 +1,79 @@
+// Debugs a small program from its launch to its exit and shows what goes over the two pipes.
+//
+// Usage: node session.js HELPER PROGRAM
+
+'use strict';
+
+const path = require('node:path');
+const { Helper, stringify } = require('./host.js');
+
+async function ask(helper, command, args = {}) {
+  console.log('->', command, stringify(args));
+  const response = await helper.ask(command, args);
+  if (response.status !== 'ok') throw new Error(`${command}: ${response.message}`);
+  return response;
+}
+
+// Reads events up to the one with this state; returns that and the output on the way.
+async function readUntil(helper, state) {
+  const output = [];
+  for await (const event of helper.events()) {
+    if (event.type === 'stdout' || event.type === 'stderr') {
+      output.push(Buffer.from(event.output, 'hex')); // a character may be cut in two between events
+    } else {
+      console.log(' *', stringify(event));
+    }
+    // The program runs on a terminal of its own, which ends lines with "\r\n".
+    if (event.state_desc === state) return [event, Buffer.concat(output).toString()];
+    if (event.state_desc === 'eStateExited') break;
+  }
+  throw new Error(`the program never came to ${state}`);
+}
+
+const hex = (number) => `0x${number.toString(16)}`; // of a number or a BigInt
+
+async function debug(helper, program) {
+  await ask(helper, 'prepareExecutable', {
+    path: path.resolve(program), args: 'world', env: 'GREETING="Good morning"',
+    cwd: process.cwd(), triple: '', is64Bits: true,
+  });
+  await ask(helper, 'createProcess');
+  await readUntil(helper, 'eStateStopped');
+
+  const { pc } = (await ask(helper, 'getCallstack')).callstack[0];
+  const { registers } = await ask(helper, 'getRegisters');
+  console.log('   pc', hex(pc));
+  if (BigInt(pc) !== BigInt(registers.rip ?? registers.pc)) throw new Error('pc is not exact');
+  // Sections that are not in memory are at 2^64 - 1, which only a BigInt holds.
+  const { module } = await ask(helper, 'moduleAtIndex', { index: 0 });
+  const absent = module.sections.find((section) => section.loadAddr === 0xffffffffffffffffn);
+  if (absent) console.log('   not in memory:', absent.name, hex(absent.loadAddr));
+
+  await ask(helper, 'continueExecution');
+  const [exited, output] = await readUntil(helper, 'eStateExited');
+  console.log(`${output}exit status ${exited.exit_status}`);
+  await ask(helper, 'deleteProcess');
+  return output.includes('Good morning, world!') && exited.exit_status === 3;
+}
+
+async function main() {
+  const [helperProgram, program] = process.argv.slice(2);
+  const helper = new Helper(helperProgram);
+  let asExpected;
+  let status;
+  try {
+    asExpected = await debug(helper, program);
+  } finally {
+    status = await helper.close();
+  }
+  console.log('the helper ended with', status);
+  return asExpected && status === 0;
+}
+
+main().then(
+  (asExpected) => process.exit(asExpected ? 0 : 1),
+  (error) => {
+    console.error(error);
+    process.exit(1);
+  },
+);
