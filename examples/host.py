@@ -25,7 +25,9 @@ class Helper:
         requests_out, requests_in = os.pipe()
         messages_out, messages_in = os.pipe()
         self.child = subprocess.Popen(
-            [program, str(requests_out), str(messages_in)], pass_fds=(requests_out, messages_in)
+            [program, str(requests_out), str(messages_in)],
+            pass_fds=(requests_out, messages_in),
+            start_new_session=True,  # Ctrl-C at this program's terminal is not for the helper
         )
         os.close(requests_out)
         os.close(messages_in)
