@@ -9,6 +9,7 @@ terminal the lines of a script are taken from it, and "wait" waits for the progr
 """
 
 import argparse
+import atexit
 import glob
 import json
 import os
@@ -123,9 +124,12 @@ def show_rest(response, _):
 class Console:
     def __init__(self, program):
         self.schema = load_schema()
+        # No thread takes Ctrl-C but one; the helper's reader is the first that is started.
+        signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
         self.helper = Helper(program)
         self.raw = False
         self.lock = threading.Lock()  # what is printed comes whole
+        self.asking = threading.Lock()  # a request and its response belong together
         self.changed = threading.Condition()  # guards the two below
         self.state = None
         self.stops = 0  # exits among them
@@ -133,7 +137,8 @@ class Console:
         self.is_terminal = sys.stdin.isatty()
         self.has_colour = sys.stdout.isatty() and "NO_COLOR" not in os.environ
         self.at_prompt = False
-        threading.Thread(target=self.watch, daemon=True).start()
+        for watch in (self.watch, self.watch_interrupts):
+            threading.Thread(target=watch, daemon=True).start()
 
     # --- What is shown ------------------------------------------------------------------------------
 
@@ -156,14 +161,17 @@ class Console:
         """The thread that shows events."""
         while True:
             event = self.helper.events.get()
-            if self.raw:
-                self.show(self.colour(2, json.dumps(event)))
-            self.show(self.event_text(event))
-            if event["type"] == "state":
+            if isinstance(event, threading.Event):
+                event.set()
+                continue
+            if event["type"] == "state":  # before it is seen: a quick Ctrl-C must find it
                 with self.changed:
                     self.state = event["state_desc"]
                     self.stops += self.state not in RUNNING
                     self.changed.notify_all()
+            if self.raw:
+                self.show(self.colour(2, json.dumps(event)))
+            self.show(self.event_text(event))
 
     def event_text(self, event):
         if event["type"] == "state":
@@ -176,11 +184,20 @@ class Console:
 
     # --- What is sent -------------------------------------------------------------------------------
 
+    def catch_up(self):
+        """Returns when the events that have come so far have been shown."""
+        mark = threading.Event()
+        self.helper.events.put(mark)
+        mark.wait()
+
     def ask(self, command, **arguments):
         if self.raw:
             self.show(self.colour(2, json.dumps({"command": command, **arguments})))
+        self.catch_up()
         before = self.stops
-        response = self.helper.ask(command, **arguments)
+        with self.asking:
+            response = self.helper.ask(command, **arguments)
+        self.catch_up()
         if command in RESUMING and response["status"] == "ok":
             self.stops_before = before
         if self.raw:
@@ -287,6 +304,17 @@ class Console:
             "Errors: " + " · ".join(errors) if errors else "",
         ]))  # fmt: skip
 
+    # --- Ctrl-C -------------------------------------------------------------------------------------
+
+    def watch_interrupts(self):
+        """The thread that takes Ctrl-C: the one that reads lines may be anywhere when it comes."""
+        while True:
+            signal.sigwait({signal.SIGINT})
+            if self.state in RUNNING:
+                self.perform("breakExecution")
+            else:
+                self.show("Ctrl-D ends; Ctrl-C interrupts a running program.")
+
     # --- The loop -----------------------------------------------------------------------------------
 
     def obey(self, line):
@@ -329,12 +357,6 @@ class Console:
                 goes_on = self.obey(self.read_line())
             except EOFError:
                 goes_on = False
-            except KeyboardInterrupt:
-                self.show("")
-                if self.state in RUNNING:
-                    self.perform("breakExecution")
-                else:
-                    self.show("Ctrl-D ends; Ctrl-C interrupts a running program.")
             except (Mistake, ValueError) as mistake:  # shlex's missing quotes are ValueErrors
                 self.show(self.colour(31, str(mistake)))
         return self.end()
@@ -358,7 +380,7 @@ class Console:
         if line.startswith(("!", "lldb ")):
             cut = 1 if line.startswith("!") else 5
             cli = line[cut:].lstrip()
-            found = self.helper.ask("completeCommand", cli=cli, pos=len(cli))["completions"]
+            found = self.ask("completeCommand", cli=cli, pos=len(cli))["completions"]
             mark = "!" if text.startswith("!") else ""
             words = [mark + word for word in found[1:]]
             return [words[0] + " "] if len(words) == 1 and found[0].endswith(" ") else words
@@ -383,8 +405,6 @@ class Console:
             readline.read_history_file(history)
         except OSError:
             history = os.devnull  # a home that cannot be written to is no reason not to debug
-        import atexit
-
         atexit.register(readline.write_history_file, history)
         readline.set_completer_delims(" ")
         readline.set_completer(self.complete)
@@ -404,5 +424,4 @@ def main():
 
 
 if __name__ == "__main__":
-    signal.signal(signal.SIGINT, signal.default_int_handler)
     sys.exit(main())
