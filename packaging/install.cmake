@@ -7,7 +7,7 @@ configure_file(packaging/lldb-helper.1.in lldb-helper.1 @ONLY)
 install(TARGETS lldb-helper)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 install(FILES README.md CHANGELOG.md TYPE DOC)
-install(DIRECTORY docs/ TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json")
+install(DIRECTORY docs/ TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.svg")
 install(DIRECTORY examples TYPE DOC FILES_MATCHING
   PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.hpp" PATTERN "*.js" PATTERN "*.py")
 
