@@ -121,7 +121,7 @@ def at_a_terminal(console, helper, inferiors):
         terminal.expect(r"prompt \(string\)")
         # News come while a line is half typed: the line is put back behind them.
         terminal.type("!continue\r")
-        terminal.expect(r"ready")
+        terminal.expect(r"(?s)\* running.*ready|ready.*\* running")
         terminal.type("getPr")
         terminal.expect("getPr")
         os.kill(wait_inferior(terminal.child.pid), signal.SIGUSR1)

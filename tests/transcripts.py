@@ -150,15 +150,15 @@ def await_listener(port):
     raise SystemExit(f"nobody listens on port {port}")
 
 
-def joined(events):
-    """State events in their order and, between them, the output in one piece; no modules."""
-    result = []
+def summary(events):
+    """State events in their order, and all output in one piece: output and the news that the program runs
+    may change places. No modules."""
+    states, output = [], ""
     for event in map(json.loads, events):
-        if event["type"] in ("stdout", "stderr") and result and result[-1].get("type") == event["type"]:
-            result[-1]["output"] += event["output"]
-        elif not event["type"].startswith("module"):
-            result.append(event)
-    return [text_of(event) for event in result]
+        if event["type"] == "state":
+            states.append(text_of(event))
+        output += event.get("output", "")
+    return states, output
 
 
 def hexadecimal(text):
@@ -189,7 +189,7 @@ def play(block, session, record):
         wanted = [l[2:] for l in told if l.startswith("* ")]
         response, events = None, []
         # A request's events may come behind its response: wait for as many as the page tells of.
-        while response is None or len(joined(events)) < len(joined_told(wanted)) or not complete(wanted, events):
+        while response is None or not complete(wanted, events):
             message = session.message()
             if json.loads(message)["status"] == "event":
                 events.append(message)
@@ -205,18 +205,18 @@ def play(block, session, record):
             for l in told:
                 if l.startswith(sign) and not matches(session.fill_in(l[3:]), got):
                     raise SystemExit(f"{line}\n  told: {l[3:]}\n  came: {got}")
-        if joined_told(wanted) != [text_of(marked(json.loads(e))) for e in joined(events)]:
-            raise SystemExit(f"{line}\n  told: {joined_told(wanted)}\n  came: {joined(events)}")
+        if summary_told(wanted) != summary(events):
+            raise SystemExit(f"{line}\n  told: {summary_told(wanted)}\n  came: {summary(events)}")
 
 
-def joined_told(wanted):
-    return joined([re.sub("«[^»]*»", "0", line) for line in wanted])
+def summary_told(wanted):
+    return summary([re.sub("«[^»]*»", "0", line) for line in wanted])
 
 
 def complete(wanted, events):
-    """Whether the output told of has come; its pieces may differ."""
-    size = lambda texts: sum(len(json.loads(t).get("output", "")) for t in texts)
-    return size(joined(events)) >= size(joined_told(wanted))
+    """Whether as much has come as the page tells of."""
+    (states, output), (told_states, told_output) = summary(events), summary_told(wanted)
+    return len(states) >= len(told_states) and len(output) >= len(told_output)
 
 
 def play_console(block, helper, record):
