@@ -188,6 +188,24 @@ TEST(JsonText, ContainersHaveSpacesAndSortedKeys) {
   EXPECT_EQ(out, "before [true]");
 }
 
+TEST(JsonText, LongTextsAreWhole) {
+  // A text is written through a buffer: every piece must survive its end, wherever that falls.
+  const std::string escapes = "\"\\\n\x01\xe2\x80\xa8 and more";
+  for (std::size_t length = 4060; length < 4110; ++length) {
+    const std::string filler(length, 'x');
+    const Json value(Json::array{filler, escapes, 2147483647, std::uint64_t{1} << 63, true, Json(),
+                                 std::string(9000, 'y')});
+    EXPECT_EQ(value.dump(), "[\"" + filler + "\", \"\\\"\\\\\\n\\u0001\\u2028 and more\", " +
+                                "2147483647, 9223372036854775808, true, null, \"" +
+                                std::string(9000, 'y') + "\"]");
+    JsonBytes bytes(length);
+    for (std::size_t at = 0; at < length; ++at)
+      bytes.data()[at] = static_cast<std::uint8_t>(at * 7);
+    const Json block(std::move(bytes));
+    EXPECT_EQ(block.dump(), Json(Json::array(block.arrayItems())).dump());
+  }
+}
+
 TEST(JsonText, CommentsAreForThoseWhoAsk) {
   const auto comments = JsonParseMode::Comments;
   EXPECT_EQ(parsed("// a\n [1, /* b */ 2] // c", comments).dump(), "[1, 2]");

@@ -1,6 +1,7 @@
 #include "json/Json.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -32,7 +33,7 @@ class JsonNull final : public JsonValue {
   JsonType type() const override { return JsonType::Null; }
   bool equals(const JsonValue &) const override { return true; }
   bool less(const JsonValue &) const override { return false; }
-  void dump(std::string &out) const override { out += "null"; }
+  void dump(JsonWriter &out) const override { out.plain("null"); }
 };
 
 class JsonBool final : public JsonValue {
@@ -41,7 +42,7 @@ class JsonBool final : public JsonValue {
   JsonType type() const override { return JsonType::Bool; }
   bool equals(const JsonValue &other) const override { return value == other.boolValue(); }
   bool less(const JsonValue &other) const override { return value < other.boolValue(); }
-  void dump(std::string &out) const override { out += value ? "true" : "false"; }
+  void dump(JsonWriter &out) const override { out.plain(value ? "true" : "false"); }
   bool boolValue() const override { return value; }
 
  private:
@@ -61,7 +62,7 @@ class JsonNumber : public JsonValue {
 class JsonInt final : public JsonNumber {
  public:
   explicit JsonInt(std::int32_t value) : value(value) {}
-  void dump(std::string &out) const override { appendNumber(out, value); }
+  void dump(JsonWriter &out) const override { out.number(value); }
   double numberValue() const override { return value; }
   std::int32_t intValue() const override { return value; }
   std::uint64_t uint64Value() const override {
@@ -76,7 +77,7 @@ class JsonInt final : public JsonNumber {
 class JsonUint64 final : public JsonNumber {
  public:
   explicit JsonUint64(std::uint64_t value) : value(value) {}
-  void dump(std::string &out) const override { appendNumber(out, value); }
+  void dump(JsonWriter &out) const override { out.number(value); }
   double numberValue() const override { return static_cast<double>(value); }
   std::int32_t intValue() const override {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(value));
@@ -90,7 +91,7 @@ class JsonUint64 final : public JsonNumber {
 class JsonDouble final : public JsonNumber {
  public:
   explicit JsonDouble(double value) : value(value) {}
-  void dump(std::string &out) const override { appendNumber(out, value); }
+  void dump(JsonWriter &out) const override { out.number(value); }
   double numberValue() const override { return value; }
   std::int32_t intValue() const override { return truncateTo<std::int32_t>(value); }
   std::uint64_t uint64Value() const override { return truncateTo<std::uint64_t>(value); }
@@ -105,7 +106,7 @@ class JsonString final : public JsonValue {
   JsonType type() const override { return JsonType::String; }
   bool equals(const JsonValue &other) const override { return value == other.stringValue(); }
   bool less(const JsonValue &other) const override { return value < other.stringValue(); }
-  void dump(std::string &out) const override { appendQuoted(out, value); }
+  void dump(JsonWriter &out) const override { out.quoted(value); }
   const std::string &stringValue() const override { return value; }
 
  private:
@@ -118,14 +119,13 @@ class JsonArray final : public JsonValue {
   JsonType type() const override { return JsonType::Array; }
   bool equals(const JsonValue &other) const override { return items == other.arrayItems(); }
   bool less(const JsonValue &other) const override { return items < other.arrayItems(); }
-  void dump(std::string &out) const override {
-    const char *separator = "[";
+  void dump(JsonWriter &out) const override {
+    out.plain("[");
     for (const Json &item : items) {
-      out += separator;
+      if (&item != &items.front()) out.plain(", ");
       item.dump(out);
-      separator = ", ";
     }
-    out += items.empty() ? "[]" : "]";
+    out.plain("]");
   }
   const Json::array &arrayItems() const override { return items; }
   const Json &operator[](std::size_t index) const override {
@@ -143,13 +143,7 @@ class JsonByteArray final : public JsonValue {
   JsonType type() const override { return JsonType::Array; }
   bool equals(const JsonValue &other) const override { return arrayItems() == other.arrayItems(); }
   bool less(const JsonValue &other) const override { return arrayItems() < other.arrayItems(); }
-  void dump(std::string &out) const override {
-    // Room for what follows the array in a message too: a large text must not be moved for its
-    // tail.
-    constexpr std::size_t tail = 256;
-    out.reserve(out.size() + bytes.textSize() + tail);
-    appendByteArray(out, bytes.data(), bytes.size());
-  }
+  void dump(JsonWriter &out) const override { out.byteArray(bytes.data(), bytes.size()); }
   const Json::array &arrayItems() const override {
     std::call_once(itemsMade, [this] {
       items.reserve(bytes.size());
@@ -162,7 +156,6 @@ class JsonByteArray final : public JsonValue {
   }
 
  private:
-  /// The one value for each of the 256 numbers.
   static const Json &byteNumber(std::uint8_t byte) {
     static const Json::array numbers = [] {
       Json::array all;
@@ -183,16 +176,16 @@ class JsonObject final : public JsonValue {
   JsonType type() const override { return JsonType::Object; }
   bool equals(const JsonValue &other) const override { return members == other.objectItems(); }
   bool less(const JsonValue &other) const override { return members < other.objectItems(); }
-  void dump(std::string &out) const override {
-    const char *separator = "{";
+  void dump(JsonWriter &out) const override {
+    std::string_view separator = "{";
     for (const auto &[key, member] : members) {
-      out += separator;
-      appendQuoted(out, key);
-      out += ": ";
+      out.plain(separator);
+      out.quoted(key);
+      out.plain(": ");
       member.dump(out);
       separator = ", ";
     }
-    out += members.empty() ? "{}" : "}";
+    out.plain(members.empty() ? "{}" : "}");
   }
   const Json::object &objectItems() const override { return members; }
   const Json &operator[](std::string_view key) const override {
@@ -204,11 +197,33 @@ class JsonObject final : public JsonValue {
   Json::object members;
 };
 
+/// The payloads of the numbers from 0 to 255, one for each: bytes, counts and identifiers are most
+/// of the numbers there are.
+template <typename Payload>
+class SmallNumbers {
+ public:
+  SmallNumbers() {
+    for (std::uint8_t number = 0; auto &payload : payloads)
+      payload = std::make_shared<Payload>(number++);
+  }
+  /// The shared payload of a small number, a new one of any other.
+  template <typename Integer>
+  std::shared_ptr<const JsonValue> get(Integer value) const {
+    const auto index = static_cast<std::uint64_t>(value);
+    return index < payloads.size() ? payloads[index] : std::make_shared<Payload>(value);
+  }
+
+ private:
+  std::array<std::shared_ptr<const JsonValue>, 256> payloads;
+};
+
 /// What all values share, made once on first use and kept until exit.
 struct Shared {
   const std::shared_ptr<const JsonValue> null = std::make_shared<JsonNull>();
   const std::shared_ptr<const JsonValue> yes = std::make_shared<JsonBool>(true);
   const std::shared_ptr<const JsonValue> no = std::make_shared<JsonBool>(false);
+  const SmallNumbers<JsonInt> smallInts;
+  const SmallNumbers<JsonUint64> smallUint64s;
   const std::string emptyString{};
   const Json::array emptyArray{};
   const Json::object emptyObject{};
@@ -235,7 +250,7 @@ JsonBytes::JsonBytes(std::size_t size)
 
 void JsonBytes::Free::operator()(std::uint8_t *bytes) const { std::free(bytes); }
 
-std::size_t JsonBytes::textSize() const { return byteArraySize(data(), size()); }
+std::size_t JsonBytes::textSize() const { return JsonWriter::byteArraySize(data(), size()); }
 
 double JsonValue::numberValue() const { return 0.0; }
 std::int32_t JsonValue::intValue() const { return 0; }
@@ -249,8 +264,8 @@ const Json &JsonValue::operator[](std::string_view) const { return nullJson(); }
 
 Json::Json() noexcept : value(shared().null) {}
 Json::Json(bool value) noexcept : value(value ? shared().yes : shared().no) {}
-Json::Json(std::int32_t value) : value(std::make_shared<JsonInt>(value)) {}
-Json::Json(std::uint64_t value) : value(std::make_shared<JsonUint64>(value)) {}
+Json::Json(std::int32_t value) : value(shared().smallInts.get(value)) {}
+Json::Json(std::uint64_t value) : value(shared().smallUint64s.get(value)) {}
 Json::Json(double value) : value(std::make_shared<JsonDouble>(value)) {}
 Json::Json(const std::string &value) : value(std::make_shared<JsonString>(value)) {}
 Json::Json(std::string &&value) : value(std::make_shared<JsonString>(std::move(value))) {}
@@ -283,7 +298,13 @@ bool operator<(const Json &a, const Json &b) {
   return a.value->less(*b.value);
 }
 
-void Json::dump(std::string &out) const { value->dump(out); }
+void Json::dump(JsonWriter &out) const { value->dump(out); }
+
+void Json::dump(std::string &out) const {
+  JsonWriter writer(out);
+  dump(writer);
+  writer.finish();
+}
 
 std::string Json::dump() const {
   std::string out;

@@ -18,6 +18,7 @@ enum class JsonParseMode {
 };
 
 class JsonValue;
+class JsonWriter;
 
 /// A block of bytes on its way to becoming a Json array with one number from 0 to 255 for each
 /// byte. To every reader that array is one like any other; it only takes a byte for each item, not
@@ -108,6 +109,8 @@ class Json {
   /// keys in ascending byte order.
   void dump(std::string &out) const;
   std::string dump() const;
+  /// For a part of a larger text.
+  void dump(JsonWriter &out) const;
 
   /// Reads one value from `text`. On failure the result is null and `error`, which must come empty,
   /// holds one line of English about the first thing that is wrong. On success `error` stays as it

@@ -1,15 +1,27 @@
 #include "json/JsonParser.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
+#include <system_error>
 #include <utility>
 
 namespace {
 
 /// No \u escape is waiting for its second half.
 constexpr long noCodePoint = -1;
+
+/// True for the bytes of a string that stand for themselves.
+constexpr std::array<bool, 256> makePlainBytes() {
+  std::array<bool, 256> plain{};
+  for (std::size_t byte = ' '; byte < plain.size(); ++byte) plain[byte] = true;
+  plain['"'] = plain['\\'] = false;
+  return plain;
+}
+constexpr std::array<bool, 256> isPlain = makePlainBytes();
 
 bool isDigit(char byte) { return byte >= '0' && byte <= '9'; }
 
@@ -77,8 +89,9 @@ Json Json::parse(const std::string &text, std::string &error, JsonParseMode mode
 Json JsonParser::parse() {
   Json value = parseValue(0);
   skip();
-  if (!failed && !atEnd()) fail("unexpected trailing " + describe(current()));
-  return failed ? Json() : value;
+  if (!failed && !atEnd()) fail("unexpected trailing " + describe(*at));
+  if (failed) return Json();
+  return value;
 }
 
 Json JsonParser::parseValue(int depth) {
@@ -89,7 +102,7 @@ Json JsonParser::parseValue(int depth) {
   const char token = nextToken();
   if (failed) return Json();
   if (token == '-' || isDigit(token)) {
-    --position;
+    --at;
     return parseNumber();
   }
   switch (token) {
@@ -104,13 +117,13 @@ Json JsonParser::parseValue(int depth) {
 }
 
 Json JsonParser::expectWord(std::string_view word, const Json &value) {
-  --position;
-  if (text.compare(position, word.size(), word) != 0) {
-    fail("parse error: expected " + std::string(word) + ", got " +
-         text.substr(position, word.size()));
+  --at;
+  const std::string_view found = rest().substr(0, word.size());
+  if (found != word) {
+    fail("parse error: expected " + std::string(word) + ", got " + std::string(found));
     return Json();
   }
-  position += word.size();
+  at += word.size();
   return value;
 }
 
@@ -130,7 +143,9 @@ Json JsonParser::parseObject(int depth) {
       fail("expected ':' in object, got " + describe(token));
       return Json();
     }
-    members.insert_or_assign(std::move(key), parseValue(depth + 1));
+    // Whoever writes JSON from a sorted map sends the keys in their order: the place is the end.
+    // Of a key that comes twice the last value stays.
+    members.emplace_hint(members.end(), std::move(key), Json())->second = parseValue(depth + 1);
     if (failed) return Json();
     token = nextToken();
     if (token == '}') return Json(std::move(members));
@@ -147,7 +162,7 @@ Json JsonParser::parseArray(int depth) {
   char token = nextToken();
   if (token == ']') return Json(std::move(items));
   while (!failed) {
-    --position;
+    --at;
     items.push_back(parseValue(depth + 1));
     if (failed) break;
     token = nextToken();
@@ -159,30 +174,26 @@ Json JsonParser::parseArray(int depth) {
 }
 
 std::string JsonParser::parseString() {
-  std::string out;
+  const char *start = at;
+  while (isPlain[static_cast<unsigned char>(*at)]) ++at;
+  if (*at == '"') return std::string(start, at++);  // no escapes in it, as most have none
+
+  std::string out(start, at);
   long pending = noCodePoint;
   while (!failed) {
-    const std::size_t start = position;
-    while (!atEnd() && current() != '"' && current() != '\\' &&
-           static_cast<unsigned char>(current()) >= ' ')
-      ++position;
-    if (position > start) {
-      writeOut(out, pending);
-      out.append(text, start, position - start);
-    }
     if (atEnd()) {
       fail("unexpected end of input in string");
       break;
     }
-    const char byte = text[position++];
-    if (byte == '"') {
-      writeOut(out, pending);
-      return out;
-    }
+    const char byte = *at++;
     if (byte == '\\') {
       parseEscape(out, pending);
-    } else {
+    } else if (static_cast<unsigned char>(byte) < ' ') {
       fail("unescaped " + describe(byte) + " in string");
+    } else {
+      writeOut(out, pending);
+      if (byte == '"') return out;
+      out += byte;
     }
   }
   return std::string();
@@ -193,7 +204,7 @@ void JsonParser::parseEscape(std::string &out, long &pending) {
     fail("unexpected end of input in string");
     return;
   }
-  const char letter = text[position++];
+  const char letter = *at++;
   if (letter == 'u') {
     parseUnicodeEscape(out, pending);
     return;
@@ -213,7 +224,7 @@ void JsonParser::parseEscape(std::string &out, long &pending) {
 }
 
 void JsonParser::parseUnicodeEscape(std::string &out, long &pending) {
-  const std::string_view digits = std::string_view(text).substr(position, 4);
+  const std::string_view digits = rest().substr(0, 4);
   long codePoint = 0;
   const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), codePoint, 16);
   // from_chars would take a sign as well.
@@ -230,107 +241,95 @@ void JsonParser::parseUnicodeEscape(std::string &out, long &pending) {
     writeOut(out, pending);
     pending = codePoint;
   }
-  position += digits.size();
+  at += digits.size();
 }
 
 Json JsonParser::parseNumber() {
-  const std::size_t start = position;
-  if (current() == '-') ++position;
+  const char *const start = at;
+  if (*at == '-') ++at;
 
-  if (current() == '0') {
-    ++position;
-    if (isDigit(current())) {
+  if (*at == '0') {
+    ++at;
+    if (isDigit(*at)) {
       fail("leading 0s not permitted in numbers");
       return Json();
     }
-  } else if (isDigit(current())) {
+  } else if (isDigit(*at)) {
     skipDigits();
   } else {
-    fail("invalid " + describe(current()) + " in number");
+    fail("invalid " + describe(*at) + " in number");
     return Json();
   }
 
-  const bool hasFraction = current() == '.';
-  const bool isInteger = !hasFraction && current() != 'e' && current() != 'E';
+  const bool hasFraction = *at == '.';
+  const bool isInteger = !hasFraction && *at != 'e' && *at != 'E';
   // Nine bytes, sign included, always fit 32 bits.
-  if (isInteger && position - start <= 9) {
+  if (isInteger && at - start <= 9) {
+    const bool isNegative = *start == '-';
     std::int32_t value = 0;
-    std::from_chars(text.data() + start, text.data() + position, value);
-    return Json(value);
+    for (const char *digit = start + isNegative; digit < at; ++digit)
+      value = 10 * value + (*digit - '0');
+    return Json(isNegative ? -value : value);
   }
 
   if (hasFraction) {
-    ++position;
-    if (!isDigit(current())) {
+    ++at;
+    if (!isDigit(*at)) {
       fail("at least one digit required in fractional part");
       return Json();
     }
     skipDigits();
   }
-  if (current() == 'e' || current() == 'E') {
-    ++position;
-    if (current() == '+' || current() == '-') ++position;
-    if (!isDigit(current())) {
+  if (*at == 'e' || *at == 'E') {
+    ++at;
+    if (*at == '+' || *at == '-') ++at;
+    if (!isDigit(*at)) {
       fail("at least one digit required in exponent");
       return Json();
     }
     skipDigits();
   }
 
-  const char *literal = text.c_str() + start;
-  if (isUnsigned(std::string_view(literal, position - start), hasFraction))
-    return Json(static_cast<std::uint64_t>(std::strtoull(literal, nullptr, 10)));
-  return Json(std::strtod(literal, nullptr));
+  if (!isUnsigned(std::string_view(start, at), hasFraction))
+    return Json(std::strtod(start, nullptr));
+  std::uint64_t value = 0;
+  // Deliberate: what does not fit becomes the largest number.
+  if (std::from_chars(start, at, value).ec != std::errc())
+    value = std::numeric_limits<std::uint64_t>::max();
+  return Json(value);
 }
 
 void JsonParser::skipDigits() {
-  while (isDigit(current())) ++position;
+  while (isDigit(*at)) ++at;
 }
 
-void JsonParser::skip() {
-  skipWhitespace();
-  if (mode != JsonParseMode::Comments) return;
+void JsonParser::skipComments() {
   while (skipComment()) skipWhitespace();
 }
 
-void JsonParser::skipWhitespace() {
-  while (current() == ' ' || current() == '\r' || current() == '\n' || current() == '\t')
-    ++position;
-}
-
 bool JsonParser::skipComment() {
-  if (failed || current() != '/') return false;
-  ++position;
+  if (failed || *at != '/') return false;
+  ++at;
   if (atEnd()) {
     fail("unexpected end of input after start of comment");
     return false;
   }
-  const char kind = text[position++];
+  const char kind = *at++;
   if (kind == '/') {
-    position = std::min(text.find('\n', position), text.size());
+    at += std::min(rest().find('\n'), rest().size());
     return true;
   }
   if (kind != '*') {
     fail("malformed comment");
     return false;
   }
-  const std::size_t end = text.find("*/", position);
-  if (end == std::string::npos) {
+  const std::size_t length = rest().find("*/");
+  if (length == std::string_view::npos) {
     fail("unexpected end of input inside multi-line comment");
     return false;
   }
-  position = end + 2;
+  at += length + 2;
   return true;
-}
-
-char JsonParser::nextToken() {
-  skip();
-  if (failed) return 0;
-  if (atEnd()) {
-    fail("unexpected end of input");
-    return 0;
-  }
-  return text[position++];
 }
 
 void JsonParser::fail(std::string message) {

@@ -13,9 +13,9 @@
 /// reach hosts word for word.
 class JsonParser {
  public:
-  /// Keeps references to `text` and `error`, which must outlive the parser.
+  /// Keeps pointers into `text` and a reference to `error`, which must outlive the parser.
   JsonParser(const std::string &text, std::string &error, JsonParseMode mode)
-      : text(text), error(error), mode(mode) {}
+      : at(text.c_str()), end(at + text.size()), error(error), mode(mode) {}
 
   /// The value that the whole text holds, or null after a failure.
   Json parse();
@@ -38,21 +38,31 @@ class JsonParser {
   void skipDigits();
 
   /// White space, and in Comments mode comments too.
-  void skip();
-  void skipWhitespace();
-  /// True when a comment stood at the position.
+  void skip() {
+    skipWhitespace();
+    if (mode == JsonParseMode::Comments) skipComments();
+  }
+  void skipWhitespace() {
+    while (*at == ' ' || *at == '\r' || *at == '\n' || *at == '\t') ++at;
+  }
+  void skipComments();
+  /// True when a comment stood here.
   bool skipComment();
 
   /// The next byte that is not skipped; 0 after a failure.
-  char nextToken();
-  /// The byte at the position. At the end of the text this is its terminating zero.
-  char current() const { return text.c_str()[position]; }
-  bool atEnd() const { return position == text.size(); }
+  char nextToken() {
+    skip();
+    if (atEnd()) fail("unexpected end of input");
+    return failed ? '\0' : *at++;
+  }
+  bool atEnd() const { return at == end; }
+  /// What is left of the text.
+  std::string_view rest() const { return {at, static_cast<std::size_t>(end - at)}; }
 
   void fail(std::string message);
 
-  const std::string &text;
-  std::size_t position = 0;
+  const char *at;         ///< the next byte; at the end of the text its terminating zero
+  const char *const end;  ///< where that zero is, so that reading *at needs no check
   std::string &error;
   bool failed = false;
   JsonParseMode mode;

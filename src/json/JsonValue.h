@@ -2,6 +2,8 @@
 
 #include "json/Json.h"
 
+class JsonWriter;
+
 /// The payload behind a Json: one concrete class for each kind and number form. The base class
 /// answers every question with the default; a concrete class overrides only what its kind answers.
 class JsonValue {
@@ -10,7 +12,7 @@ class JsonValue {
   /// Both are asked only of a payload of the same type().
   virtual bool equals(const JsonValue &other) const = 0;
   virtual bool less(const JsonValue &other) const = 0;
-  virtual void dump(std::string &out) const = 0;
+  virtual void dump(JsonWriter &out) const = 0;
   virtual double numberValue() const;
   virtual std::int32_t intValue() const;
   virtual bool boolValue() const;

@@ -1,11 +1,11 @@
 #include "json/JsonWriter.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
 
 namespace {
 
@@ -21,44 +21,6 @@ constexpr std::array<bool, 256> makeSpecialBytes() {
   return special;
 }
 constexpr std::array<bool, 256> isSpecial = makeSpecialBytes();
-
-template <typename Integer>
-void appendInteger(std::string &out, Integer value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-  out.append(digits, end);
-}
-
-/// Escapes the special byte at the start of `rest` and says how many bytes that took.
-std::size_t appendEscape(std::string &out, std::string_view rest) {
-  switch (rest[0]) {
-    case '\\': out += "\\\\"; return 1;
-    case '"': out += "\\\""; return 1;
-    case '\b': out += "\\b"; return 1;
-    case '\f': out += "\\f"; return 1;
-    case '\n': out += "\\n"; return 1;
-    case '\r': out += "\\r"; return 1;
-    case '\t': out += "\\t"; return 1;
-    case '\xe2':
-      if (rest.substr(0, 3) == lineSeparator) {
-        out += "\\u2028";
-        return 3;
-      }
-      if (rest.substr(0, 3) == paragraphSeparator) {
-        out += "\\u2029";
-        return 3;
-      }
-      out += rest[0];
-      return 1;
-    default: {
-      constexpr char hex[] = "0123456789abcdef";
-      out += "\\u00";
-      out += hex[rest[0] >> 4];
-      out += hex[rest[0] & 0xf];
-      return 1;
-    }
-  }
-}
 
 /// What an array holds for one byte: the number, and the separator in front of the next one.
 struct ByteText {
@@ -85,57 +47,113 @@ constexpr std::size_t separatorSize = 2;
 
 }  // namespace
 
-void appendNumber(std::string &out, std::int32_t value) { appendInteger(out, value); }
+void JsonWriter::flush() {
+  out.append(buffer, size);
+  size = 0;
+}
 
-void appendNumber(std::string &out, std::uint64_t value) { appendInteger(out, value); }
+void JsonWriter::finish() { flush(); }
 
-void appendNumber(std::string &out, double value) {
-  if (!std::isfinite(value)) {
-    out += "null";
-    return;
-  }
+void JsonWriter::copy(std::string_view text) {
+  if (text.size() <= room) return plain(text);
+  flush();
+  out.append(text);
+}
+
+template <typename Integer>
+void JsonWriter::integer(Integer value) {
+  constexpr std::size_t mostDigits = 20;
+  makeRoom(mostDigits);
+  size = static_cast<std::size_t>(std::to_chars(buffer + size, buffer + room, value).ptr - buffer);
+}
+
+void JsonWriter::number(std::int32_t value) {
+  const auto index = static_cast<std::uint32_t>(value);
+  if (index >= byteTexts.size()) return integer(value);
+  const ByteText &entry = byteTexts[index];
+  plain({entry.text, entry.size - separatorSize});
+}
+
+void JsonWriter::number(std::uint64_t value) { integer(value); }
+
+void JsonWriter::number(double value) {
+  if (!std::isfinite(value)) return plain("null");
   char digits[32];
   const int length = std::snprintf(digits, sizeof digits, "%.17g", value);
-  out.append(digits, static_cast<std::size_t>(length));
+  plain({digits, static_cast<std::size_t>(length)});
 }
 
-void appendQuoted(std::string &out, const std::string &text) {
-  const std::string_view bytes = text;
-  out += '"';
-  std::size_t position = 0;
-  while (position < bytes.size()) {
-    std::size_t end = position;
-    while (end < bytes.size() && !isSpecial[static_cast<unsigned char>(bytes[end])]) ++end;
-    out.append(bytes, position, end - position);
-    position = end;
-    if (position < bytes.size()) position += appendEscape(out, bytes.substr(position));
+void JsonWriter::quoted(std::string_view text) {
+  plain("\"");
+  while (!text.empty()) {
+    const auto special = std::find_if(text.begin(), text.end(), [](char byte) {
+      return isSpecial[static_cast<unsigned char>(byte)];
+    });
+    const auto count = static_cast<std::size_t>(special - text.begin());
+    copy(text.substr(0, count));
+    text.remove_prefix(count);
+    if (!text.empty()) text.remove_prefix(escape(text));
   }
-  out += '"';
+  plain("\"");
 }
 
-void appendByteArray(std::string &out, const std::uint8_t *bytes, std::size_t count) {
-  out += '[';
-  char piece[4096];
-  std::size_t size = 0;
-  for (std::size_t index = 0; index < count; ++index) {
-    const ByteText &entry = byteTexts[bytes[index]];
-    // Always all five: a fixed size is what makes this fast. The next entry overwrites the excess.
-    std::memcpy(piece + size, entry.text, sizeof entry.text);
-    size += entry.size;
-    if (size > sizeof piece - sizeof entry.text) {
-      out.append(piece, size);
-      size = 0;
+std::size_t JsonWriter::escape(std::string_view rest) {
+  constexpr char hex[] = "0123456789abcdef";
+  switch (rest[0]) {
+    case '\\': plain("\\\\"); return 1;
+    case '"': plain("\\\""); return 1;
+    case '\b': plain("\\b"); return 1;
+    case '\f': plain("\\f"); return 1;
+    case '\n': plain("\\n"); return 1;
+    case '\r': plain("\\r"); return 1;
+    case '\t': plain("\\t"); return 1;
+    case '\xe2':
+      if (rest.starts_with(lineSeparator)) {
+        plain("\\u2028");
+        return lineSeparator.size();
+      }
+      if (rest.starts_with(paragraphSeparator)) {
+        plain("\\u2029");
+        return paragraphSeparator.size();
+      }
+      plain(rest.substr(0, 1));
+      return 1;
+    default:
+      plain("\\u00");
+      plain({hex + (rest[0] >> 4), 1});
+      plain({hex + (rest[0] & 0xf), 1});
+      return 1;
+  }
+}
+
+void JsonWriter::byteArray(const std::uint8_t *bytes, std::size_t count) {
+  // Room for what follows the array in a message too: a large text must not be moved for its tail.
+  constexpr std::size_t tail = 256;
+  out.reserve(out.size() + size + byteArraySize(bytes, count) + tail);
+  plain("[");
+  constexpr std::size_t mostBytes = room / sizeof(ByteText::text);
+  for (std::size_t index = 0; index < count;) {
+    const std::size_t stop = std::min(count, index + mostBytes);
+    makeRoom(room);
+    char *to = buffer + size;
+    for (; index < stop; ++index) {
+      const ByteText &entry = byteTexts[bytes[index]];
+      // Always all five: a fixed size is what makes this fast. The next entry overwrites the
+      // excess.
+      std::memcpy(to, entry.text, sizeof entry.text);
+      to += entry.size;
     }
+    size = static_cast<std::size_t>(to - buffer);
   }
-  out.append(piece, size);
-  if (count > 0) out.resize(out.size() - separatorSize);
-  out += ']';
+  if (count > 0) size -= separatorSize;
+  plain("]");
 }
 
-std::size_t byteArraySize(const std::uint8_t *bytes, std::size_t count) {
+std::size_t JsonWriter::byteArraySize(const std::uint8_t *bytes, std::size_t count) {
   // The brackets take as much room as the separator that the last item does not have.
   if (count == 0) return 2;
   std::size_t size = 0;
-  for (std::size_t index = 0; index < count; ++index) size += byteTexts[bytes[index]].size;
+  for (std::size_t index = 0; index < count; ++index)
+    size += std::size_t{3} + (bytes[index] >= 10) + (bytes[index] >= 100);
   return size;
 }
