@@ -5,7 +5,7 @@
 
 namespace {
 
-Json describeSection(lldb::SBSection section, lldb::SBTarget target) {
+Json describeSection(lldb::SBSection section, lldb::SBTarget &target) {
   const std::uint64_t loadAddress = section.GetLoadAddress(target);
   Json::object members;
   if (const char *name = section.GetName()) members["name"] = name;
