@@ -15,10 +15,15 @@ constexpr std::uint32_t refusedLength = 0x80000000;  // 2 GiB
 /// Room for a console line of 1,023 bytes and its terminating zero.
 constexpr std::size_t lineBufferSize = 1024;
 
+/// As much as a pipe takes at once: a message of usual size is one write, and wakes the host once.
+constexpr std::size_t outputBufferSize = 65536;
+
 }  // namespace
 
 MessageChannel::MessageChannel(FILE *input, FILE *output, bool consoleMode)
-    : input(input), output(output), consoleMode(consoleMode) {}
+    : input(input), output(output), consoleMode(consoleMode) {
+  if (!consoleMode) std::setvbuf(output, nullptr, _IOFBF, outputBufferSize);
+}
 
 std::optional<std::string> MessageChannel::readMessage() {
   return consoleMode ? readLine() : readFrame();
