@@ -1,9 +1,12 @@
 /* Takes the place of syslog(3) in the program: writes ident, priority and text of each record to
    the file that SYSLOG_FILE names. A record ends with a byte 0x1e. */
 #define _GNU_SOURCE
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
 static const char *identity = "";
 
@@ -27,6 +30,11 @@ void syslog(int priority, const char *format, ...) {
   va_start(arguments, format);
   vsyslog(priority, format, arguments);
   va_end(arguments);
+}
+
+/* Somebody listens, also where there is no log. */
+int access(const char *path, int mode) {
+  return strcmp(path, "/dev/log") == 0 ? 0 : faccessat(AT_FDCWD, path, mode, 0);
 }
 
 /* What distributions that build with _FORTIFY_SOURCE call in its place. */
