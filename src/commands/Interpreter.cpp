@@ -1,5 +1,7 @@
 // LLDB's own command line, and the debugged program's standard input.
 
+#include <cstring>
+
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"
 
@@ -22,8 +24,10 @@ Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t
   constexpr int firstMatch = 0;
   constexpr int allMatches = -1;
   // Behind the end LLDB completes nothing, if it does not crash while looking at what lies there.
-  if (position <= commandLine.size())
-    interpreter.HandleCompletion(commandLine.c_str(), position, firstMatch, allMatches, matches);
+  // To LLDB a zero byte is the end.
+  const char *const line = commandLine.c_str();
+  if (position <= std::strlen(line))
+    interpreter.HandleCompletion(line, position, firstMatch, allMatches, matches);
   Json::array completions;
   for (std::uint32_t index = 0; index < matches.GetSize(); ++index) {
     const char *match = matches.GetStringAtIndex(index);
