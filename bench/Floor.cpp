@@ -1,0 +1,262 @@
+// The calls that lldb-helper makes for each job, and nothing else: no texts, no pipes.
+
+#include <lldb/API/LLDB.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include "Subject.h"
+
+namespace {
+
+/// Adding to it keeps the compiler from leaving out calls whose results nobody looks at.
+volatile std::size_t sink;
+
+void use(const char *text) { sink = sink + (text != nullptr); }
+
+void check(const lldb::SBError &error) {
+  if (error.Fail()) throw std::runtime_error(error.GetCString());
+}
+
+}  // namespace
+
+class Floor : public Subject {
+ public:
+  Floor();
+  ~Floor() override;
+
+  std::string name() const override { return "floor"; }
+  void launch(const std::string &program, const std::vector<std::string> &arguments) override;
+  void deleteProcess() override;
+  void breakAt(std::uint64_t address) override { target.BreakpointCreateByAddress(address); }
+  void removeBreakpoints() override { target.DeleteAllBreakpoints(); }
+  void resume() override;
+  void step() override;
+  void runToExit() override;
+  void readMemory(std::uint64_t address, std::size_t size) override;
+  void readRegisters() override;
+  void readStack() override;
+  void listModules() override;
+
+  std::string bytes() override { return memory; }
+  std::string output() override { return outputSoFar; }
+  std::vector<std::uint64_t> stack() override;
+  std::size_t benchLibraries() override;
+  std::uint64_t programCounter() override {
+    return target.GetProcess().GetSelectedThread().GetSelectedFrame().GetPC();
+  }
+  std::string registers() override;
+
+ private:
+  void listen();
+  template <typename Action>
+  void awaitAfter(unsigned &counter, Action action);
+
+  lldb::SBDebugger debugger;
+  lldb::SBTarget target;
+  std::string memory;
+
+  std::mutex mutex;  ///< guards what follows
+  std::condition_variable changed;
+  unsigned stops = 0;
+  unsigned exits = 0;
+  std::string outputSoFar;
+  bool ending = false;
+  std::thread listenerThread;
+};
+
+Floor::Floor() {
+  lldb::SBDebugger::Initialize();
+  debugger = lldb::SBDebugger::Create();
+  debugger.SetAsync(true);
+  listenerThread = std::thread(&Floor::listen, this);
+}
+
+Floor::~Floor() {
+  target.GetProcess().Destroy();
+  {
+    const std::lock_guard lock(mutex);
+    ending = true;
+  }
+  listenerThread.join();
+  lldb::SBDebugger::Terminate();
+}
+
+/// As lldb-helper's event thread: output is read in pieces of 256 bytes.
+void Floor::listen() {
+  lldb::SBListener listener = debugger.GetListener();
+  for (;;) {
+    lldb::SBEvent event;
+    listener.WaitForEvent(1, event);
+    if (lldb::SBProcess::EventIsProcessEvent(event)) {
+      lldb::SBProcess process = lldb::SBProcess::GetProcessFromEvent(event);
+      const std::lock_guard lock(mutex);
+      if (event.GetType() == lldb::SBProcess::eBroadcastBitStateChanged) {
+        const lldb::StateType state = lldb::SBProcess::GetStateFromEvent(event);
+        if (state == lldb::eStateStopped) ++stops;
+        if (state == lldb::eStateExited) ++exits;
+        changed.notify_all();
+      } else if (event.GetType() == lldb::SBProcess::eBroadcastBitSTDOUT) {
+        char piece[256];
+        while (const std::size_t count = process.GetSTDOUT(piece, sizeof piece))
+          outputSoFar.append(piece, count);
+      }
+    }
+    const std::lock_guard lock(mutex);
+    if (ending) return;
+  }
+}
+
+template <typename Action>
+void Floor::awaitAfter(unsigned &counter, Action action) {
+  std::unique_lock lock(mutex);
+  const unsigned before = counter;
+  lock.unlock();
+  action();
+  lock.lock();
+  changed.wait(lock, [&] { return counter > before; });
+}
+
+void Floor::launch(const std::string &program, const std::vector<std::string> &arguments) {
+  outputSoFar.clear();
+  lldb::SBError error;
+  target = debugger.CreateTarget(program.c_str(), "", nullptr, false, error);
+  check(error);
+  std::vector<const char *> words;
+  for (const std::string &argument : arguments) words.push_back(argument.c_str());
+  words.push_back(nullptr);
+  lldb::SBLaunchInfo info(words.data());
+  info.SetEnvironmentEntries(const_cast<const char **>(environ), false);
+  info.SetLaunchFlags(lldb::eLaunchFlagStopAtEntry | lldb::eLaunchFlagDisableASLR);
+  awaitAfter(stops, [&] {
+    target.Launch(info, error);
+    check(error);
+  });
+}
+
+void Floor::deleteProcess() {
+  target.GetProcess().Destroy();
+  debugger.DeleteTarget(target);
+  target = lldb::SBTarget();
+}
+
+void Floor::resume() {
+  awaitAfter(stops, [this] { target.GetProcess().Continue(); });
+}
+
+void Floor::step() {
+  awaitAfter(stops, [this] { target.GetProcess().GetSelectedThread().StepInstruction(false); });
+}
+
+void Floor::runToExit() {
+  awaitAfter(exits, [this] { target.GetProcess().Continue(); });
+}
+
+void Floor::readMemory(std::uint64_t address, std::size_t size) {
+  memory.resize(size);
+  lldb::SBError error;
+  target.GetProcess().ReadMemory(address, memory.data(), size, error);
+  check(error);
+}
+
+void Floor::readRegisters() {
+  lldb::SBValueList sets =
+      target.GetProcess().GetSelectedThread().GetSelectedFrame().GetRegisters();
+  for (std::uint32_t index = 0; index < sets.GetSize(); ++index) {
+    lldb::SBValue set = sets.GetValueAtIndex(index);
+    const std::uint32_t count = set.GetNumChildren();
+    for (std::uint32_t child = 0; child < count; ++child) {
+      lldb::SBValue value = set.GetChildAtIndex(child);
+      const std::string_view name = value.GetName();
+      if (name.starts_with("ymm") || name.starts_with("zmm")) continue;
+      if (value.GetValue() != nullptr) continue;
+      unsigned char raw[64];
+      lldb::SBData data = value.GetData();
+      lldb::SBError error;
+      data.ReadRawData(error, 0, raw, data.GetByteSize());
+    }
+  }
+}
+
+std::string Floor::registers() {
+  lldb::SBValueList sets =
+      target.GetProcess().GetSelectedThread().GetSelectedFrame().GetRegisters();
+  std::map<std::string, std::string> all;
+  for (std::uint32_t index = 0; index < sets.GetSize(); ++index) {
+    lldb::SBValue set = sets.GetValueAtIndex(index);
+    for (std::uint32_t child = 0; child < set.GetNumChildren(); ++child) {
+      lldb::SBValue value = set.GetChildAtIndex(child);
+      const std::string name = value.GetName();
+      if (name.starts_with("ymm") || name.starts_with("zmm")) continue;
+      std::string &text = all[name];
+      if (value.GetValue() != nullptr) {
+        text = value.GetValue();
+        continue;
+      }
+      lldb::SBData data = value.GetData();
+      text = "0x";
+      for (std::size_t at = data.GetByteSize(); at > 0; --at) {
+        lldb::SBError error;
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", data.GetUnsignedInt8(error, at - 1));
+        text += digits;
+      }
+    }
+  }
+  std::string text;
+  for (const auto &[name, value] : all) text.append(name).append("=").append(value).append(" ");
+  return text;
+}
+
+void Floor::readStack() {
+  lldb::SBThread thread = target.GetProcess().GetSelectedThread();
+  const std::uint32_t count = thread.GetNumFrames();
+  for (std::uint32_t index = 0; index < count; ++index) {
+    lldb::SBFrame frame = thread.GetFrameAtIndex(index);
+    lldb::SBModule module = frame.GetModule();
+    if (module.IsValid()) {
+      use(module.GetUUIDString());
+      use(module.GetFileSpec().GetFilename());
+    }
+    use(frame.GetFunctionName());
+    sink = sink + frame.GetPC();
+  }
+}
+
+std::vector<std::uint64_t> Floor::stack() {
+  lldb::SBThread thread = target.GetProcess().GetSelectedThread();
+  std::vector<std::uint64_t> counters;
+  for (std::uint32_t index = 0; index < thread.GetNumFrames(); ++index)
+    counters.push_back(thread.GetFrameAtIndex(index).GetPC());
+  return counters;
+}
+
+void Floor::listModules() {
+  const std::uint32_t count = target.GetNumModules();
+  for (std::uint32_t index = 0; index < count; ++index) {
+    lldb::SBModule module = target.GetModuleAtIndex(index);
+    use(module.GetUUIDString());
+    use(module.GetFileSpec().GetFilename());
+    for (std::size_t at = 0; at < module.GetNumSections(); ++at) {
+      lldb::SBSection section = module.GetSectionAtIndex(at);
+      use(section.GetName());
+      sink = sink + section.GetLoadAddress(target) + section.GetFileAddress() +
+             section.GetByteSize() + section.GetFileByteSize();
+    }
+  }
+}
+
+std::size_t Floor::benchLibraries() {
+  std::size_t found = 0;
+  for (std::uint32_t index = 0; index < target.GetNumModules(); ++index)
+    found += std::string_view(target.GetModuleAtIndex(index).GetFileSpec().GetFilename())
+                 .starts_with("libbench");
+  return found;
+}
+
+std::unique_ptr<Subject> makeFloor() { return std::make_unique<Floor>(); }

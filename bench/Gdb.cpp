@@ -1,0 +1,106 @@
+// gdb, through its machine interface.
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "Child.h"
+#include "Subject.h"
+
+namespace {
+
+class Gdb : public Subject {
+ public:
+  explicit Gdb(const std::string &program)
+      : child({program, "--interpreter=mi3", "-nx", "-q"}, Child::Pipes::StandardStreams) {
+    for (const char *setting :
+         {"confirm off", "pagination off", "debuginfod enabled off", "startup-with-shell off",
+          "auto-load no", "backtrace past-main on", "backtrace past-entry on"})
+      ask(std::string("-gdb-set ") + setting);
+  }
+
+  std::string name() const override { return "gdb"; }
+
+  void launch(const std::string &program, const std::vector<std::string> &arguments) override {
+    ask("-file-exec-and-symbols " + program);
+    std::string line = "-exec-arguments";
+    for (const std::string &argument : arguments) line += " " + argument;
+    ask(line);
+    askAndStop("-interpreter-exec console starti");
+  }
+  void deleteProcess() override { ask("-interpreter-exec console kill"); }
+  void breakAt(std::uint64_t address) override { ask("-break-insert *" + std::to_string(address)); }
+  void removeBreakpoints() override { ask("-break-delete"); }
+  void resume() override { askAndStop("-exec-continue"); }
+  void step() override { askAndStop("-exec-step-instruction"); }
+  void runToExit() override { resume(); }
+
+  void readMemory(std::uint64_t address, std::size_t size) override {
+    ask("-data-read-memory-bytes " + std::to_string(address) + " " + std::to_string(size));
+  }
+  void readRegisters() override { ask("-data-list-register-values --skip-unavailable x"); }
+  void readStack() override { ask("-stack-list-frames"); }
+  void listModules() override { ask("-file-list-shared-libraries"); }
+  void roundTrip() override { ask("-gdb-show confirm"); }
+
+  bool showsOutput() const override { return false; }
+  std::string bytes() override {
+    std::string found;
+    const std::string key = "contents=\"";
+    for (std::size_t at = answer.find(key) + key.size(); answer[at] != '"'; at += 2)
+      found += static_cast<char>(std::stoi(std::string(answer.substr(at, 2)), nullptr, 16));
+    return found;
+  }
+  std::string output() override { return ""; }
+  std::vector<std::uint64_t> stack() override {
+    std::vector<std::uint64_t> counters;
+    const std::string key = "addr=\"";
+    for (std::size_t at = answer.find(key); at != std::string::npos; at = answer.find(key, at + 1))
+      counters.push_back(std::stoull(std::string(answer.substr(at + key.size(), 18)), nullptr, 16));
+    return counters;
+  }
+  std::size_t benchLibraries() override {
+    std::size_t found = 0;
+    const std::string key = "id=\"";
+    for (std::size_t at = answer.find(key); at != std::string::npos; at = answer.find(key, at + 1))
+      found += answer.substr(at, answer.find('"', at + key.size()) - at).find("/libbench") !=
+               std::string::npos;
+    return found;
+  }
+  std::uint64_t programCounter() override {
+    ask("-data-evaluate-expression \"(unsigned long)$pc\"");
+    return std::stoull(std::string(answer.substr(answer.find('"') + 1)));
+  }
+
+ private:
+  void ask(const std::string &command) {
+    answer = {};
+    child.write(command + "\n");
+    while (answer.empty()) readMessage();
+    if (answer.starts_with("^error"))
+      throw std::runtime_error("gdb: " + command + ": " + std::string(answer));
+  }
+
+  void askAndStop(const std::string &command) {
+    const unsigned before = stops;
+    ask(command);
+    while (stops == before) readMessage();
+  }
+
+  void readMessage() {
+    const std::string_view line = child.readLine();
+    if (line.starts_with('^'))
+      answer = line;
+    else if (line.starts_with("*stopped"))
+      ++stops;
+  }
+
+  Child child;
+  std::string_view answer;  ///< until the next line is read
+  unsigned stops = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<Subject> makeGdb(const std::string &program) {
+  return std::make_unique<Gdb>(program);
+}
