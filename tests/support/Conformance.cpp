@@ -47,6 +47,8 @@ valijson::Schema &part(const std::string &name) {
 }
 
 bool conforms(const json &message, const std::string &name, std::string *reasons = nullptr) {
+  static std::mutex oneAtATime;  // hosts may live in threads; the parts and the library are shared
+  const std::lock_guard lock(oneAtATime);
   valijson::Validator validator;
   valijson::ValidationResults results;
   const bool isValid =

@@ -73,6 +73,7 @@ class Host {
 
   pid_t pid() const { return child; }
   int requestDescriptor() const { return requests; }
+  int messageDescriptor() const { return messages; }
 
   /// prepareExecutable for `program` with LLDB's own choice of a triple.
   json prepare(const std::string &program, json more = json::object());
