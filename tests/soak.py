@@ -217,7 +217,7 @@ class Resources:
         self.threads = len(os.listdir(f"/proc/{pid}/task"))
         self.descriptors = len(os.listdir(f"/proc/{pid}/fd"))
         self.children = children(pid)
-        self.files = set(os.listdir(tempfile.gettempdir()))
+        self.files = set(os.listdir(os.environ["TMPDIR"]))
         with open(f"/proc/{pid}/status") as file:
             self.memory = next(int(line.split()[1]) * 1024 for line in file if line.startswith("VmRSS"))
 
@@ -266,15 +266,17 @@ def soak(helper, folder, seconds, dice):
 def main(program, folder, seconds, seed=None):
     seed = seed or str(random.SystemRandom().randrange(10**9))
     print(f"seed {seed}", flush=True)
-    helper = Helper(program)
-    try:
-        soak(helper, folder, float(seconds), random.Random(seed))
-    except Wrong as wrong:
-        sys.exit(f"soak: {wrong}\nseed {seed}")
-    finally:
-        for child in children(helper.child.pid):
-            os.kill(child, 9)
-        helper.child.kill()
+    with tempfile.TemporaryDirectory() as own:
+        os.environ["TMPDIR"] = own  # what is left there is nobody else's
+        helper = Helper(program)
+        try:
+            soak(helper, folder, float(seconds), random.Random(seed))
+        except Wrong as wrong:
+            sys.exit(f"soak: {wrong}\nseed {seed}")
+        finally:
+            for child in children(helper.child.pid):
+                os.kill(child, 9)
+            helper.child.kill()
     print("nothing was lost, nothing is left")
 
 
