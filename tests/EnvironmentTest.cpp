@@ -22,12 +22,13 @@ void refusePtrace() {
   refuse(__NR_ptrace);
 }
 
-/// Nothing is left but what tells a sanitizer which leaks are LLDB's.
+/// Nothing is left but what tells a sanitizer which reports are LLDB's.
 void emptyEnvironment() {
-  const char *suppressions = getenv("LSAN_OPTIONS");
-  const std::string kept = suppressions != nullptr ? suppressions : "";
+  std::vector<std::pair<const char *, std::string>> kept;
+  for (const char *name : {"LSAN_OPTIONS", "TSAN_OPTIONS"})
+    if (const char *value = getenv(name)) kept.emplace_back(name, value);
   clearenv();
-  if (!kept.empty()) setenv("LSAN_OPTIONS", kept.c_str(), 1);
+  for (const auto &[name, value] : kept) setenv(name, value.c_str(), 1);
 }
 
 /// A folder with what may lie about in somebody's home.
