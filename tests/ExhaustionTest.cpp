@@ -133,8 +133,7 @@ TEST(Exhaustion, LargeDeepAndManyRequests) {
   host.sendFrame(nested(199));
   EXPECT_EQ(host.nextMessage(), errorMessage("unknown command ''"));
   host.sendFrame(nested(200));
-  EXPECT_EQ(host.nextMessage(),
-            errorMessage("Cannot decode JSON: exceeded maximum nesting depth"));
+  EXPECT_EQ(host.nextMessage(), errorMessage("Cannot decode JSON: exceeded maximum nesting depth"));
   // The answers do not fit the pipe, so the program stops reading until they are read.
   host.conformance.listens = false;  // it belongs to one thread
   std::string many;

@@ -298,8 +298,7 @@ TEST(Peers, HelpersSideBySide) {
     host.closeRequests();
     EXPECT_EQ(host.exitStatus(), 0);
   };
-  for (Host &host : hosts)
-    sessions.emplace_back([&] { EXPECT_NO_THROW(run(host)); });
+  for (Host &host : hosts) sessions.emplace_back([&] { EXPECT_NO_THROW(run(host)); });
   for (std::thread &session : sessions) session.join();
 }
 
