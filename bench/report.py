@@ -119,6 +119,7 @@ set logscale y 2
 set grid y
 set xtics rotate by -40
 set key top left
+set rmargin 14
 set ylabel "times the same calls without a protocol"
 set arrow from graph 0, first 1 to graph 1, first 1 nohead lw 2
 $data << END
