@@ -81,6 +81,30 @@ TEST(Peers, AHostOfAnyMannersGetsTheSameAnswers) {
             expected);
 }
 
+/// What the flood program writes, as its terminal shows it.
+std::string floodOf(int lines) {
+  std::string text;
+  for (int line = 0; line < lines; ++line) {
+    char bytes[16];
+    std::snprintf(bytes, sizeof bytes, "%07d\r\n", line);
+    text += bytes;
+  }
+  return text;
+}
+
+/// The output that has come so far, and what comes up to the exit.
+std::string wholeOutput(Host &host) {
+  std::string output;
+  bool exited = false;
+  const auto take = [&](const json &message) {
+    if (message.value("type", "") == "stdout") output += outputOf(message);
+    exited = exited || message.value("state_desc", "") == "eStateExited";
+  };
+  for (const json &message : host.history) take(message);
+  while (!exited) take(host.nextMessage());
+  return output;
+}
+
 /// Reads nothing until the program's pipe is full and it has to wait.
 TEST(Peers, AHostThatReadsLateMissesNothing) {
   Host host;
@@ -94,16 +118,20 @@ TEST(Peers, AHostThatReadsLateMissesNothing) {
     return waiting > pipeSize - 4096;
   });
   EXPECT_EQ(responses(host, 1)[0], ok);
-  std::string expected;
-  for (int line = 0; line < lines; ++line) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%07d\r\n", line);
-    expected += text;
-  }
-  std::string output;
-  for (const json &message : host.history)
-    if (message.value("type", "") == "stdout") output += outputOf(message);
-  EXPECT_TRUE(output + host.awaitExit().output == expected);
+  EXPECT_TRUE(wholeOutput(host) == floodOf(lines));
+  EXPECT_EQ(host.ask("deleteProcess"), ok);
+}
+
+/// Both threads write as fast as they can.
+TEST(Peers, RequestsInTheMiddleOfAFlood) {
+  Host host;
+  constexpr int lines = 20000;
+  host.launch(inferior("flood"), {{"args", std::to_string(8 * lines)}});
+  std::vector<json> requests(1000, command("ping"));
+  requests.front() = command("continueExecution");
+  host.sendBytes(framesOf(requests));
+  for (const json &response : responses(host, requests.size())) EXPECT_EQ(response, ok);
+  EXPECT_TRUE(wholeOutput(host) == floodOf(lines));
   EXPECT_EQ(host.ask("deleteProcess"), ok);
 }
 
