@@ -19,6 +19,12 @@ volatile std::size_t sink;
 
 void use(const char *text) { sink = sink + (text != nullptr); }
 
+void useNames(lldb::SBModule &module) {
+  use(module.GetUUIDString());
+  const lldb::SBFileSpec file = module.GetFileSpec();
+  if (file.IsValid()) use(file.GetFilename());
+}
+
 void check(const lldb::SBError &error) {
   if (error.Fail()) throw std::runtime_error(error.GetCString());
 }
@@ -216,12 +222,13 @@ std::string Floor::registers() {
 void Floor::readStack() {
   lldb::SBThread thread = target.GetProcess().GetSelectedThread();
   const std::uint32_t count = thread.GetNumFrames();
+  lldb::SBModule last;
   for (std::uint32_t index = 0; index < count; ++index) {
     lldb::SBFrame frame = thread.GetFrameAtIndex(index);
     lldb::SBModule module = frame.GetModule();
-    if (module.IsValid()) {
-      use(module.GetUUIDString());
-      use(module.GetFileSpec().GetFilename());
+    if (module != last) {
+      last = module;
+      if (module.IsValid()) useNames(module);
     }
     use(frame.GetFunctionName());
     sink = sink + frame.GetPC();
@@ -239,9 +246,12 @@ std::vector<std::uint64_t> Floor::stack() {
 void Floor::listModules() {
   const std::uint32_t count = target.GetNumModules();
   for (std::uint32_t index = 0; index < count; ++index) {
+    // Each module is a question of its own, which finds out first whether there is an answer.
+    if (!target.IsValid() || !target.GetProcess().IsValid() || index >= target.GetNumModules())
+      return;
     lldb::SBModule module = target.GetModuleAtIndex(index);
-    use(module.GetUUIDString());
-    use(module.GetFileSpec().GetFilename());
+    if (!module.IsValid()) return;
+    useNames(module);
     for (std::size_t at = 0; at < module.GetNumSections(); ++at) {
       lldb::SBSection section = module.GetSectionAtIndex(at);
       use(section.GetName());

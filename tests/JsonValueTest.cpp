@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "json/Json.h"
 
@@ -118,6 +121,28 @@ TEST(JsonValue, NumbersAreEqualWhateverTheirForm) {
   const Json copy = nan;
   EXPECT_EQ(nan, copy);
   EXPECT_NE(nan, Json(std::nan("")));
+}
+
+TEST(JsonValue, ObjectsAreSortedHoweverTheyAreBuilt) {
+  using Member = Json::object::value_type;
+  std::vector<std::string> keys{"", "a", "ab", "b", "b\xff"};
+  do {
+    Json::object set;
+    std::vector<Member> list;
+    // Each twice: the second value counts.
+    for (const int round : {1, 2})
+      for (const std::string &key : keys) {
+        const Json value(static_cast<std::int32_t>(key.size()) * round);
+        set[key] = value;
+        list.emplace_back(key, value);
+      }
+    const std::string expected = "{\"\": 0, \"a\": 2, \"ab\": 4, \"b\": 2, \"b\xff\": 4}";
+    ASSERT_EQ(Json(set).dump(), expected);
+    ASSERT_EQ(Json(Json::object(list)).dump(), expected);
+    ASSERT_EQ(set.find("ab")->second, Json(4));
+    ASSERT_EQ(set.find("aa"), set.end());
+    ASSERT_EQ(set.find("c"), set.end());
+  } while (std::next_permutation(keys.begin(), keys.end()));
 }
 
 TEST(JsonValue, CopiesMayBeReleasedOnAnyThread) {

@@ -8,18 +8,18 @@ namespace {
 Json describeSection(lldb::SBSection section, lldb::SBTarget &target) {
   const std::uint64_t loadAddress = section.GetLoadAddress(target);
   Json::object members;
-  if (const char *name = section.GetName()) members["name"] = name;
+  members["byteSize"] = std::uint64_t{section.GetByteSize()};
   members["fileAddr"] = std::uint64_t{section.GetFileAddress()};
+  members["fileByteSize"] = std::uint64_t{section.GetFileByteSize()};
   // LLDB's invalid address, all bits set, where the section is not in memory.
   members["loadAddr"] = loadAddress;
-  members["byteSize"] = std::uint64_t{section.GetByteSize()};
-  members["fileByteSize"] = std::uint64_t{section.GetFileByteSize()};
+  if (const char *name = section.GetName()) members["name"] = name;
   return Json(std::move(members));
 }
 
 }  // namespace
 
-Json DebugSession::describeModule(lldb::SBModule module) {
+Json DebugSession::describeModule(lldb::SBModule &module) {
   Json::object members{{"is_valid", module.IsValid()}};
   if (const char *uuid = module.GetUUIDString()) members["uuid"] = uuid;
   const lldb::SBFileSpec file = module.GetFileSpec();

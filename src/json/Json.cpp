@@ -197,31 +197,37 @@ class JsonObject final : public JsonValue {
   Json::object members;
 };
 
+using Payload = std::shared_ptr<const JsonValue>;
+
+/// A pointer to a payload that lives until exit: it counts nothing, so that the commonest values
+/// are copied and dropped without an atomic operation.
+Payload unowned(const JsonValue &payload) { return {Payload(), &payload}; }
+
 /// The payloads of the numbers from 0 to 255, one for each: bytes, counts and identifiers are most
 /// of the numbers there are.
-template <typename Payload>
+template <typename Number>
 class SmallNumbers {
  public:
-  SmallNumbers() {
-    for (std::uint8_t number = 0; auto &payload : payloads)
-      payload = std::make_shared<Payload>(number++);
-  }
   /// The shared payload of a small number, a new one of any other.
   template <typename Integer>
-  std::shared_ptr<const JsonValue> get(Integer value) const {
+  Payload get(Integer value) const {
     const auto index = static_cast<std::uint64_t>(value);
-    return index < payloads.size() ? payloads[index] : std::make_shared<Payload>(value);
+    return index < payloads.size() ? unowned(payloads[index]) : std::make_shared<Number>(value);
   }
 
  private:
-  std::array<std::shared_ptr<const JsonValue>, 256> payloads;
+  template <std::size_t... values>
+  static std::array<Number, sizeof...(values)> make(std::index_sequence<values...>) {
+    return {Number(values)...};
+  }
+  const std::array<Number, 256> payloads = make(std::make_index_sequence<256>());
 };
 
 /// What all values share, made once on first use and kept until exit.
 struct Shared {
-  const std::shared_ptr<const JsonValue> null = std::make_shared<JsonNull>();
-  const std::shared_ptr<const JsonValue> yes = std::make_shared<JsonBool>(true);
-  const std::shared_ptr<const JsonValue> no = std::make_shared<JsonBool>(false);
+  const JsonNull null;
+  const JsonBool yes{true};
+  const JsonBool no{false};
   const SmallNumbers<JsonInt> smallInts;
   const SmallNumbers<JsonUint64> smallUint64s;
   const std::string emptyString{};
@@ -252,6 +258,44 @@ void JsonBytes::Free::operator()(std::uint8_t *bytes) const { std::free(bytes); 
 
 std::size_t JsonBytes::textSize() const { return JsonWriter::byteArraySize(data(), size()); }
 
+Json::object::object(std::initializer_list<value_type> members)
+    : object(std::vector<value_type>(members)) {}
+
+Json::object::object(std::vector<value_type> unsorted) : members(std::move(unsorted)) {
+  const auto notBefore = [](const value_type &a, const value_type &b) {
+    return a.first >= b.first;
+  };
+  if (std::adjacent_find(members.begin(), members.end(), notBefore) == members.end()) return;
+  std::stable_sort(members.begin(), members.end(),
+                   [](const value_type &a, const value_type &b) { return a.first < b.first; });
+  // From the back: what unique() keeps of several is the first that it meets.
+  const auto sameKey = [](const value_type &a, const value_type &b) { return a.first == b.first; };
+  const auto kept = std::unique(members.rbegin(), members.rend(), sameKey);
+  members.erase(members.begin(), kept.base());
+}
+
+Json &Json::object::operator[](std::string_view key) {
+  // Room at once for what a frame or a section has, the objects that there are most of.
+  constexpr std::size_t usualCount = 5;
+  if (members.empty()) members.reserve(usualCount);
+  if (members.empty() || members.back().first < key)
+    return members.emplace_back(key, Json()).second;
+  auto place = members.begin() + (lowerBound(key) - begin());
+  if (place->first != key) place = members.emplace(place, key, Json());
+  return place->second;
+}
+
+Json::object::const_iterator Json::object::find(std::string_view key) const {
+  const auto place = lowerBound(key);
+  return place != end() && place->first == key ? place : end();
+}
+
+Json::object::const_iterator Json::object::lowerBound(std::string_view key) const {
+  return std::lower_bound(
+      begin(), end(), key,
+      [](const value_type &member, std::string_view wanted) { return member.first < wanted; });
+}
+
 double JsonValue::numberValue() const { return 0.0; }
 std::int32_t JsonValue::intValue() const { return 0; }
 bool JsonValue::boolValue() const { return false; }
@@ -262,8 +306,8 @@ const Json &JsonValue::operator[](std::size_t) const { return nullJson(); }
 const Json::object &JsonValue::objectItems() const { return shared().emptyObject; }
 const Json &JsonValue::operator[](std::string_view) const { return nullJson(); }
 
-Json::Json() noexcept : value(shared().null) {}
-Json::Json(bool value) noexcept : value(value ? shared().yes : shared().no) {}
+Json::Json() noexcept : value(unowned(shared().null)) {}
+Json::Json(bool value) noexcept : value(unowned(value ? shared().yes : shared().no)) {}
 Json::Json(std::int32_t value) : value(shared().smallInts.get(value)) {}
 Json::Json(std::uint64_t value) : value(shared().smallUint64s.get(value)) {}
 Json::Json(double value) : value(std::make_shared<JsonDouble>(value)) {}

@@ -2,10 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 /// The kind of a Json value. The codes order values of different kinds.
@@ -60,8 +61,7 @@ class JsonBytes {
 class Json {
  public:
   using array = std::vector<Json>;
-  /// Sorted by key in plain byte order, keys unique.
-  using object = std::map<std::string, Json, std::less<>>;
+  class object;
 
   Json() noexcept;
   Json(bool value) noexcept;
@@ -120,4 +120,40 @@ class Json {
 
  private:
   std::shared_ptr<const JsonValue> value;
+};
+
+/// The members of an object: a map, sorted by key in plain byte order, keys unique.
+///
+/// They lie one behind the other in one block. Most objects have a handful of members that are
+/// added in about their order, looked at once, and dropped; a node for each would cost more than
+/// all the rest. The price is that a key set out of order moves those behind it.
+class Json::object {
+ public:
+  using value_type = std::pair<std::string, Json>;
+  using const_iterator = std::vector<value_type>::const_iterator;
+
+  object() = default;
+  object(std::initializer_list<value_type> members);
+  /// In any order, sorted once; of a key that comes more than once the last value stays.
+  explicit object(std::vector<value_type> members);
+
+  /// The member of that name, which is null if it was not there. Good until a member is added.
+  Json &operator[](std::string_view key);
+  /// end() if there is none.
+  const_iterator find(std::string_view key) const;
+
+  const_iterator begin() const { return members.begin(); }
+  const_iterator end() const { return members.end(); }
+  std::size_t size() const { return members.size(); }
+  bool empty() const { return members.empty(); }
+
+  /// As lists of pairs.
+  friend bool operator==(const object &a, const object &b) { return a.members == b.members; }
+  friend bool operator<(const object &a, const object &b) { return a.members < b.members; }
+
+ private:
+  /// The first member whose name is not less than `key`.
+  const_iterator lowerBound(std::string_view key) const;
+
+  std::vector<value_type> members;
 };

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <system_error>
 #include <utility>
@@ -128,9 +129,9 @@ Json JsonParser::expectWord(std::string_view word, const Json &value) {
 }
 
 Json JsonParser::parseObject(int depth) {
-  Json::object members;
+  const std::size_t first = members.size();
   char token = nextToken();
-  if (token == '}') return Json(std::move(members));
+  if (token == '}') return Json(Json::object());
   for (;;) {
     if (token != '"') {
       fail("expected '\"' in object, got " + describe(token));
@@ -143,18 +144,25 @@ Json JsonParser::parseObject(int depth) {
       fail("expected ':' in object, got " + describe(token));
       return Json();
     }
-    // Whoever writes JSON from a sorted map sends the keys in their order: the place is the end.
-    // Of a key that comes twice the last value stays.
-    members.emplace_hint(members.end(), std::move(key), Json())->second = parseValue(depth + 1);
+    Json value = parseValue(depth + 1);
     if (failed) return Json();
+    members.emplace_back(std::move(key), std::move(value));
     token = nextToken();
-    if (token == '}') return Json(std::move(members));
+    if (token == '}') return Json(takeMembers(first));
     if (token != ',') {
       fail("expected ',' in object, got " + describe(token));
       return Json();
     }
     token = nextToken();
   }
+}
+
+Json::object JsonParser::takeMembers(std::size_t first) {
+  const auto start = members.begin() + static_cast<std::ptrdiff_t>(first);
+  std::vector<Json::object::value_type> taken(std::make_move_iterator(start),
+                                              std::make_move_iterator(members.end()));
+  members.erase(start, members.end());
+  return Json::object(std::move(taken));
 }
 
 Json JsonParser::parseArray(int depth) {

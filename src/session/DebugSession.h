@@ -124,7 +124,7 @@ class DebugSession {
   lldb::SBProcess launchTarget(lldb::SBError &error);
 
   /// A module with its top-level sections: where they lie in the file and in memory.
-  Json describeModule(lldb::SBModule module);
+  Json describeModule(lldb::SBModule &module);
 
   /// Connects through LLDB's command line, the only road to a kernel's debug stub.
   void connectThroughInterpreter(const std::string &plugin, const std::string &url);
