@@ -275,8 +275,6 @@ Json::object::object(std::vector<value_type> unsorted) : members(std::move(unsor
 }
 
 Json &Json::object::operator[](std::string_view key) {
-  // Room at once for what a frame or a section has, the objects that there are most of.
-  constexpr std::size_t usualCount = 5;
   if (members.empty()) members.reserve(usualCount);
   if (members.empty() || members.back().first < key)
     return members.emplace_back(key, Json()).second;

@@ -132,6 +132,10 @@ class Json::object {
   using value_type = std::pair<std::string, Json>;
   using const_iterator = std::vector<value_type>::const_iterator;
 
+  /// What a frame or a section has at most, the objects that there are most of: worth making room
+  /// for at once.
+  static constexpr std::size_t usualCount = 5;
+
   object() = default;
   object(std::initializer_list<value_type> members);
   /// In any order, sorted once; of a key that comes more than once the last value stays.

@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
 #include <limits>
 #include <system_error>
 #include <utility>
@@ -129,9 +128,10 @@ Json JsonParser::expectWord(std::string_view word, const Json &value) {
 }
 
 Json JsonParser::parseObject(int depth) {
-  const std::size_t first = members.size();
+  std::vector<Json::object::value_type> members;
   char token = nextToken();
   if (token == '}') return Json(Json::object());
+  members.reserve(Json::object::usualCount);
   for (;;) {
     if (token != '"') {
       fail("expected '\"' in object, got " + describe(token));
@@ -148,21 +148,13 @@ Json JsonParser::parseObject(int depth) {
     if (failed) return Json();
     members.emplace_back(std::move(key), std::move(value));
     token = nextToken();
-    if (token == '}') return Json(takeMembers(first));
+    if (token == '}') return Json(Json::object(std::move(members)));
     if (token != ',') {
       fail("expected ',' in object, got " + describe(token));
       return Json();
     }
     token = nextToken();
   }
-}
-
-Json::object JsonParser::takeMembers(std::size_t first) {
-  const auto start = members.begin() + static_cast<std::ptrdiff_t>(first);
-  std::vector<Json::object::value_type> taken(std::make_move_iterator(start),
-                                              std::make_move_iterator(members.end()));
-  members.erase(start, members.end());
-  return Json::object(std::move(taken));
 }
 
 Json JsonParser::parseArray(int depth) {

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "json/Json.h"
 
@@ -27,8 +26,6 @@ class JsonParser {
 
   Json parseValue(int depth);
   Json parseObject(int depth);
-  /// Those of `members` from `first` on, which are taken off it.
-  Json::object takeMembers(std::size_t first);
   Json parseArray(int depth);
   Json parseNumber();
   std::string parseString();
@@ -69,7 +66,4 @@ class JsonParser {
   std::string &error;
   bool failed = false;
   JsonParseMode mode;
-  /// Of the objects that have begun and not ended, the innermost object's last: so each object is
-  /// made when the number of its members is known.
-  std::vector<Json::object::value_type> members;
 };
