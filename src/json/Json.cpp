@@ -225,11 +225,11 @@ class SmallNumbers {
 
 /// What all values share, made once on first use and kept until exit.
 struct Shared {
-  const JsonNull null;
+  const JsonNull null{};
   const JsonBool yes{true};
   const JsonBool no{false};
-  const SmallNumbers<JsonInt> smallInts;
-  const SmallNumbers<JsonUint64> smallUint64s;
+  const SmallNumbers<JsonInt> smallInts{};
+  const SmallNumbers<JsonUint64> smallUint64s{};
   const std::string emptyString{};
   const Json::array emptyArray{};
   const Json::object emptyObject{};
