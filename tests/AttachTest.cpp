@@ -51,26 +51,13 @@ TEST(Attach, WithContinueRightBehindIt) {
     Running program({inferior("wait")});
     program.line();
     Host host;
-    host.sendBytes(Host::frame(attach(program.pid(), "").dump()) +
-                   Host::frame(R"({"command":"continueExecution"})"));
-    int responses = 0;
-    while (responses < 2) {
-      const json message = host.nextMessage();
-      if (message["status"] == "event") continue;
-      ASSERT_EQ(message["status"], "ok") << message;
-      ++responses;
-    }
-    // LLDB says so once the event thread has taken the news.
-    awaitThat("it runs", [&] {
-      return program.state() == 'S' &&
-             host.ask("getProcessState")["state-string"] == "eStateRunning";
-    });
+    for (const json &response :
+         host.askAll({attach(program.pid(), ""), command("continueExecution")}))
+      ASSERT_EQ(response["status"], "ok") << response;
+    host.awaitState("eStateRunning");
     kill(program.pid(), SIGTERM);
-    host.awaitEvent([&](const json &event) {
-      if (event["type"] == "state" && event["state_desc"] == "eStateStopped")
-        host.send({{"command", "stopExecution"}});
-      return event["type"] == "state" && event["state_desc"] == "eStateStopped";
-    });
+    host.awaitState("eStateStopped");
+    EXPECT_EQ(host.ask("stopExecution"), ok);
   }
 }
 

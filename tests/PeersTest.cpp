@@ -19,8 +19,6 @@ namespace {
 
 using std::string_literals::operator""s;
 
-json command(const char *name) { return {{"command", name}}; }
-
 json preparation(const char *program, const std::string &arguments = "") {
   return {{"command", "prepareExecutable"},
           {"path", inferior(program)},
@@ -43,25 +41,11 @@ const std::vector<json> wholeSession{preparation("hello"),
                                      command("deleteProcess"),
                                      command("hasProcess")};
 
-std::string framesOf(const std::vector<json> &requests) {
-  std::string bytes;
-  for (const json &request : requests) bytes += Host::frame(request.dump());
-  return bytes;
-}
-
-/// The responses among the messages, as many as asked for.
-std::vector<json> responses(Host &host, std::size_t count) {
-  std::vector<json> found;
-  while (found.size() < count)
-    if (json message = host.nextMessage(); message["status"] != "event") found.push_back(message);
-  return found;
-}
-
 TEST(Peers, AHostOfAnyMannersGetsTheSameAnswers) {
   const auto answersWhen = [](const std::function<void(Host &)> &sendAll) {
     Host host;
     sendAll(host);
-    auto found = responses(host, wholeSession.size());
+    auto found = host.responses(wholeSession.size());
     host.closeRequests();
     EXPECT_EQ(host.exitStatus(), 0);
     return found;
@@ -70,39 +54,15 @@ TEST(Peers, AHostOfAnyMannersGetsTheSameAnswers) {
   answersWhen([&](Host &host) {
     for (const json &request : wholeSession) {
       host.send(request);
-      expected.push_back(responses(host, 1)[0]);
+      expected.push_back(host.responses(1)[0]);
     }
-    host.sendBytes(framesOf(wholeSession));
+    host.sendBytes(Host::frames(wholeSession));
   });
-  EXPECT_EQ(answersWhen([](Host &host) { host.sendBytes(framesOf(wholeSession)); }), expected);
+  EXPECT_EQ(answersWhen([](Host &host) { host.sendBytes(Host::frames(wholeSession)); }), expected);
   EXPECT_EQ(answersWhen([](Host &host) {
-              for (const char byte : framesOf(wholeSession)) host.sendBytes({&byte, 1});
+              for (const char byte : Host::frames(wholeSession)) host.sendBytes({&byte, 1});
             }),
             expected);
-}
-
-/// What the flood program writes, as its terminal shows it.
-std::string floodOf(int lines) {
-  std::string text;
-  for (int line = 0; line < lines; ++line) {
-    char bytes[16];
-    std::snprintf(bytes, sizeof bytes, "%07d\r\n", line);
-    text += bytes;
-  }
-  return text;
-}
-
-/// The output that has come so far, and what comes up to the exit.
-std::string wholeOutput(Host &host) {
-  std::string output;
-  bool exited = false;
-  const auto take = [&](const json &message) {
-    if (message.value("type", "") == "stdout") output += outputOf(message);
-    exited = exited || message.value("state_desc", "") == "eStateExited";
-  };
-  for (const json &message : host.history) take(message);
-  while (!exited) take(host.nextMessage());
-  return output;
 }
 
 /// Whether whoever writes to the pipe behind `readEnd` has to wait. The number of bytes in it does
@@ -124,8 +84,8 @@ TEST(Peers, AHostThatReadsLateMissesNothing) {
   host.launch(inferior("flood"), {{"args", std::to_string(8 * lines)}});
   host.send(command("continueExecution"));
   awaitThat("the pipe is full", [&] { return isFull(host.messageDescriptor()); });
-  EXPECT_EQ(responses(host, 1)[0], ok);
-  EXPECT_TRUE(wholeOutput(host) == floodOf(lines));
+  EXPECT_EQ(host.responses(1)[0], ok);
+  EXPECT_TRUE(host.awaitExit().output == floodOf(lines));
   EXPECT_EQ(host.ask("deleteProcess"), ok);
 }
 
@@ -136,9 +96,9 @@ TEST(Peers, RequestsInTheMiddleOfAFlood) {
   host.launch(inferior("flood"), {{"args", std::to_string(8 * lines)}});
   std::vector<json> requests(1000, command("ping"));
   requests.front() = command("continueExecution");
-  host.sendBytes(framesOf(requests));
-  for (const json &response : responses(host, requests.size())) EXPECT_EQ(response, ok);
-  EXPECT_TRUE(wholeOutput(host) == floodOf(lines));
+  host.sendBytes(Host::frames(requests));
+  for (const json &response : host.responses(requests.size())) EXPECT_EQ(response, ok);
+  EXPECT_TRUE(host.awaitExit().output == floodOf(lines));
   EXPECT_EQ(host.ask("deleteProcess"), ok);
 }
 
@@ -151,17 +111,17 @@ TEST(Peers, EitherPipeMayCloseAtEveryPoint) {
     const bool hasProcess = point > 1 && point < wholeSession.size() - 1;
     {
       Host host;
-      host.sendBytes(framesOf(begun));
-      responses(host, begun.size());
+      host.sendBytes(Host::frames(begun));
+      host.responses(begun.size());
       host.closeRequests();
       const int status = host.waitForEnd();
       EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, hasProcess ? SIGABRT : 0);
     }
     {
       Host host;
-      host.sendBytes(framesOf(begun));
+      host.sendBytes(Host::frames(begun));
       host.closeMessages();
-      host.sendBytes(framesOf({command("deleteProcess")}));
+      host.sendBytes(Host::frames({command("deleteProcess")}));
       host.closeRequests();
       EXPECT_EQ(host.exitStatus(), 0);
     }

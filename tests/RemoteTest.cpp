@@ -99,18 +99,9 @@ TEST(Remote, ContinueRightBehindTheConnection) {
   Running server({LLDB_SERVER, "gdbserver", loopback(port), inferior("hello")});
   awaitListener(port);
   Host host;
-  host.sendBytes(Host::frame(connect(port, inferior("hello")).dump()) +
-                 Host::frame(R"({"command":"continueExecution"})"));
-  int responses = 0;
-  bool exited = false;
-  while (responses < 2 || !exited) {
-    const json message = host.nextMessage();
-    if (message["status"] != "event") {
-      ASSERT_EQ(message["status"], "ok") << message;
-      ++responses;
-    }
-    exited = exited || message.value("state_desc", "") == "eStateExited";
-  }
+  ASSERT_EQ(host.askAll({connect(port, inferior("hello")), command("continueExecution")}),
+            (std::vector<json>{ok, ok}));
+  host.awaitExit();
   EXPECT_EQ(host.ask("deleteProcess"), ok);
 }
 
@@ -158,14 +149,8 @@ TEST(Remote, ConnectAndDeleteBackToBack) {
     const int port = freePort();
     Running server({LLDB_SERVER, "gdbserver", loopback(port)});
     awaitListener(port);
-    host.sendBytes(Host::frame(connect(port, "").dump()) +
-                   Host::frame(R"({"command":"deleteProcess"})"));
-    for (int responses = 0; responses < 2;) {
-      const json message = host.nextMessage();
-      if (message["status"] == "event") continue;
-      ASSERT_EQ(message["status"], "ok") << message;
-      ++responses;
-    }
+    ASSERT_EQ(host.askAll({connect(port, ""), command("deleteProcess")}),
+              (std::vector<json>{ok, ok}));
   }
 }
 

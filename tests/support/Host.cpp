@@ -127,6 +127,12 @@ std::string Host::frame(const std::string &text) {
   return bytes + text;
 }
 
+std::string Host::frames(const std::vector<json> &requests) {
+  std::string bytes;
+  for (const json &request : requests) bytes += frame(request.dump());
+  return bytes;
+}
+
 void Host::sendBytes(std::string_view bytes) {
   conformance.sent(bytes);
   while (!bytes.empty()) {
@@ -140,17 +146,28 @@ json Host::ask(json request) {
   const std::uint64_t id = nextId++;
   request["id"] = id;
   send(request);
-  for (;;) {
-    json message = nextMessage();
-    if (message["status"] == "event") {
+  json response = responses(1)[0];
+  if (response.value("id", std::uint64_t{0}) != id)
+    fail("a response that nobody asked for: " + response.dump());
+  response.erase("id");
+  return response;
+}
+
+std::vector<json> Host::askAll(const std::vector<json> &requests) {
+  sendBytes(frames(requests));
+  return responses(requests.size());
+}
+
+std::vector<json> Host::responses(std::size_t count) {
+  std::vector<json> found;
+  while (found.size() < count) {
+    const json message = nextMessage();
+    if (message["status"] == "event")
       events.push_back(message);
-    } else if (message.value("id", std::uint64_t{0}) != id) {
-      fail("a response that nobody asked for: " + message.dump());
-    } else {
-      message.erase("id");
-      return message;
-    }
+    else
+      found.push_back(message);
   }
+  return found;
 }
 
 json Host::awaitEvent(const std::function<bool(const json &)> &wanted) {

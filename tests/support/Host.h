@@ -39,11 +39,16 @@ class Host {
   void sendFrame(const std::string &text) { sendBytes(frame(text)); }
   void sendBytes(std::string_view bytes);
   static std::string frame(const std::string &text);
+  static std::string frames(const std::vector<json> &requests);
 
   /// Sends a request with the next id and returns its response. Events that come before it are kept
   /// for awaitEvent.
   json ask(json request);
   json ask(const char *command) { return ask(json{{"command", command}}); }
+  /// Sends requests in one write, without ids, and returns their responses.
+  std::vector<json> askAll(const std::vector<json> &requests);
+  /// The next responses, as many as asked for. Events that come before them are kept, too.
+  std::vector<json> responses(std::size_t count);
 
   /// The next event that `wanted` accepts; those before it are dropped.
   json awaitEvent(const std::function<bool(const json &)> &wanted);
@@ -103,6 +108,9 @@ class Host {
 /// How long anything may take. Generous: a loaded machine is slow, and only failures wait this
 /// long.
 constexpr std::chrono::seconds deadline{60};
+
+/// A request without arguments.
+inline json command(const char *name) { return {{"command", name}}; }
 
 /// The bytes that an output event carries.
 std::string outputOf(const json &event);

@@ -44,6 +44,15 @@ std::uint64_t fileAddress(const std::string &file, const std::string &symbol) {
   throw std::runtime_error(file + " has no symbol " + symbol);
 }
 
+std::string floodOf(int lines) {
+  std::string text;
+  char bytes[16];
+  for (int line = 0; line < lines; ++line)
+    text.append(bytes,
+                static_cast<std::size_t>(std::snprintf(bytes, sizeof bytes, "%07d\r\n", line)));
+  return text;
+}
+
 std::vector<Mapping> mappings(pid_t pid) {
   std::vector<Mapping> all;
   std::istringstream lines(readFile("/proc/" + std::to_string(pid) + "/maps"));

@@ -13,6 +13,9 @@
 /// The address of a symbol as the file has it, from its symbol table.
 std::uint64_t fileAddress(const std::string &file, const std::string &symbol);
 
+/// What the flood program writes in so many lines, as its terminal shows it.
+std::string floodOf(int lines);
+
 /// A mapping of a file in a process, as /proc/PID/maps tells it.
 struct Mapping {
   std::uint64_t start, end, offset;
