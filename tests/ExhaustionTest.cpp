@@ -1,5 +1,5 @@
 // What is asked for is more than there is: descriptors, processes, memory, depth, requests. The
-// answer is an error or the specified end, and the next one is right again.
+// answer is an error, or the end that docs/reliability.md tells of, and the next one is right.
 
 #include <gtest/gtest.h>
 #include <sched.h>
