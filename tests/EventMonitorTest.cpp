@@ -17,13 +17,16 @@ TEST(EventMonitor, AStopRequestedOnceItListensIsNotLost) {
     FILE *stream = std::tmpfile();
     MessageChannel channel(stream, stream, false);
     std::atomic<bool> stop = true;  // as the thread before left it
+    const std::atomic<bool> stopsAreHidden = false;
     for (int round = 0; round < 500; ++round) {
       EventMonitor::Milestones milestones;
       std::future<void> listening = milestones.listening.get_future();
       std::promise<void> ending;
       std::future<void> ended = ending.get_future();
       std::thread thread([&] {
-        EventMonitor(debugger, lldb::SBTarget(), channel, stop, std::move(milestones)).run();
+        EventMonitor(debugger, lldb::SBTarget(), channel, stop, stopsAreHidden,
+                     std::move(milestones))
+            .run();
         ending.set_value();
       });
       listening.wait();

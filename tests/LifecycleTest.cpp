@@ -1,6 +1,7 @@
 // Starting, stopping and ending, in orders and at speeds that a debugger's threads dislike.
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -84,6 +85,39 @@ TEST(Lifecycle, DeletingARunningProcessLeavesNothing) {
   }
   host.closeRequests();
   EXPECT_EQ(host.exitStatus(), 0);
+}
+
+/// LLDB's idea of the process is behind it here, and a kill that trusts that idea crashes it or
+/// waits 20 seconds for a stop that has been.
+TEST(Lifecycle, EndingRightBehindAStep) {
+  // Where all threads share a processor, the one that takes LLDB's events comes late.
+  Host host(Host::Options{.prepare = [] {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    sched_setaffinity(0, sizeof one, &one);
+  }});
+  const json ends[] = {command("deleteProcess"), command("stopExecution")};
+  for (int round = 0; round < 60; ++round) {
+    ASSERT_EQ(host.askAll({preparation, command("createProcess")}), std::vector<json>(2, ok));
+    const auto start = std::chrono::steady_clock::now();
+    const json &end = ends[round % std::size(ends)];
+    host.askAll({command("stepOver"), command("stepInstruction"), end});
+    ASSERT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << end;
+    host.ask("deleteProcess");
+  }
+}
+
+TEST(Lifecycle, StoppingARunningProcessTellsOfItsExitOnly) {
+  Host host;
+  host.launch(inferior("wait"));
+  ASSERT_EQ(host.ask("continueExecution"), ok);
+  host.awaitState("eStateRunning");
+  host.awaitOutput();
+  ASSERT_EQ(host.ask("stopExecution"), ok);
+  const auto isState = [](const json &event) { return event["type"] == "state"; };
+  EXPECT_EQ(host.awaitEvent(isState)["state_desc"], "eStateExited");
+  EXPECT_EQ(host.ask("deleteProcess"), ok);
 }
 
 TEST(Lifecycle, BreakContinueAndStop) {

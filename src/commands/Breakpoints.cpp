@@ -17,11 +17,12 @@ std::string locationText(lldb::SBBreakpointLocation location) {
 }
 
 /// The selected thread of a process that is stopped. Of a running one none, which LLDB steps
-/// without doing anything: LLDB 14 to 19 would note the step of a real one although the process
-/// runs, and show the next stop with the registers of an earlier one.
+/// without doing anything: a real one's step is noted although the process runs, beside whatever
+/// LLDB's own thread does with it, and LLDB 14 to 19 show the next stop with the registers of an
+/// earlier one.
 lldb::SBThread threadToStep(lldb::SBProcess &process) {
-  if (lldb::SBDebugger::StateIsRunningState(process.GetState())) return lldb::SBThread();
-  return process.GetSelectedThread();
+  lldb::SBThread thread = process.GetSelectedThread();
+  return thread.IsValid() ? thread : lldb::SBThread();
 }
 
 }  // namespace

@@ -4,11 +4,13 @@
 
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"
+#include "session/StateLag.h"
 
 Json DebugSession::executeCommand(const std::string &commandLine) {
   lldb::SBCommandInterpreter interpreter = debugger.GetCommandInterpreter();
   lldb::SBCommandReturnObject result;
   constexpr bool addToHistory = false;
+  awaitQueuedStates(currentProcess(), debugger.GetListener());  // the line may be "kill"
   interpreter.HandleCommand(commandLine.c_str(), result, addToHistory);
   Json::object members;
   if (const char *output = result.GetOutput()) members["output"] = output;

@@ -54,13 +54,15 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
 }  // namespace
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
-                           MessageChannel &channel, std::atomic<bool> &stop, Milestones milestones,
+                           MessageChannel &channel, std::atomic<bool> &stop,
+                           const std::atomic<bool> &stopsAreHidden, Milestones milestones,
                            std::optional<lldb::StateType> silentState)
     : target(target),
       process(target.GetProcess()),
       listener(debugger.GetListener()),
       channel(channel),
       stop(stop),
+      stopsAreHidden(stopsAreHidden),
       milestones(std::move(milestones)),
       silentState(silentState) {}
 
@@ -128,7 +130,7 @@ void EventMonitor::reportState(lldb::StateType state) {
   LOG_RECORD("State changed to %{public}s", name.c_str());
   Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
   if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
-  send("state", std::move(members));
+  if (state != lldb::eStateStopped || !stopsAreHidden) send("state", std::move(members));
   if (!std::exchange(stateWasReported, true)) milestones.firstStateReported.set_value();
 }
 

@@ -32,11 +32,12 @@ class EventMonitor {
   /// The section by which a module's place is told: on macOS the one behind __PAGEZERO, __TEXT.
   static constexpr std::size_t placingSection = 1;
 
-  /// `channel` and `stop` must outlive the monitor. `silentState`, if there is one, is the state
-  /// that the process reached without an event of LLDB's.
+  /// `channel` and the two flags must outlive the monitor. While `stopsAreHidden` is set, stops are
+  /// not the host's. `silentState`, if there is one, is the state that the process reached without
+  /// an event of LLDB's.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,
-               std::atomic<bool> &stop, Milestones milestones,
-               std::optional<lldb::StateType> silentState = std::nullopt);
+               std::atomic<bool> &stop, const std::atomic<bool> &stopsAreHidden,
+               Milestones milestones, std::optional<lldb::StateType> silentState = std::nullopt);
 
   /// Reports the silent state, then listens and reports until `stop` is set. Clears `stop` first.
   void run();
@@ -62,6 +63,7 @@ class EventMonitor {
   lldb::SBEvent event;
   MessageChannel &channel;
   std::atomic<bool> &stop;
+  const std::atomic<bool> &stopsAreHidden;
   Milestones milestones;
   std::optional<lldb::StateType> silentState;
   bool stateWasReported = false;

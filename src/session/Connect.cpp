@@ -8,6 +8,7 @@
 #include "platform/Log.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
+#include "session/StateLag.h"
 
 namespace {
 
@@ -49,7 +50,8 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
 
   // LLDB may hand out a process that looks valid though nobody answered: it never leaves its first
   // state. Of one that did the news is queued.
-  const bool answered = process.GetState() != lldb::eStateUnloaded || stateChangeIsQueued();
+  const bool answered = process.GetState() != lldb::eStateUnloaded ||
+                        stateChangeIsQueued(process, debugger.GetListener());
   if (!process.IsValid() || !answered) {
     if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
     if (process.IsValid()) {

@@ -7,6 +7,7 @@
 #include "channel/Envelope.h"
 #include "events/EventMonitor.h"
 #include "platform/Log.h"
+#include "session/StateLag.h"
 
 namespace {
 
@@ -91,25 +92,21 @@ void DebugSession::discardTarget() {
   target = lldb::SBTarget();
 }
 
-bool DebugSession::stateChangeIsQueued() {
-  lldb::SBEvent event;
-  return debugger.GetListener().PeekAtNextEventForBroadcasterWithType(
-      process.GetBroadcaster(), lldb::SBProcess::eBroadcastBitStateChanged, event);
-}
-
 void DebugSession::startEventThread() {
   LOG_RECORD("Restarting event thread\n");
   endEventThread();
   std::optional<lldb::StateType> silentState;
   // Deliberate: LLDB 14 sends no event for the stop at entry, and hosts wait for one.
-  if (!stateChangeIsQueued() && process.GetState() != lldb::eStateAttaching)
+  if (!stateChangeIsQueued(process, debugger.GetListener()) &&
+      process.GetState() != lldb::eStateAttaching)
     silentState = process.GetState();
   EventMonitor::Milestones milestones;
   std::future<void> listening = milestones.listening.get_future();
   firstStateReported = milestones.firstStateReported.get_future();
   eventThread = std::make_unique<std::thread>(
       [this, silentState, milestones = std::move(milestones)]() mutable {
-        EventMonitor(debugger, target, channel, stopEventThread, std::move(milestones), silentState)
+        EventMonitor(debugger, target, channel, stopEventThread, stopsAreHidden,
+                     std::move(milestones), silentState)
             .run();
       });
   // A stop requested before the thread has cleared the flag would be lost, so wait for it.

@@ -132,10 +132,6 @@ class DebugSession {
   /// Runs one command line and logs it. Its result is not looked at.
   void interpret(const std::string &commandLine);
 
-  /// Whether LLDB has queued a state change of `process` that nobody has taken yet. For the time
-  /// without event thread: until it is taken, LLDB's state stays what it was.
-  bool stateChangeIsQueued();
-
   /// Gives `process` a new event thread, in place of a running one, and returns once it listens.
   void startEventThread();
 
@@ -168,4 +164,5 @@ class DebugSession {
   std::future<void> firstStateReported;              ///< by the current event thread
   std::unique_ptr<std::thread> eventThread;          ///< null when there is none
   std::atomic<bool> stopEventThread;  ///< set by the main thread, cleared by a new event thread
+  std::atomic<bool> stopsAreHidden = false;  ///< set by the main thread while it ends the process
 };

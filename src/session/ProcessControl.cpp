@@ -4,12 +4,14 @@
 #include "events/StateName.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
+#include "session/StateLag.h"
 
 Json DebugSession::detach() {
   lldb::SBProcess current = currentProcess();
   if (!current.IsValid()) return errorResponse("detach", "no process");
   // Deliberate: target and event thread stay, so that the host learns of the detached state as an
   // event. The next run needs a deleteProcess first.
+  const Halt halt(current, stopsAreHidden);
   current.Detach();
   return okResponse();
 }
@@ -17,6 +19,7 @@ Json DebugSession::detach() {
 Json DebugSession::deleteProcess() {
   lldb::SBProcess current = currentProcess();
   if (!current.IsValid()) return errorResponse("deleteProcess", "no process");
+  const Halt halt(current, stopsAreHidden);
   endEventThread();
   current.Destroy();
   applicationInput.reset();
@@ -49,6 +52,7 @@ Json DebugSession::continueExecution() {
 Json DebugSession::stopExecution() {
   process = currentProcess();
   if (!process.IsValid()) return errorResponse("stopExecution", "no process");
+  const Halt halt(process, stopsAreHidden);
   process.Kill();
   return okResponse();
 }
