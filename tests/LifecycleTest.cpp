@@ -102,7 +102,7 @@ TEST(Lifecycle, EndingRightBehindAStep) {
     ASSERT_EQ(host.askAll({preparation, command("createProcess")}), std::vector<json>(2, ok));
     const auto start = std::chrono::steady_clock::now();
     const json &end = ends[round % std::size(ends)];
-    host.askAll({command("stepOver"), command("stepInstruction"), end});
+    ASSERT_EQ(host.askAll({command("stepOver"), command("stepInstruction"), end}), allWell);
     ASSERT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << end;
     host.ask("deleteProcess");
   }
