@@ -21,13 +21,15 @@ import threading
 
 
 class Helper:
-    def __init__(self, program):
+    def __init__(self, program, **options):
+        """Starts the helper. `options` go to subprocess.Popen: env, cwd, stderr and so on."""
         requests_out, requests_in = os.pipe()
         messages_out, messages_in = os.pipe()
+        options.setdefault("start_new_session", True)  # Ctrl-C at this program's terminal is not for the helper
         self.child = subprocess.Popen(
             [program, str(requests_out), str(messages_in)],
             pass_fds=(requests_out, messages_in),
-            start_new_session=True,  # Ctrl-C at this program's terminal is not for the helper
+            **options,
         )
         os.close(requests_out)
         os.close(messages_in)
@@ -39,19 +41,29 @@ class Helper:
         threading.Thread(target=self._read, daemon=True).start()
 
     def _read(self):
-        """Sorts what the helper says into responses and events, until it is gone."""
-        while len(prefix := self.messages.read(4)) == 4:
-            (length,) = struct.unpack("=I", prefix)
-            message = json.loads(self.messages.read(length))
+        """Sorts what the helper sends into responses and events, until it is gone."""
+        while text := self.receive():
+            # File names may hold bytes that are not UTF-8. os.fsencode() turns such a text into the bytes again.
+            message = json.loads(text.decode(errors="surrogateescape"))
             is_event = message["status"] == "event"
             (self.events if is_event else self.responses).put(message)
+
+    def receive(self):
+        """The text of the next message; empty at the end."""
+        if len(prefix := self.messages.read(4)) < 4:
+            return b""
+        (length,) = struct.unpack("=I", prefix)
+        return self.messages.read(length)
+
+    def send(self, text):
+        """Sends one frame."""
+        self.requests.write(struct.pack("=I", len(text)) + text)
+        self.requests.flush()
 
     def ask(self, command, **arguments):
         """Sends a request and returns its response."""
         request = {"command": command, "id": self.next_id, **arguments}
-        text = json.dumps(request).encode()
-        self.requests.write(struct.pack("=I", len(text)) + text)
-        self.requests.flush()
+        self.send(json.dumps(request, ensure_ascii=False).encode(errors="surrogateescape"))
         response = self.responses.get(timeout=60)
         assert response.get("id") == self.next_id, response
         self.next_id += 1

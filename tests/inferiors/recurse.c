@@ -1,14 +1,15 @@
-/* Calls itself as many times as its argument says, then a function that belongs to no module, whose
-   only instruction traps, or with a second argument the C library's qsort, which calls bottom(). */
+/* Calls itself as many times as its argument says. Then bottom() is called by code that belongs to no
+   module, or with a second argument by the C library's qsort. */
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 
+/* Makes a frame and calls its first argument with its arguments. */
 #if defined(__x86_64__)
-static const unsigned char trap[] = {0x55, 0x48, 0x89, 0xe5, 0xcc, 0x5d, 0xc3};
+static const unsigned char call[] = {0x55, 0x48, 0x89, 0xe5, 0xff, 0xd7, 0x5d, 0xc3};
 #elif defined(__aarch64__)
-static const unsigned char trap[] = {0xfd, 0x7b, 0xbf, 0xa9, 0xfd, 0x03, 0x00, 0x91, 0x00, 0x00,
-                                     0x20, 0xd4, 0xfd, 0x7b, 0xc1, 0xa8, 0xc0, 0x03, 0x5f, 0xd6};
+static const unsigned char call[] = {0xfd, 0x7b, 0xbf, 0xa9, 0xfd, 0x03, 0x00, 0x91, 0x00, 0x00,
+                                     0x3f, 0xd6, 0xfd, 0x7b, 0xc1, 0xa8, 0xc0, 0x03, 0x5f, 0xd6};
 #endif
 
 static int useLibrary;
@@ -21,12 +22,12 @@ static void end(void) {
   int numbers[] = {2, 1};
   void *page =
       mmap(0, 4096, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  memcpy(page, trap, sizeof trap);
-  __builtin___clear_cache(page, (char *)page + sizeof trap);
+  memcpy(page, call, sizeof call);
+  __builtin___clear_cache(page, (char *)page + sizeof call);
   if (useLibrary) {
     qsort(numbers, 2, sizeof numbers[0], bottom);
   } else {
-    ((void (*)(void))page)();
+    ((int (*)(int (*)(const void *, const void *), int *))page)(bottom, numbers);
   }
 }
 

@@ -1,0 +1,40 @@
+"""Runs one test: a session of a page, or a function of a Python file.
+
+Usage: run.py PAGE|FILE NAME        (see kit.py for what the environment must hold; ctest knows it)
+"""
+
+import importlib
+import os
+import signal
+import sys
+import tempfile
+
+import kit
+import play
+
+
+def run(path, name):
+    if path.endswith(".md"):
+        return play.play(path, name)
+    sys.path.insert(0, os.path.dirname(path))
+    getattr(importlib.import_module(os.path.basename(path)[: -len(".py")]), name)()
+
+
+def main(path, name):
+    # What the helper leaves when it dies becomes this process's child, so that it can be ended.
+    kit.libc.prctl(kit.PR_SET_SUBREAPER, 1)
+    with tempfile.TemporaryDirectory() as own:
+        os.environ["TMPDIR"] = tempfile.tempdir = own
+        try:
+            run(path, name)
+        except kit.NotTested as reason:
+            print(f"NOT TESTED: {reason}")
+        except kit.Failure as failure:
+            sys.exit(f"{os.path.basename(path)}: {name}: {failure}")
+        finally:
+            while left := kit.descendants(os.getpid()):
+                for pid in left:
+                    os.kill(pid, signal.SIGKILL)
+
+
+main(*sys.argv[1:])
