@@ -8,6 +8,7 @@ import collections
 import json
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -233,6 +234,14 @@ def peek(pid, address, size):
         return memory.read(size)
 
 
+def shim(**variables):
+    """The environment of a helper with tests/inferiors/shim.c in it."""
+    # LD_PRELOAD separates names by spaces, so a folder must have none.
+    library = shutil.copy(inferior("libshim.so"), tempfile.mkdtemp())
+    sanitizers = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+    return os.environ | variables | {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizers}
+
+
 class Host(Helper):
     """A host that checks all that is said, and takes events in order: none is dropped."""
 
@@ -240,6 +249,7 @@ class Host(Helper):
         self.conformance = Conformance(checks_requests)
         self.history = []
         self.output = ""
+        self.symbols = None  # the file that has the symbols, where the program has none
         self.reading = threading.Event()  # clear for a host that does not read
         if reads:
             self.reading.set()
@@ -258,10 +268,15 @@ class Host(Helper):
         self.responses.put(problem)
 
     def receive(self):
-        text = super().receive()
-        if text:
-            self.conformance.received(text)
-        return text
+        self.checked_text()
+        self.reading.wait()
+        return self.text
+
+    def checked_text(self):
+        self.text = super().receive()
+        if self.text:
+            self.conformance.received(self.text)
+        return self.text
 
     def send(self, *texts):
         """Sends frames in one write."""
@@ -286,6 +301,11 @@ class Host(Helper):
 
     def next_event(self):
         return self.taken(self.events)
+
+    def rest(self):
+        """The events that nobody has taken, of a helper that has ended."""
+        while not isinstance(event := self.events.get(timeout=DEADLINE), Exception):
+            yield event
 
     def ask_all(self, *requests):
         """Sends requests without ids in one write, and returns their responses."""
@@ -328,9 +348,12 @@ class Host(Helper):
         self.ok("createProcess")
         self.state("eStateStopped")
 
-    def resume(self, to="eStateStopped", how="continueExecution"):
+    def resume_only(self, how="continueExecution"):
         self.ok(how)
         self.state("eStateRunning")
+
+    def resume(self, to="eStateStopped", how="continueExecution"):
+        self.resume_only(how)
         return self.state(to)
 
     def run(self, *launch, **more):
@@ -350,7 +373,7 @@ class Host(Helper):
 
     def address(self, function):
         """Where the function is in the process."""
-        fixed = symbol(self.program, function)
+        fixed = symbol(self.symbols or self.program, function)
         with open(self.program, "rb") as file:
             is_fixed = file.read(17)[16] == 2  # ET_EXEC
         return fixed if is_fixed else fixed + image_base(self.inferior_pid(), self.program)

@@ -190,7 +190,7 @@ class Session(Host):
 
     def next_text(self):
         signal.alarm(kit.DEADLINE)
-        text = self.receive()
+        text = self.checked_text()
         signal.alarm(0)
         check(text, "the helper has closed its output")
         return text.decode(errors="surrogateescape")

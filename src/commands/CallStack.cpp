@@ -11,7 +11,8 @@ class ModuleNames {
  public:
   /// Adds what is known of `module`, which may be none.
   void addTo(Json::object &members, lldb::SBModule module) {
-    if (module != last) {
+    // Not "module != last": where a module is invalid LLDB's comparisons are both false.
+    if (!(module == last)) {
       last = module;
       uuid = name = Json();
       if (module.IsValid()) ask(module);

@@ -1,0 +1,188 @@
+"""Registers, memory, call stack and modules, compared with what the kernel and the files have."""
+
+import os
+import signal
+import tempfile
+
+import kit
+from kit import Host, check, error, eventually, expect, image_base, inferior, mappings, peek, settings, status_figure
+
+NOWHERE = 2**64 - 1  # LLDB's invalid address
+
+
+def test_steps_go_into_over_and_out_of_calls():
+    """The same program, linked in each way that changes where its code lies or what is known of it."""
+    for program in ("steps", "steps-fixed", "steps-static", "steps-stripped"):
+        host = Host()
+        host.launch(program)
+        host.symbols = inferior("steps" if program == "steps-stripped" else program)
+        leaf, middle, end = (host.address(name) for name in ("leaf", "middle", "main"))
+        pc = lambda: host.stack()[0]["pc"]
+        host.ok("setBreakpointAtVirtualAddress", address=middle)
+        host.resume()
+        expect(pc(), middle, program)
+        while middle <= pc() < end:
+            call = pc()
+            host.resume(how="stepInstruction")
+        expect(pc(), leaf, program)
+        host.resume(how="stepOut")
+        check(call < pc() <= call + 8, f"{program}: {pc():x} is not after the call at {call:x}")
+        seen = set()
+        while middle <= pc() < end:
+            seen.add(pc())
+            host.resume(how="stepOver")
+            check(pc() != leaf, f"{program}: a step over the second call went into it")
+        check(len(seen) > 3, seen)
+        host.ok("removeAllBreakpoints")
+        host.resume("eStateExited")
+        expect(host.output, "counted 20\r\n")
+        host.ok("deleteProcess")
+        host.end()
+
+
+def test_registers_are_whole_and_most_significant_byte_first():
+    host = Host()
+    host.launch("steps")
+    host.run_to("leaf")
+    registers = host.ok("getRegisters")["registers"]
+    check(len(registers) > 50 and not any(name.startswith(("ymm", "zmm")) for name in registers), registers)
+    check("<error>" not in registers.values(), registers)
+    expect(int(registers[kit.PC], 16), host.address("leaf"))
+    expect(len(registers[kit.VECTOR]), 2 + 32)
+    value = " ".join(f"0x{byte:02x}" for byte in range(1, 17))
+    host.ok("executeCommand", cli=f'register write {kit.VECTOR} "{{{value}}}"')
+    expect(host.ok("getRegisters")["registers"][kit.VECTOR], "0x" + bytes(range(16, 0, -1)).hex())
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_a_deep_call_stack_through_code_of_no_module():
+    host = Host()
+    host.launch("recurse", "1000")
+    host.run_to("bottom")
+    stack = host.stack()
+    expect([frame.get("function") for frame in stack[:1004]], ["bottom", None, "end", *["recurse"] * 1000, "main"])
+    expect(stack[1], {"pc": stack[1]["pc"]})
+    expect({(frame["filename"], len(frame["uuid"]) > 10) for frame in [stack[0], *stack[2:1004]]}, {("recurse", True)})
+    host.ok("deleteProcess")
+    host.end()
+
+
+def at_block(megabytes):
+    """A host whose program has stopped beside its block of memory, and where that begins and ends."""
+    host = Host()
+    host.launch("memory", str(megabytes))
+    host.resume_only()
+    host.await_output("\r\n")
+    host.ok("breakExecution")
+    host.state("eStateStopped")
+    start, size = map(int, host.output.split())
+    return host, start, start + size
+
+
+def expect_peak_below(host, kibibytes):
+    if settings["sanitizer"]:
+        print("not checked under a sanitizer: the memory that the helper needs")
+    else:
+        check((peak := status_figure(host.pid, "VmHWM")) < kibibytes, f"a peak of {peak} KiB, not {kibibytes}")
+
+
+def test_memory_is_what_the_kernel_shows():
+    host, start, end = at_block(1)
+    for address, length in ((start, 0), (start, 1), (start + 4090, 300), (end - 64, 64), (start + 1, 70000)):
+        memory = host.ok("readMemory", address=address, length=length)["memory"]
+        check(bytes(memory) == peek(host.inferior_pid(), address, length), (address - start, length))
+    before = status_figure(host.pid, "VmHWM")
+    for address, length in ((end - 8, 16), (end, 16), (0, 16), (start, -1), (start, -(2**31)), (start, 2**31 - 1)):
+        expect(host.ask("readMemory", address=address, length=length), error("unable to read memory"))
+    expect_peak_below(host, before + 64 * 1024)
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_a_large_block_is_answered_within_bounds():
+    host, start, end = at_block(128)
+    host.reading.clear()
+    host.send(b'{"command": "readMemory", "address": %d, "length": %d}' % (start, end - start))
+    eventually(lambda: len(host.text) > end - start, "the answer is there")
+    numbers = [str(number) for number in range(256)]
+    pages = [", ".join(numbers[(at * 7 + page) % 256] for at in range(4096)) for page in range(256)]
+    check(host.text == ('{"memory": [' + ", ".join(pages * 128) + '], "status": "ok"}').encode(), "not the program's memory")
+    expect_peak_below(host, 1200 * 1024)
+    os.kill(host.pid, signal.SIGKILL)
+
+
+def test_bytes_are_written():
+    host, start, _ = at_block(1)
+    host.conformance.checks_requests = False
+    for value, byte in ((255, 255), (256, 0), (511, 255), (-1, 255), (128, 128), ("7", 0), (1.9, 1), (2**32, 0)):
+        host.ok("writeByte", address=start, value=77)
+        host.ok("writeByte", address=start, value=value)
+        expect(host.ok("readMemory", address=start, length=2)["memory"], [byte, 7], value)
+        expect(peek(host.inferior_pid(), start, 1)[0], byte, value)
+    message = host.ask("writeByte", address=16, value=1)["message"]
+    check(message.startswith("unable to write memory: ") and message.endswith(" (state eStateStopped)"), message)
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_modules_lie_where_the_kernel_put_them():
+    host = Host(checks_requests=False)
+    host.launch("steps")
+    host.run_to("main")
+    bases = {os.path.basename(file): (start, file) for start, _, offset, file in mappings(host.inferior_pid())
+             if offset == 0 and file.startswith("/")}
+    count = host.ok("moduleCount")["count"]
+    modules = [host.ok("moduleAtIndex", index=index)["module"] for index in range(count)]
+    compared = 0
+    for module in modules:
+        check(module["is_valid"], module)
+        for section in module["sections"]:
+            if section["loadAddr"] != NOWHERE and module.get("filename") in bases:
+                expect(section["loadAddr"] - section["fileAddr"], bases[module["filename"]][0], section)
+                compared += 1
+    check(compared > 5, modules)
+    steps = next(module for module in modules if module.get("filename") == "steps")
+    expect(host.ok("moduleForFile", file=bases["steps"][1])["module"], steps)
+    # What is not loaded has no size in memory, but one in the file.
+    debug = next(section for section in steps["sections"] if section.get("name") == ".debug_info")
+    check(debug["loadAddr"] == NOWHERE and debug["byteSize"] == 0 < debug["fileByteSize"], debug)
+    for index in (count, -1):
+        expect(host.ask("moduleAtIndex", index=index), error("index out of range"))
+    expect(host.ok("moduleAtIndex", index=2**32)["module"], modules[0])
+    for file in ("", "/nowhere"):
+        expect(host.ask("moduleForFile", file=file), error("can't find module"))
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_a_library_comes_and_goes():
+    library = inferior("libplugin.so")
+    host = Host()
+    host.launch("loader", f'"{library}"')
+    host.run_to("opened")
+    host.ok("moduleForFile", file=library)
+    # LLDB 14 may report a library twice, the first time before it has placed it.
+    loaded = [module for event in host.history if event.get("type") == "moduleLoaded" for module in event["modules"]]
+    plugin = [module for module in loaded if module["file"] == "libplugin.so"][-1]
+    expect(os.path.join(plugin["directory"], plugin["file"]), library)
+    expect(plugin["slide"], image_base(host.inferior_pid(), library))
+    expect(plugin["loadAddress"] - plugin["fileAddress"], plugin["slide"])
+    host.history.clear()
+    host.run_to("done")
+    check({"modules": [], "status": "event", "type": "moduleUnloaded"} in host.history, host.history)
+    expect(host.ask("moduleForFile", file=library), error("can't find module"))
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_programs_that_nobody_here_wrote():
+    notes = os.path.join(tempfile.mkdtemp(), "notes")
+    with open(notes, "w") as file:
+        file.write("some notes\n")
+    host = Host()
+    for program, arguments, output in (("/bin/ls", "/proc/self/status", "/proc/self/status\r\n"),
+                                       ("/bin/cat", f'"{notes}"', "some notes\r\n"),
+                                       ("/usr/bin/python3", '-c "print(6*7)"', "42\r\n")):
+        expect(host.run(program, arguments), (output, 0))
+    host.end()

@@ -1,0 +1,242 @@
+"""Hosts, debug servers and programs that behave badly: one sick peer must not cost the others anything."""
+
+import json
+import os
+import select
+import signal
+import tempfile
+import threading
+
+from kit import OK, Host, Program, check, descendants, eventually, expect, inferior, settings, stat, status_figure
+
+# A session whose answers are the same every time: the program stays at its entry.
+SESSION = [
+    {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""},
+    "createProcess",
+    "hasProcess",
+    "getProcessState",
+    {"command": "setBreakpointAtVirtualAddress", "address": 1},
+    "getRegisters",
+    "getCallstack",
+    "moduleCount",
+    {"command": "moduleAtIndex", "index": 0},
+    {"command": "readMemory", "address": 0, "length": 16},
+    {"command": "moduleForFile", "file": "/nowhere"},
+    "deleteProcess",
+    "hasProcess",
+]
+
+
+def flood_of(lines):
+    return "".join(f"{line:07}\r\n" for line in range(lines))
+
+
+def test_requests_get_the_same_answers_however_they_come():
+    host = Host()
+    expected = [host.ask_all(request)[0] for request in SESSION]
+    expect(host.ask_all(*SESSION), expected, "in one write")
+    write = host.requests.write
+    host.requests.write = lambda data: [(write(bytes([byte])), host.requests.flush()) for byte in data]
+    expect(host.ask_all(*SESSION), expected, "byte by byte")
+    host.end()
+
+
+def test_no_output_is_lost():
+    host = Host()
+    # Eight bytes a line leave the program, nine arrive; 256 is what one event carries.
+    for lines in (1, 28, 32, 256, 1250, 131072):
+        output, status = host.run("flood", str(8 * lines))
+        check(output == flood_of(lines) and status == 0, f"{lines} lines are not what was written")
+    host.end()
+
+
+def test_a_host_that_reads_late_misses_nothing():
+    host = Host()
+    host.launch("flood", str(8 * 20000))
+    host.reading.clear()
+    host.send(b'{"command": "continueExecution"}')
+
+    def is_full():
+        """The number of bytes in the pipe does not show it: a message may begin a page of its own."""
+        write_end = os.open(f"/proc/self/fd/{host.messages.fileno()}", os.O_WRONLY | os.O_NONBLOCK)
+        is_writable = select.select([], [write_end], [], 0)[1]
+        os.close(write_end)
+        return not is_writable
+
+    eventually(is_full, "the pipe is full")
+    host.reading.set()
+    expect(host.response(), OK)
+    host.state("eStateRunning")
+    expect(host.state("eStateExited")["exit_status"], 0)
+    check(host.output == flood_of(20000), "output is missing")
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_both_threads_write_whole_messages():
+    """The answers to 60,000 requests beside 6 MB of output, as fast as both threads can."""
+    host = Host()
+    host.launch("flood", str(8 * 700000))
+    host.ok("continueExecution")
+    expect(host.ask_all(*["ping"] * 60000), [OK] * 60000)
+    host.state("eStateRunning")
+    host.state("eStateExited")
+    check(host.output == flood_of(700000), "output is missing")
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_either_pipe_may_close_at_every_point():
+    """A process that is left makes the end of input an abort. Without its output the helper does what it is asked."""
+    for point in range(len(SESSION) + 1):
+        has_process = 1 < point < len(SESSION) - 1
+        host = Host()
+        host.ask_all(*SESSION[:point])
+        expect(host.close(), -signal.SIGABRT if has_process else 0, point)
+        host = Host()
+        host.ask_all(*SESSION[:point])
+        host.reading.clear()
+        os.dup2(os.open(os.devnull, os.O_RDONLY), host.messages.fileno())
+        host.send(b'{"command": "deleteProcess"}', *[b'{"command": "ping"}'] * 100)
+        host.end()
+
+
+def bring_to(host, is_running):
+    host.launch("wait")
+    if is_running:
+        host.resume_only()
+        host.await_output("ready\r\n")
+
+
+def test_a_program_or_its_server_is_killed_from_outside():
+    for is_running in (False, True):
+        for victim in ("wait", "lldb-server"):
+            host = Host()
+            bring_to(host, is_running)
+            os.kill(descendants(host.pid, victim)[0], signal.SIGKILL)
+            if not is_running:
+                host.ask("continueExecution")  # how LLDB notices
+            while (event := host.next_event()).get("state_desc") != "eStateExited":
+                pass
+            check(not is_running or victim != "wait" or event["exit_status"] == signal.SIGKILL, event)
+            host.ask("getCallstack")
+            host.ok("deleteProcess")
+            expect(host.run("hello")[1], 3)
+            host.end()
+
+
+def test_what_a_lost_helper_leaves():
+    """The debug server always goes, a launched program goes where it stopped, an attached one is let go."""
+
+    def lose(host, aborts):
+        servers = descendants(host.pid, "lldb-server")
+        host.requests.close() if aborts else os.kill(host.pid, signal.SIGKILL)
+        check(host.child.wait(60) < 0, "an orderly end")
+        eventually(lambda: all(gone(pid) for pid in servers), "lldb-server ends")
+
+    def gone(pid):
+        return (found := stat(pid)) is None or found[1] == "Z"
+
+    for aborts in (False, True):
+        host = Host()
+        bring_to(host, False)
+        pid = host.inferior_pid()
+        lose(host, aborts)
+        eventually(lambda: gone(pid), "the stopped program ends")
+        # A launched program that runs may go on: lldb-server lets it go, and its terminal hangs up.
+        host = Host()
+        bring_to(host, True)
+        lose(host, aborts)
+        for continues in (False, True):
+            host, program = Host(), Program(inferior("wait"))
+            program.line()
+            host.ok("attachToProcess", pid=program.pid, executable=inferior("wait"), triple="")
+            if continues:
+                host.ok("continueExecution")
+            lose(host, aborts)
+            eventually(lambda: status_figure(program.pid, "TracerPid") == 0, "nobody traces it")
+            check(not gone(program.pid), "an attached program ended")
+
+
+def test_helpers_side_by_side():
+    def session(host):
+        for _ in range(5):
+            output, status = host.run("flood", "80000")
+            check((len(output), status) == (90000, 0), "output is missing")
+        host.end()
+        done.append(host)
+
+    done = []
+    threads = [threading.Thread(target=session, args=[Host()]) for _ in range(4)]
+    [thread.start() for thread in threads]
+    [thread.join() for thread in threads]
+    expect(len(done), 4)
+
+
+def test_the_channel_stays_private():
+    """lldb-server and the program hold neither the host's pipes nor any descriptor that the helper inherited."""
+    starter = os.path.join(tempfile.mkdtemp(), "starter")
+    with open(starter, "w", opener=lambda name, flags: os.open(name, flags, 0o755)) as script:
+        script.write(f"#!/bin/sh\nexec '{settings['helper']}' \"$@\" 9>&2\n")
+    host = Host(program=starter)
+    host.launch("wait")
+    link = lambda pid, number: os.readlink(f"/proc/{pid}/fd/{number}")
+    channel = {link("self", host.requests.fileno()), link("self", host.messages.fileno())}
+    link(host.pid, 9)
+    family = descendants(host.pid)
+    check(len(family) > 1, family)
+    for pid in family:
+        held = {number: link(pid, number) for number in os.listdir(f"/proc/{pid}/fd")}
+        check("9" not in held and not channel & set(held.values()), held)
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_a_program_gets_what_was_prepared_and_nothing_else():
+    host = Host(env=os.environ | {"LLDB_HELPER_TEST": "inherited"})
+    folder = os.environ["TMPDIR"]
+    host.prepare("hello", "gone", env="GONE=1", cwd="/nowhere")
+    output, _ = host.run("show", 'one "two  three" ', env='ADDED="a b" EMPTY=', cwd=folder)
+    shown = [line.split(" <") for line in output.replace("\r", "").replace(">\n", "\n").splitlines()]
+    values = lambda heading: [value for found, value in shown if found == heading]
+    expect(values("argument"), ["one", "two  three"])
+    expect(values("folder"), [folder])
+    expect(values("blocked"), ["0" * 16])
+    own = [f"{name}={value}" for name, value in os.environ.items()]
+    expect(sorted(values("environment")), sorted([*own, "LLDB_HELPER_TEST=inherited", "ADDED=a b", "EMPTY="]))
+    host.end()
+
+
+def test_a_long_input_arrives_whole():
+    """More than the terminal holds, with three times as much coming back meanwhile."""
+    host = Host()
+    host.launch("echo")
+    host.resume_only()
+    host.await_output("ready\r\n")
+    host.output, text = "", [index % 100 for index in range(100000)]
+    host.ok("sendToApplication", data=text)
+    host.ok("sendToApplication", data=[ord("x")])
+    host.state("eStateExited")
+    check(host.output == bytes([*text, ord("x")]).hex(" ") + " ", "not what was sent")
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_a_program_that_does_not_read_holds_nothing_up():
+    """Neither requests nor LLDB: while LLDB writes to a terminal it reports neither output nor stops."""
+    host = Host()
+    host.launch("wait")
+    host.resume_only()
+    host.await_output("ready\r\n")
+    threads = lambda: len(os.listdir(f"/proc/{host.pid}/task"))
+    before = threads()
+    for _ in range(2):
+        host.ok("sendToApplication", data=list(b"nobody reads this line\n" * 20000))
+    for _ in range(3):
+        host.ok("breakExecution")
+        host.state("eStateStopped")
+        host.resume_only()
+    expect(threads(), before + 1)
+    host.ok("deleteProcess")
+    check(threads() < before, "the writer outlives its process")
+    host.end()

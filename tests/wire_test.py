@@ -1,0 +1,230 @@
+"""Bytes on the wire, the console, the log, and debug servers of several makers."""
+
+import json
+import os
+import re
+import resource
+import shutil
+import struct
+import subprocess
+import tempfile
+
+import kit
+from kit import OK, SCHEMA, Host, NotTested, check, error, expect, inferior, server, settings, shim, symbol
+
+PING = b'{"command":"ping"}'
+NOTHING = "Cannot decode JSON: unexpected end of input"
+
+
+def frame(text):
+    return struct.pack("=I", len(text)) + text
+
+
+def said(arguments, data):
+    """What a helper with these arguments and this standard input writes to its standard output."""
+    command = [settings["helper"], *arguments]
+    return subprocess.run(command, input=data, stdout=subprocess.PIPE, timeout=kit.DEADLINE, check=True).stdout
+
+
+def test_frames_that_no_page_can_show():
+    for data, answers in (
+        (frame(b""), [error(NOTHING)]),
+        (frame(b"\0"), [error(NOTHING)]),
+        (frame(PING + b"\0garbage"), [OK]),
+        (frame(b'{"command":"\xff\n"}'), [error("Cannot decode JSON: unescaped (10) in string")]),
+        (frame(b'{"command":"\xff"}'), [{"message": "unknown command '\udcff'", "status": "error"}]),
+        # The end of input ends the program in order, wherever it comes, and is not answered.
+        (b"", []),
+        (b"\5\0", []),
+        (b'\5\0\0\0{"co', []),
+        (b"\xff\xff\xff\xff{}", []),  # 4 GiB less a byte
+        (b"\0\0\0\x80{}" + frame(PING), []),  # 2 GiB
+        (b"\xff\xff\xff\x7f{}", []),  # 2 GiB less a byte, of which two come
+        (frame(PING) + b"\5", [OK]),
+    ):
+        wanted = b"".join(frame(json.dumps(answer, ensure_ascii=False).encode(errors="surrogateescape")) for answer in answers)
+        expect(said(["0", "1"], data), wanted, data)
+
+
+def test_a_refused_length_does_not_wait_for_its_text():
+    host = Host()
+    host.requests.write(b"\0\0\0\x80{}")
+    host.requests.flush()
+    expect(host.child.wait(kit.DEADLINE), 0)
+
+
+def test_console_lines():
+    answer = b'OUTPUT: {"status": "ok"}'
+    fill = b" " * (1023 - len(PING))
+    nothing = b'OUTPUT: {"message": "%s", "status": "error"}' % NOTHING.encode()
+    for typed, output in (
+        (PING, b"INPUT: %s\n%s" % (PING, answer)),  # the last line needs no end
+        (b"\n", b"INPUT: \n\n" + nothing),
+        (b"", b""),
+        (b"\0garbage\n" + PING, b""),
+        # 1,023 bytes are one request, with the line end left over as the next.
+        (PING + fill + b"\n", b"INPUT: %s\n%sINPUT: \n\n%s" % (PING + fill, answer, nothing)),
+    ):
+        expect(said([], typed), output, typed[:20])
+
+
+def test_prompts_do_not_eat_console_lines():
+    lines = (f'target create "{inferior("hello")}"', "breakpoint set -n main", "breakpoint delete", "script", "expression",
+             "platform shell cat")
+    ping = '{"command":"ping","id":4711}\n'
+    typed = "".join(json.dumps({"command": "executeCommand", "cli": line}) + "\n" + ping for line in lines)
+    expect(said([], typed.encode()).count(b'OUTPUT: {"id": 4711, "status": "ok"}'), 6)
+
+
+def test_descriptors_that_cannot_be_used():
+    for arguments in (["77", "78"], ["0", "78"], ["77", "1"], ["-1", "1"]):
+        read, write = os.pipe()  # the requests' end can be read, not written
+        run = subprocess.run([settings["helper"], *arguments], stdin=read, capture_output=True, timeout=kit.DEADLINE)
+        complaint = f"lldb-helper: cannot use descriptors {arguments[0]} and {arguments[1]} as input and output\n"
+        expect((run.returncode, run.stderr.decode()), (1, complaint))
+
+
+def test_every_command_takes_arguments_of_every_kind():
+    """None ends the helper or goes without an answer, with a process or without."""
+    values = [None, True, -1, 0, 0.5, 1e300, 2**64 - 1, "text", "", '"', "a" * 5000, [], [None, "x", 7], {"a": 1}]
+    requests = SCHEMA["$defs"]["requests"]
+    # From the last to the first: those that end a process come after those that look into it.
+    commands = list(requests)[::-1]
+    expect(len(commands), 32)
+    arguments = {name for request in requests.values() for name in request["properties"]} - {"command", "id", "pid"}
+    host = Host(checks_requests=False)
+    for has_process in (False, True):
+        for value in values:
+            if has_process:
+                host.launch("wait")
+            for command in commands:
+                if command != "connectRemote" or value == "text":  # it takes seconds each time
+                    host.ask_all(dict.fromkeys(arguments, value) | {"command": command})
+            host.ask("deleteProcess")
+            for event in iter(lambda: host.events.empty() or host.next_event(), True):
+                pass
+    expect(host.ask("ping"), OK)
+
+
+def test_the_reference_the_schema_and_the_table_name_the_same_commands():
+    def read(name):
+        with open(os.path.join(settings["source"], name)) as file:
+            return file.read()
+
+    code, table = read("src/channel/Dispatcher.cpp").split("const Command commands[]")
+    rows = re.split(r'\{"(\w+)",', table)
+    in_code = {name: set(re.findall(r'r\["(\w+)"\]', row)) for name, row in zip(rows[1::2], rows[2::2])}
+    in_code["prepareExecutable"] = set(re.findall(r'request\["(\w+)"\]', code))  # the row with a function of its own
+    in_code["connectRemote"].add("platform")  # part of the request, not used
+    in_schema = {name: set(part["properties"]) - {"command", "id"} for name, part in SCHEMA["$defs"]["requests"].items()}
+    expect(in_code, in_schema)
+    expect(list(in_code), list(SCHEMA["$defs"]["requests"]), "the order")
+    page = read("docs/protocol.md")
+    sections = re.split(r"\n### (.*)\n", page[page.index("\n## Commands") : page.index("\n## Events")])
+    in_page = {name: text for heading, text in zip(sections[1::2], sections[2::2]) for name in re.findall(r"\w+", heading)}
+    expect(set(in_page), set(in_schema))
+    missing = {(name, word) for name, words in in_schema.items() for word in words if f"`{word}`" not in in_page[name]}
+    expect(missing, set())
+
+
+# --- The log ------------------------------------------------------------------------------------------
+
+
+def records(*requests):
+    """What a helper logs, without its two records of the start, while it answers these requests."""
+    file = os.path.join(tempfile.mkdtemp(), "log")
+    host = Host(env=shim(SYSLOG_FILE=file), checks_requests=False)
+    for request in requests:
+        host.ask_all(request)
+    host.end()
+    with open(file, errors="surrogateescape") as log:
+        found = log.read().split("\x1e")[:-1]
+    user, notice = 8, 5
+    texts = [record.removeprefix(f"lldb-helper {user | notice} ") for record in found]
+    check(all(text != record for text, record in zip(texts, found)), found)
+    expect(texts[0], "\n\n-------------- STARTING --------------\n")
+    check(re.fullmatch(r"Debugger version: lldb version (.|\n)*\n", texts[1]), texts[1])
+    return texts[2:]
+
+
+def test_the_log_of_errors_and_of_a_launch():
+    prepare = {"command": "prepareExecutable", "path": "/bin/true", "triple": "", "is64Bits": True}
+    logged = records("ping", "hasProcess", "getProcessState", {"command": "x%s%n"}, prepare, "createProcess",
+                     "deleteProcess", {"command": "prepareExecutable", "path": "/bin/true"})
+    # The event thread's records fall where they fall.
+    expect([record for record in logged if record.startswith("State changed to ")], ["State changed to eStateStopped"])
+    expect([record for record in logged if not record.startswith("State changed to ")], [
+        "Error in hasProcess: no process",
+        "Error in getProcessState: no target",
+        "Error in handleRequest: unknown command 'x%s%n'",
+        "Preparing executable /bin/true, 64bit",
+        "Building launchinfo\n",
+        "About to launch target\n",
+        "Restarting event thread\n",
+        "Starting to wait for process to change state",
+        "Process current state eStateStopped\n",
+        "Process is ready with final state eStateStopped\n",
+        "Preparing executable /bin/true, 32bit",
+    ])
+
+
+def test_the_log_of_connections_and_of_an_attach():
+    """A connection is watched for a second. A kernel is reached through two command lines."""
+    steps = [f"step {step}: eState" for step in range(10)]
+    refused = "Error in connectRemote: cannot connect to remote, invalid process"
+    for request, wanted in (
+        ({"command": "connectRemote", "plugin": "gdb-remote", "url": "no-such-scheme://"},
+         [*steps, "Cannot connect: ", refused]),
+        ({"command": "connectRemote", "plugin": "kdp-remote", "url": "a url", "file": "/bin/true"},
+         ['target create "/bin/true"\n', 'process connect --plugin kdp-remote "a url"\n', *steps, refused]),
+        ({"command": "attachToProcess", "pid": 2**22 + 1},
+         [f"About to attach to process {2**22 + 1}", "Error in attachToProcess: cannot attach to process: "]),
+    ):
+        logged = records(request)
+        check(len(logged) == len(wanted) and all(map(str.startswith, logged, wanted)), logged)
+
+
+# --- Debug servers of several makers ------------------------------------------------------------------
+
+
+def debug_through(pc, file, triple, *command):
+    """Registers, memory, a breakpoint, a step, and on to the exit."""
+    if not shutil.which(command[0]) or not os.path.exists(file):
+        raise NotTested(f"{command[0]} or {os.path.basename(file)} is missing here")
+    program, port = server(*command)
+    host = Host()
+    leaf = symbol(file, "leaf")
+    connect = {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "platform": "ignored", "file": file, "triple": triple}
+    host.ok("connectRemote", **connect)
+    host.state("eStateStopped")
+    expect(host.ask("connectRemote", **connect), error("already has a process"))
+    code = host.ok("readMemory", address=leaf, length=4)
+    host.ok("setBreakpointAtVirtualAddress", address=leaf)
+    host.resume()
+    expect(int(host.ok("getRegisters")["registers"][pc].split()[0], 16), leaf)
+    expect(host.ok("readMemory", address=leaf, length=4), code)
+    expect(host.stack()[0]["function"], "leaf")
+    expect(host.ok("getThreadIDList")["threads"][0]["state"], "Breakpoint")
+    host.resume(how="stepInstruction")
+    check(host.stack()[0]["pc"] != leaf, "it has not stepped")
+    host.ok("removeAllBreakpoints")
+    host.resume("eStateExited")
+    host.ok("deleteProcess")
+    host.end()
+
+
+def test_lldb_server():
+    program = inferior("steps-fixed")
+    debug_through(kit.PC, program, "", settings["lldb-server"], "gdbserver", "127.0.0.1:PORT", program)
+
+
+def test_gnu_gdbserver():
+    if settings["lldb"] < 22:
+        raise NotTested("this LLDB mistakes GNU gdbserver's stops, see docs/platforms.md")
+    program = inferior("steps-fixed")
+    debug_through(kit.PC, program, "", "gdbserver", "127.0.0.1:PORT", program)
+
+
+def test_qemu_with_a_program_of_another_architecture():
+    program = inferior("steps-aarch64")
+    debug_through("pc", program, "aarch64-unknown-linux-gnu", "qemu-aarch64", "-g", "PORT", program)
