@@ -51,8 +51,22 @@ def load_schema():
         path = os.path.join(folder, "protocol.schema.json")
         if os.path.exists(path):
             with open(path, encoding="utf-8") as file:
-                return json.load(file)["$defs"]
+                schema = json.load(file)["$defs"]
+            for request in schema["requests"].values():
+                request["arguments"] = [name for name in request["properties"] if name not in ("command", "id")]
+            return schema
     sys.exit("console.py: protocol.schema.json is not where it should be")
+
+
+def errors_in(kinds):
+    """The error texts that a response's schema allows, with … for what differs."""
+    texts = []
+    for kind in kinds:
+        message = kind["properties"]["message"]
+        texts += message.get("enum") or [
+            text.get("const") or text["description"] for text in message.get("anyOf", [message])
+        ]
+    return texts
 
 
 def address(number):
@@ -225,16 +239,16 @@ class Console:
 
     def arguments_of(self, command, words):
         request = self.schema["requests"][command]
-        order = list(request["x-arguments"])
+        order = list(request["arguments"])
         arguments = {}
         for word in words:
             name, equals, text = word.partition("=")
-            if not equals or name not in request["x-arguments"]:
+            if not equals or name not in request["arguments"]:
                 if not order:
                     raise Mistake(f"{command} takes no «{word}»; see help {command}")
                 name, text = order[0], word
             order = [other for other in order if other != name]
-            arguments[name] = self.value(text, request["properties"][name]["type"])
+            arguments[name] = self.value(text, request["properties"][name].get("type", "integer"))
         return arguments
 
     def prepare(self, words):
@@ -283,7 +297,7 @@ class Console:
         """help [COMMAND]: what can be typed."""
         if words:
             return self.show(self.help_of(ALIASES.get(words[0], words[0])))
-        rows = [(name, " ".join(request["x-arguments"]), request["description"])
+        rows = [(name, " ".join(request["arguments"]), request["description"])
                 for name, request in self.schema["requests"].items()]  # fmt: skip
         own = [getattr(self, name).__doc__ for name in dir(self) if name.startswith("do_")]
         short = ", ".join(f"{alias} {command}" for alias, command in ALIASES.items())
@@ -296,9 +310,9 @@ class Console:
         if command not in self.schema["requests"]:
             raise Mistake(f"there is no command «{command}»")
         request = self.schema["requests"][command]
-        rows = [(f"  {name}", request["properties"][name]["type"], request["properties"][name].get("description", ""))
-                for name in request["x-arguments"]]  # fmt: skip
-        errors = [text for kind in self.schema["responses"][command]["oneOf"] for text in kind.get("x-errors", [])]
+        rows = [(f"  {name}", request["properties"][name].get("type", "integer"), request["properties"][name].get("description", ""))
+                for name in request["arguments"]]  # fmt: skip
+        errors = errors_in(self.schema["responses"][command]["oneOf"][1:])
         return "\n".join(filter(None, [
             f"{command}: {request['description']}", table(rows) if rows else "",
             "Errors: " + " · ".join(errors) if errors else "",
@@ -388,8 +402,8 @@ class Console:
             own = [name[3:] for name in dir(self) if name.startswith("do_")]
             words = [*self.schema["requests"], *ALIASES, *own, "quit"]
             return sorted(word + " " for word in words if word.startswith(text))
-        request = self.schema["requests"].get(ALIASES.get(line.split()[0], line.split()[0]), {"x-arguments": []})
-        names = [name + "=" for name in request["x-arguments"] if name.startswith(text)]
+        request = self.schema["requests"].get(ALIASES.get(line.split()[0], line.split()[0]), {"arguments": []})
+        names = [name + "=" for name in request["arguments"] if name.startswith(text)]
         head, equals, path = text.rpartition("=")
         files = [head + equals + file + ("/" if os.path.isdir(file) else " ") for file in sorted(glob.glob(path + "*"))]
         return names + files
