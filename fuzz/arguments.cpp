@@ -1,6 +1,6 @@
 // The texts of arguments and environments, compared with other ways to read them.
 
-#include "channel/ArgumentText.h"
+#include "channel/LaunchArguments.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "channel/ArgumentText.h"
+#include "channel/LaunchArguments.h"
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"
 

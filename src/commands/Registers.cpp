@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "channel/Envelope.h"
+#include "json/HexDigits.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
 
@@ -16,7 +17,6 @@ bool isLeftOut(std::string_view name) { return name.starts_with("ymm") || name.s
 /// "0x" and the register's bytes, the last one in memory first: on a little-endian machine, as the
 /// number would be written. For registers that LLDB does not print as one value.
 std::string registerValueToHex(lldb::SBValue value) {
-  constexpr char digits[] = "0123456789abcdef";
   lldb::SBData data = value.GetData();
   std::string text = "0x";
   for (std::size_t end = data.GetByteSize(); end > 0;) {
@@ -26,10 +26,7 @@ std::string registerValueToHex(lldb::SBValue value) {
     lldb::SBError error;
     data.ReadRawData(error, end, piece, count);
     if (!error.Success()) return "<error>";
-    for (std::size_t at = count; at > 0; --at) {
-      text += digits[piece[at - 1] >> 4];
-      text += digits[piece[at - 1] & 0xf];
-    }
+    for (std::size_t at = count; at > 0; --at) appendHex(text, piece[at - 1]);
   }
   return text;
 }

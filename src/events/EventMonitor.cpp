@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "events/StateName.h"
+#include "json/HexDigits.h"
 #include "platform/Log.h"
 
 namespace {
@@ -23,14 +24,9 @@ constexpr std::size_t outputPiece = 256;
 
 /// Two lowercase digits for each byte: output may be anything, JSON text may not.
 std::string hexText(std::string_view bytes) {
-  constexpr char digits[] = "0123456789abcdef";
   std::string text;
   text.reserve(2 * bytes.size());
-  for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    text += digits[value >> 4];
-    text += digits[value & 0xf];
-  }
+  for (const char byte : bytes) appendHex(text, static_cast<unsigned char>(byte));
   return text;
 }
 

@@ -14,13 +14,13 @@
 
 namespace {
 
-/// Truncates toward zero; what does not fit is clamped to the range and NaN gives 0, where a plain
-/// cast would be undefined.
+/// Truncates toward zero, clamps to the range, and gives 0 for NaN. A plain cast would be undefined
+/// for what does not fit.
 template <typename Integer>
 Integer truncateTo(double value) {
   if (std::isnan(value)) return 0;
   const double whole = std::trunc(value);
-  // The maximum itself need not be a double, so the bound is the power of two above it.
+  // The maximum may not be a double, so the bound is the power of two above it.
   if (whole >= std::ldexp(1.0, std::numeric_limits<Integer>::digits))
     return std::numeric_limits<Integer>::max();
   if (whole <= static_cast<double>(std::numeric_limits<Integer>::min()))
@@ -49,7 +49,7 @@ class JsonBool final : public JsonValue {
   bool value;
 };
 
-/// What the three number forms share: they are one kind and compare as doubles.
+/// The common part of the three number forms: they are of one kind and compare as doubles.
 class JsonNumber : public JsonValue {
  public:
   JsonType type() const override { return JsonType::Number; }
@@ -136,7 +136,7 @@ class JsonArray final : public JsonValue {
   Json::array items;
 };
 
-/// An array of numbers from 0 to 255. The items become values only for readers that want them all.
+/// An array of numbers from 0 to 255. Only arrayItems() makes values of the items.
 class JsonByteArray final : public JsonValue {
  public:
   explicit JsonByteArray(JsonBytes bytes) : bytes(std::move(bytes)) {}
@@ -199,16 +199,16 @@ class JsonObject final : public JsonValue {
 
 using Payload = std::shared_ptr<const JsonValue>;
 
-/// A pointer to a payload that lives until exit: it counts nothing, so that the commonest values
-/// are copied and dropped without an atomic operation.
+/// A pointer to a payload that lives until exit. It does not count references, so the commonest
+/// values are copied and dropped without an atomic operation.
 Payload unowned(const JsonValue &payload) { return {Payload(), &payload}; }
 
-/// The payloads of the numbers from 0 to 255, one for each: bytes, counts and identifiers are most
-/// of the numbers there are.
+/// One payload for each number from 0 to 255. Bytes, counts and identifiers are most of all
+/// numbers.
 template <typename Number>
 class SmallNumbers {
  public:
-  /// The shared payload of a small number, a new one of any other.
+  /// The shared payload of a small number; a new payload for any other.
   template <typename Integer>
   Payload get(Integer value) const {
     const auto index = static_cast<std::uint64_t>(value);
@@ -223,7 +223,7 @@ class SmallNumbers {
   const std::array<Number, 256> payloads = make(std::make_index_sequence<256>());
 };
 
-/// What all values share, made once on first use and kept until exit.
+/// The payloads that all values share. Made on first use and kept until exit.
 struct Shared {
   const JsonNull null{};
   const JsonBool yes{true};
@@ -240,7 +240,7 @@ const Shared &shared() {
   return instance;
 }
 
-/// What a failed lookup refers to.
+/// The result of a failed lookup.
 const Json &nullJson() {
   static const Json instance;
   return instance;
@@ -268,7 +268,8 @@ Json::object::object(std::vector<value_type> unsorted) : members(std::move(unsor
   if (std::adjacent_find(members.begin(), members.end(), notBefore) == members.end()) return;
   std::stable_sort(members.begin(), members.end(),
                    [](const value_type &a, const value_type &b) { return a.first < b.first; });
-  // From the back: what unique() keeps of several is the first that it meets.
+  // Goes from the back, because unique() keeps the first of equal members, and the last one must
+  // stay.
   const auto sameKey = [](const value_type &a, const value_type &b) { return a.first == b.first; };
   const auto kept = std::unique(members.rbegin(), members.rend(), sameKey);
   members.erase(members.begin(), kept.base());

@@ -12,21 +12,20 @@
 /// The kind of a Json value. The codes order values of different kinds.
 enum class JsonType { Null = 0, Number = 1, Bool = 2, String = 3, Array = 4, Object = 5 };
 
-/// What the parser accepts beside plain JSON.
+/// What the parser accepts.
 enum class JsonParseMode {
-  Standard = 0,  ///< JSON only: what the channel speaks.
-  Comments = 1,  ///< also "//" and "/* */" comments between tokens.
+  Standard = 0,  ///< JSON only. The channel uses this mode.
+  Comments = 1,  ///< also "//" and "/* */" comments between tokens
 };
 
 class JsonValue;
 class JsonWriter;
 
-/// A block of bytes on its way to becoming a Json array with one number from 0 to 255 for each
-/// byte. To every reader that array is one like any other; it only takes a byte for each item, not
-/// a value.
+/// A block of bytes from which to make a Json array: one number from 0 to 255 for each byte. The
+/// array behaves like any other, but takes one byte of memory for each item.
 class JsonBytes {
  public:
-  /// `size` zero bytes, which cost no memory before they are written. Throws std::bad_alloc.
+  /// `size` zero bytes. They take no memory before they are written. Throws std::bad_alloc.
   explicit JsonBytes(std::size_t size);
 
   std::uint8_t *data() { return bytes.get(); }
@@ -44,20 +43,20 @@ class JsonBytes {
   std::size_t count;
 };
 
-/// One immutable JSON value: a handle on a shared, never changed payload.
+/// One immutable JSON value: a handle to a shared payload that never changes.
 ///
-/// Copying costs one atomic increment, and handles may be copied and destroyed on different
-/// threads. To change a value, build a new Json::object or Json::array and wrap it.
+/// Copying costs one atomic increment. Handles to one payload may be copied and destroyed on
+/// different threads. To change a value, build a new Json::object or Json::array and wrap it.
 ///
-/// A number keeps one of three forms: signed 32-bit, double or unsigned 64-bit. All three are of
-/// the kind Number; the form decides how the value is written and how the accessors convert it.
-/// Addresses and sizes use the unsigned 64-bit form, which a double could not carry exactly.
+/// A number has one of three forms: signed 32-bit, double or unsigned 64-bit. All three are of the
+/// kind Number. The form decides how the value is written and how the accessors convert it.
+/// Addresses and sizes use the unsigned 64-bit form, because a double cannot hold them exactly.
 ///
 /// A Json that was moved from may only be assigned to or destroyed.
 ///
-/// No accessor and no comparison fails or throws. A question asked of the wrong kind, a missing key
-/// and an index past the end yield null, 0, false, the empty text or the empty list, so a reader
-/// of requests needs no presence checks.
+/// No accessor and no comparison fails or throws. An accessor of another kind, a missing key and an
+/// index past the end yield null, 0, false, the empty text or the empty list, so a reader of
+/// requests needs no presence checks.
 class Json {
  public:
   using array = std::vector<Json>;
@@ -76,7 +75,7 @@ class Json {
   Json(const object &value);
   Json(object &&value);
   Json(JsonBytes &&value);
-  /// Any other pointer would quietly become a bool.
+  /// Any other pointer would silently become a bool.
   Json(const void *) = delete;
 
   JsonType type() const;
@@ -89,15 +88,15 @@ class Json {
   /// A negative 32-bit number is sign-extended: -1 gives 18446744073709551615. A double is
   /// truncated toward zero (clamped to the range, NaN gives 0).
   std::uint64_t uint64Value() const;
-  /// The text of a string. Empty for every other kind: a number's text is never made up here.
+  /// The text of a string. Empty for every other kind, numbers included.
   const std::string &stringValue() const;
   const array &arrayItems() const;
   const object &objectItems() const;
   const Json &operator[](std::size_t index) const;
   const Json &operator[](std::string_view key) const;
 
-  /// Numbers are compared by their value as a double, whatever their forms. Values of different
-  /// kinds are never equal and are ordered by the kind's code.
+  /// Numbers compare by their value as a double, whatever their forms. Values of different kinds
+  /// are never equal; the codes of the kinds order them.
   friend bool operator==(const Json &a, const Json &b);
   friend bool operator<(const Json &a, const Json &b);
   friend bool operator!=(const Json &a, const Json &b) { return !(a == b); }
@@ -109,12 +108,12 @@ class Json {
   /// keys in ascending byte order.
   void dump(std::string &out) const;
   std::string dump() const;
-  /// For a part of a larger text.
+  /// The same, as a part of a larger text.
   void dump(JsonWriter &out) const;
 
-  /// Reads one value from `text`. On failure the result is null and `error`, which must come empty,
-  /// holds one line of English about the first thing that is wrong. On success `error` stays as it
-  /// is; that tells a failure from the valid text "null".
+  /// Reads the value that `text` holds. Pass an empty `error`. After a failure the result is null
+  /// and `error` describes the first mistake in one line of English. After a success `error` is
+  /// still empty, which distinguishes the text "null" from a failure.
   static Json parse(const std::string &text, std::string &error,
                     JsonParseMode mode = JsonParseMode::Standard);
 
@@ -124,26 +123,27 @@ class Json {
 
 /// The members of an object: a map, sorted by key in plain byte order, keys unique.
 ///
-/// They lie one behind the other in one block. Most objects have a handful of members that are
-/// added in about their order, looked at once, and dropped; a node for each would cost more than
-/// all the rest. The price is that a key set out of order moves those behind it.
+/// The members lie in one block of memory. Most objects have a handful of members, which are added
+/// in about their order, read once, and dropped; a node for each would cost more than all the rest.
+/// The price: a key that is set out of order moves the members after it.
 class Json::object {
  public:
   using value_type = std::pair<std::string, Json>;
   using const_iterator = std::vector<value_type>::const_iterator;
 
-  /// What a frame or a section has at most, the objects that there are most of: worth making room
-  /// for at once.
+  /// Frames and sections have at most this many members, and most objects are of these two sorts.
+  /// The first member reserves room for all.
   static constexpr std::size_t usualCount = 5;
 
   object() = default;
   object(std::initializer_list<value_type> members);
-  /// In any order, sorted once; of a key that comes more than once the last value stays.
+  /// Takes the members in any order and sorts them once. The last value of a repeated key stays.
   explicit object(std::vector<value_type> members);
 
-  /// The member of that name, which is null if it was not there. Good until a member is added.
+  /// The value of `key`. A key that was missing is added with null. The reference is valid until
+  /// another member is added.
   Json &operator[](std::string_view key);
-  /// end() if there is none.
+  /// Returns end() if the key is missing.
   const_iterator find(std::string_view key) const;
 
   const_iterator begin() const { return members.begin(); }
@@ -151,12 +151,12 @@ class Json::object {
   std::size_t size() const { return members.size(); }
   bool empty() const { return members.empty(); }
 
-  /// As lists of pairs.
+  /// Objects compare as lists of pairs.
   friend bool operator==(const object &a, const object &b) { return a.members == b.members; }
   friend bool operator<(const object &a, const object &b) { return a.members < b.members; }
 
  private:
-  /// The first member whose name is not less than `key`.
+  /// The first member whose key is not less than `key`.
   const_iterator lowerBound(std::string_view key) const;
 
   std::vector<value_type> members;

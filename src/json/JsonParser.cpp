@@ -11,10 +11,10 @@
 
 namespace {
 
-/// No \u escape is waiting for its second half.
+/// The pending code point while no \u escape is pending.
 constexpr long noCodePoint = -1;
 
-/// True for the bytes of a string that stand for themselves.
+/// True for the bytes of a string that mean themselves.
 constexpr std::array<bool, 256> makePlainBytes() {
   std::array<bool, 256> plain{};
   for (std::size_t byte = ' '; byte < plain.size(); ++byte) plain[byte] = true;
@@ -29,8 +29,8 @@ bool isHighSurrogate(long codePoint) { return codePoint >= 0xd800 && codePoint <
 
 bool isLowSurrogate(long codePoint) { return codePoint >= 0xdc00 && codePoint <= 0xdfff; }
 
-/// A byte as messages show it: 'x' (120), or (10) for what does not print. Bytes from 128 up count
-/// as negative: 0xC3 is (-61).
+/// A byte as error messages show it: 'x' (120), or (10) for a control character. Bytes from 128 up
+/// count as negative: 0xC3 is (-61).
 std::string describe(char byte) {
   const int code = static_cast<signed char>(byte);  // NOLINT(bugprone-signed-char-misuse)
   char text[16];
@@ -42,8 +42,8 @@ std::string describe(char byte) {
   return text;
 }
 
-/// Appends the UTF-8 form of `codePoint` and forgets it. A surrogate without its partner takes its
-/// three-byte form: a host that sends one gets it back.
+/// Appends the UTF-8 form of `codePoint`, if there is one, and resets it. A surrogate without its
+/// partner takes its three-byte form, so a host that sends one gets it back.
 void writeOut(std::string &out, long &codePoint) {
   if (codePoint == noCodePoint) return;
   const auto append = [&out](long byte) { out += static_cast<char>(byte); };
@@ -65,19 +65,37 @@ void writeOut(std::string &out, long &codePoint) {
   codePoint = noCodePoint;
 }
 
-/// Ten digits and no sign: this is where a number turns from a double into an unsigned one.
+/// An integer of up to nine bytes, sign included, always fits 32 bits.
+constexpr std::ptrdiff_t shortInteger = 9;
+
+std::int32_t toInt32(const char *digit, const char *end) {
+  const bool isNegative = *digit == '-';
+  if (isNegative) ++digit;
+  std::int32_t value = 0;
+  for (; digit < end; ++digit) value = 10 * value + (*digit - '0');
+  return isNegative ? -value : value;
+}
+
+/// The largest literal of ten digits that becomes a double.
 constexpr std::string_view lastTenDigitDouble = "4294967295";
 
-/// Whether a literal that is not a short integer is read as an unsigned 64-bit number.
+/// Whether a literal that is not a short integer becomes an unsigned 64-bit number.
 ///
-/// Deliberate: this looks at the literal's length and, for ten bytes, at its text, not at its
-/// value. So a non-negative literal of ten or more bytes with an exponent but no fraction is
-/// unsigned and ends at its "e" (12345678901e5 is 12345678901), and 4294967295 is a double while
-/// 4294967296 is unsigned. Hosts rely on addresses taking the unsigned form by their length alone.
+/// Deliberate: the length of the literal decides, and for ten bytes its text; the value does not.
+/// So 4294967295 is a double and 4294967296 is unsigned. A non-negative literal of ten or more
+/// bytes with an exponent but no fraction is unsigned and ends at its "e": 12345678901e5 is
+/// 12345678901. Hosts rely on addresses taking the unsigned form by their length alone.
 bool isUnsigned(std::string_view literal, bool hasFraction) {
   if (literal[0] == '-' || hasFraction) return false;
   if (literal.size() == lastTenDigitDouble.size()) return literal > lastTenDigitDouble;
   return literal.size() > lastTenDigitDouble.size();
+}
+
+/// Deliberate: a number that does not fit becomes the largest one.
+std::uint64_t toUint64(std::string_view literal) {
+  std::uint64_t value = 0;
+  const auto read = std::from_chars(literal.data(), literal.data() + literal.size(), value);
+  return read.ec == std::errc() ? value : std::numeric_limits<std::uint64_t>::max();
 }
 
 }  // namespace
@@ -89,7 +107,7 @@ Json Json::parse(const std::string &text, std::string &error, JsonParseMode mode
 Json JsonParser::parse() {
   Json value = parseValue(0);
   skip();
-  if (!failed && !atEnd()) fail("unexpected trailing " + describe(*at));
+  if (!failed && !atEnd()) fail("unexpected trailing " + describe(*cursor));
   if (failed) return Json();
   return value;
 }
@@ -102,7 +120,7 @@ Json JsonParser::parseValue(int depth) {
   const char token = nextToken();
   if (failed) return Json();
   if (token == '-' || isDigit(token)) {
-    --at;
+    --cursor;
     return parseNumber();
   }
   switch (token) {
@@ -117,13 +135,13 @@ Json JsonParser::parseValue(int depth) {
 }
 
 Json JsonParser::expectWord(std::string_view word, const Json &value) {
-  --at;
+  --cursor;
   const std::string_view found = rest().substr(0, word.size());
   if (found != word) {
     fail("parse error: expected " + std::string(word) + ", got " + std::string(found));
     return Json();
   }
-  at += word.size();
+  cursor += word.size();
   return value;
 }
 
@@ -162,7 +180,7 @@ Json JsonParser::parseArray(int depth) {
   char token = nextToken();
   if (token == ']') return Json(std::move(items));
   while (!failed) {
-    --at;
+    --cursor;
     items.push_back(parseValue(depth + 1));
     if (failed) break;
     token = nextToken();
@@ -174,18 +192,18 @@ Json JsonParser::parseArray(int depth) {
 }
 
 std::string JsonParser::parseString() {
-  const char *start = at;
-  while (isPlain[static_cast<unsigned char>(*at)]) ++at;
-  if (*at == '"') return std::string(start, at++);  // no escapes in it, as most have none
+  const char *start = cursor;
+  while (isPlain[static_cast<unsigned char>(*cursor)]) ++cursor;
+  if (*cursor == '"') return std::string(start, cursor++);  // most strings have no escapes
 
-  std::string out(start, at);
+  std::string out(start, cursor);
   long pending = noCodePoint;
   while (!failed) {
     if (atEnd()) {
       fail("unexpected end of input in string");
       break;
     }
-    const char byte = *at++;
+    const char byte = *cursor++;
     if (byte == '\\') {
       parseEscape(out, pending);
     } else if (static_cast<unsigned char>(byte) < ' ') {
@@ -204,7 +222,7 @@ void JsonParser::parseEscape(std::string &out, long &pending) {
     fail("unexpected end of input in string");
     return;
   }
-  const char letter = *at++;
+  const char letter = *cursor++;
   if (letter == 'u') {
     parseUnicodeEscape(out, pending);
     return;
@@ -227,7 +245,7 @@ void JsonParser::parseUnicodeEscape(std::string &out, long &pending) {
   const std::string_view digits = rest().substr(0, 4);
   long codePoint = 0;
   const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), codePoint, 16);
-  // from_chars would take a sign as well.
+  // from_chars takes a sign too.
   const bool isHex = digits.size() == 4 && digits[0] != '-' && read.ec == std::errc() &&
                      read.ptr == digits.data() + digits.size();
   if (!isHex) {
@@ -236,71 +254,57 @@ void JsonParser::parseUnicodeEscape(std::string &out, long &pending) {
   }
   if (isHighSurrogate(pending) && isLowSurrogate(codePoint)) {
     pending = (((pending - 0xd800) << 10) | (codePoint - 0xdc00)) + 0x10000;
-    writeOut(out, pending);
   } else {
     writeOut(out, pending);
     pending = codePoint;
   }
-  at += digits.size();
+  cursor += digits.size();
 }
 
 Json JsonParser::parseNumber() {
-  const char *const start = at;
-  if (*at == '-') ++at;
-
-  if (*at == '0') {
-    ++at;
-    if (isDigit(*at)) {
-      fail("leading 0s not permitted in numbers");
-      return Json();
-    }
-  } else if (isDigit(*at)) {
-    skipDigits();
-  } else {
-    fail("invalid " + describe(*at) + " in number");
+  const char *const start = cursor;
+  if (*cursor == '-') ++cursor;
+  if (*cursor == '0' && isDigit(cursor[1])) {
+    fail("leading 0s not permitted in numbers");
     return Json();
   }
-
-  const bool hasFraction = *at == '.';
-  const bool isInteger = !hasFraction && *at != 'e' && *at != 'E';
-  // Nine bytes, sign included, always fit 32 bits.
-  if (isInteger && at - start <= 9) {
-    const bool isNegative = *start == '-';
-    std::int32_t value = 0;
-    for (const char *digit = start + isNegative; digit < at; ++digit)
-      value = 10 * value + (*digit - '0');
-    return Json(isNegative ? -value : value);
+  if (!isDigit(*cursor)) {
+    fail("invalid " + describe(*cursor) + " in number");
+    return Json();
   }
-
-  if (hasFraction) {
-    ++at;
-    if (!isDigit(*at)) {
-      fail("at least one digit required in fractional part");
-      return Json();
-    }
-    skipDigits();
+  skipDigits();
+  const bool hasFraction = *cursor == '.';
+  const bool hasExponent = *cursor == 'e' || *cursor == 'E';
+  if (!hasFraction && !hasExponent) {
+    if (cursor - start <= shortInteger) return Json(toInt32(start, cursor));
+  } else {
+    skipFractionAndExponent();
+    if (failed) return Json();
   }
-  if (*at == 'e' || *at == 'E') {
-    ++at;
-    if (*at == '+' || *at == '-') ++at;
-    if (!isDigit(*at)) {
-      fail("at least one digit required in exponent");
-      return Json();
-    }
-    skipDigits();
-  }
+  const std::string_view literal(start, cursor);
+  if (isUnsigned(literal, hasFraction)) return Json(toUint64(literal));
+  return Json(std::strtod(start, nullptr));
+}
 
-  if (!isUnsigned(std::string_view(start, at), hasFraction))
-    return Json(std::strtod(start, nullptr));
-  std::uint64_t value = 0;
-  // Deliberate: what does not fit becomes the largest number.
-  if (std::from_chars(start, at, value).ec != std::errc())
-    value = std::numeric_limits<std::uint64_t>::max();
-  return Json(value);
+void JsonParser::skipFractionAndExponent() {
+  if (*cursor == '.') {
+    ++cursor;
+    requireDigits("fractional part");
+  }
+  if (*cursor == 'e' || *cursor == 'E') {
+    ++cursor;
+    if (*cursor == '+' || *cursor == '-') ++cursor;
+    requireDigits("exponent");
+  }
+}
+
+void JsonParser::requireDigits(const char *part) {
+  if (!isDigit(*cursor)) fail(std::string("at least one digit required in ") + part);
+  skipDigits();
 }
 
 void JsonParser::skipDigits() {
-  while (isDigit(*at)) ++at;
+  while (isDigit(*cursor)) ++cursor;
 }
 
 void JsonParser::skipComments() {
@@ -308,15 +312,15 @@ void JsonParser::skipComments() {
 }
 
 bool JsonParser::skipComment() {
-  if (failed || *at != '/') return false;
-  ++at;
+  if (*cursor != '/') return false;
+  ++cursor;
   if (atEnd()) {
     fail("unexpected end of input after start of comment");
     return false;
   }
-  const char kind = *at++;
+  const char kind = *cursor++;
   if (kind == '/') {
-    at += std::min(rest().find('\n'), rest().size());
+    cursor += std::min(rest().find('\n'), rest().size());
     return true;
   }
   if (kind != '*') {
@@ -328,7 +332,7 @@ bool JsonParser::skipComment() {
     fail("unexpected end of input inside multi-line comment");
     return false;
   }
-  at += length + 2;
+  cursor += length + 2;
   return true;
 }
 

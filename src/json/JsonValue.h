@@ -9,7 +9,7 @@ class JsonWriter;
 class JsonValue {
  public:
   virtual JsonType type() const = 0;
-  /// Both are asked only of a payload of the same type().
+  /// `other` has the same type(), in both.
   virtual bool equals(const JsonValue &other) const = 0;
   virtual bool less(const JsonValue &other) const = 0;
   virtual void dump(JsonWriter &out) const = 0;

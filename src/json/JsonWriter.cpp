@@ -7,13 +7,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "json/HexDigits.h"
+
 namespace {
 
 constexpr std::string_view lineSeparator = "\xe2\x80\xa8";       // U+2028
 constexpr std::string_view paragraphSeparator = "\xe2\x80\xa9";  // U+2029
 
-/// True for the bytes that cannot simply be copied. 0xE2 is one of them because it may begin one of
-/// the two separators.
+/// True for the bytes that cannot simply be copied. 0xE2 may begin one of the two separators.
 constexpr std::array<bool, 256> makeSpecialBytes() {
   std::array<bool, 256> special{};
   for (std::size_t byte = 0; byte < 0x20; ++byte) special[byte] = true;
@@ -22,7 +23,7 @@ constexpr std::array<bool, 256> makeSpecialBytes() {
 }
 constexpr std::array<bool, 256> isSpecial = makeSpecialBytes();
 
-/// What an array holds for one byte: the number, and the separator in front of the next one.
+/// The text of one byte in an array: its number, and the separator before the next number.
 struct ByteText {
   char text[5];
   std::uint8_t size;
@@ -42,7 +43,7 @@ constexpr std::array<ByteText, 256> makeByteTexts() {
 }
 constexpr std::array<ByteText, 256> byteTexts = makeByteTexts();
 
-/// Behind the last item stands no separator.
+/// The last item has no separator after it.
 constexpr std::size_t separatorSize = 2;
 
 }  // namespace
@@ -98,7 +99,6 @@ void JsonWriter::quoted(std::string_view text) {
 }
 
 std::size_t JsonWriter::escape(std::string_view rest) {
-  constexpr char hex[] = "0123456789abcdef";
   switch (rest[0]) {
     case '\\': plain("\\\\"); return 1;
     case '"': plain("\\\""); return 1;
@@ -118,16 +118,17 @@ std::size_t JsonWriter::escape(std::string_view rest) {
       }
       plain(rest.substr(0, 1));
       return 1;
-    default:
+    default: {
+      const auto digits = hexDigits(static_cast<unsigned char>(rest[0]));
       plain("\\u00");
-      plain({hex + (rest[0] >> 4), 1});
-      plain({hex + (rest[0] & 0xf), 1});
+      plain({digits.data(), digits.size()});
       return 1;
+    }
   }
 }
 
 void JsonWriter::byteArray(const std::uint8_t *bytes, std::size_t count) {
-  // Room for what follows the array in a message too: a large text must not be moved for its tail.
+  // Includes room for the rest of the message, so that a large text is not moved for its tail.
   constexpr std::size_t tail = 256;
   out.reserve(out.size() + size + byteArraySize(bytes, count) + tail);
   plain("[");
@@ -138,8 +139,7 @@ void JsonWriter::byteArray(const std::uint8_t *bytes, std::size_t count) {
     char *to = buffer + size;
     for (; index < stop; ++index) {
       const ByteText &entry = byteTexts[bytes[index]];
-      // Always all five: a fixed size is what makes this fast. The next entry overwrites the
-      // excess.
+      // Copies all five bytes, because a fixed size is fast. The next entry overwrites the excess.
       std::memcpy(to, entry.text, sizeof entry.text);
       to += entry.size;
     }
@@ -150,7 +150,7 @@ void JsonWriter::byteArray(const std::uint8_t *bytes, std::size_t count) {
 }
 
 std::size_t JsonWriter::byteArraySize(const std::uint8_t *bytes, std::size_t count) {
-  // The brackets take as much room as the separator that the last item does not have.
+  // The brackets are as long as the separator that the last item does not have.
   if (count == 0) return 2;
   std::size_t size = 0;
   for (std::size_t index = 0; index < count; ++index)

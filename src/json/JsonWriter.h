@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-/// Puts a value's text at the end of a string: how scalars look on the wire. Arrays and objects are
-/// put together from these in Json.cpp.
+/// Appends the text of scalars to a string. Json.cpp builds arrays and objects from these.
 ///
-/// Pieces are collected in a buffer first: a text is made of very many very short ones, which would
-/// each cost a check of the string's room. So the string is complete only after finish().
+/// The text of a message consists of very many short pieces. Appending each to the string would
+/// check the string's room each time, so the writer collects them in a buffer. The string is
+/// complete only after finish().
 class JsonWriter {
  public:
   /// Keeps a reference to `out`.
@@ -18,9 +18,10 @@ class JsonWriter {
   JsonWriter(const JsonWriter &) = delete;
   JsonWriter &operator=(const JsonWriter &) = delete;
 
+  /// Appends what the buffer holds. Called once, at the end.
   void finish();
 
-  /// As it stands: punctuation, words. Shorter than the buffer.
+  /// Writes punctuation and words, unchanged. `text` must fit into the buffer.
   void plain(std::string_view text) {
     makeRoom(text.size());
     std::memcpy(buffer + size, text.data(), text.size());
@@ -30,15 +31,16 @@ class JsonWriter {
   void number(std::int32_t value);
   void number(std::uint64_t value);
 
-  /// As printf's "%.17g", so that every double reads back as the same double. JSON has no word for
-  /// an infinity or a NaN: those become "null".
+  /// Writes what printf writes for "%.17g": every double reads back as the same double. JSON has no
+  /// word for infinities and NaN, which become "null".
   void number(double value);
 
-  /// In double quotes. Bytes below 0x20, the quote and the backslash are escaped; so are U+2028 and
-  /// U+2029, which are line ends to JavaScript. All other bytes go out unchanged, UTF-8 or not.
+  /// Writes a string in double quotes. Escapes the bytes below 0x20, the quote, the backslash, and
+  /// U+2028 and U+2029, which end a line in JavaScript. Writes all other bytes unchanged, whether
+  /// they are UTF-8 or not.
   void quoted(std::string_view text);
 
-  /// The bytes as an array of numbers from 0 to 255.
+  /// Writes the bytes as an array of numbers from 0 to 255.
   void byteArray(const std::uint8_t *bytes, std::size_t count);
   /// The size of that array's text.
   static std::size_t byteArraySize(const std::uint8_t *bytes, std::size_t count);
@@ -47,13 +49,14 @@ class JsonWriter {
   static constexpr std::size_t room = 4096;
 
   void flush();
-  /// Afterwards `count` more bytes, at most `room`, fit into the buffer.
+  /// Makes room for `count` more bytes in the buffer. `count` is at most `room`.
   void makeRoom(std::size_t count) {
     if (count > room - size) flush();
   }
-  /// Without the limit of plain().
+  /// Writes a text of any size, unchanged.
   void copy(std::string_view text);
-  /// Escapes the special byte at the start of `rest` and says how many bytes that took.
+  /// Writes the special byte at the start of `rest`, or the separator that begins there. Returns
+  /// how many bytes of `rest` that were.
   std::size_t escape(std::string_view rest);
   template <typename Integer>
   void integer(Integer value);

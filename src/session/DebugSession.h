@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "channel/ArgumentText.h"
+#include "channel/LaunchArguments.h"
 #include "channel/MessageChannel.h"
 #include "commands/ApplicationInput.h"
 #include "json/Json.h"

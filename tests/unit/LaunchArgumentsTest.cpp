@@ -1,4 +1,4 @@
-#include "channel/ArgumentText.h"
+#include "channel/LaunchArguments.h"
 
 #include <gtest/gtest.h>
 
