@@ -13,8 +13,7 @@ NOWHERE = 2**64 - 1  # LLDB's invalid address
 def test_steps_go_into_over_and_out_of_calls():
     """The same program, linked in each way that changes where its code lies or what is known of it."""
     for program in ("steps", "steps-fixed", "steps-static", "steps-stripped"):
-        host = Host()
-        host.launch(program)
+        host = launched(program)
         host.symbols = inferior("steps" if program == "steps-stripped" else program)
         leaf, middle, end = (host.address(name) for name in ("leaf", "middle", "main"))
         pc = lambda: host.stack()[0]["pc"]
@@ -36,13 +35,11 @@ def test_steps_go_into_over_and_out_of_calls():
         host.ok("removeAllBreakpoints")
         host.resume("eStateExited")
         expect(host.output, "counted 20\r\n")
-        host.ok("deleteProcess")
         host.end()
 
 
 def test_registers_are_whole_and_most_significant_byte_first():
-    host = Host()
-    host.launch("steps")
+    host = launched("steps")
     host.run_to("leaf")
     registers = host.ok("getRegisters")["registers"]
     check(len(registers) > 50 and not any(name.startswith(("ymm", "zmm")) for name in registers), registers)
@@ -52,26 +49,22 @@ def test_registers_are_whole_and_most_significant_byte_first():
     value = " ".join(f"0x{byte:02x}" for byte in range(1, 17))
     host.ok("executeCommand", cli=f'register write {kit.VECTOR} "{{{value}}}"')
     expect(host.ok("getRegisters")["registers"][kit.VECTOR], "0x" + bytes(range(16, 0, -1)).hex())
-    host.ok("deleteProcess")
     host.end()
 
 
 def test_a_deep_call_stack_through_code_of_no_module():
-    host = Host()
-    host.launch("recurse", "1000")
+    host = launched("recurse", "1000")
     host.run_to("bottom")
     stack = host.stack()
     expect([frame.get("function") for frame in stack[:1004]], ["bottom", None, "end", *["recurse"] * 1000, "main"])
     expect(stack[1], {"pc": stack[1]["pc"]})
     expect({(frame["filename"], len(frame["uuid"]) > 10) for frame in [stack[0], *stack[2:1004]]}, {("recurse", True)})
-    host.ok("deleteProcess")
     host.end()
 
 
 def at_block(megabytes):
     """A host whose program has stopped beside its block of memory, and where that begins and ends."""
-    host = Host()
-    host.launch("memory", str(megabytes))
+    host = launched("memory", str(megabytes))
     host.resume_only()
     host.await_output("\r\n")
     host.ok("breakExecution")
@@ -96,7 +89,6 @@ def test_memory_is_what_the_kernel_shows():
     for address, length in ((end - 8, 16), (end, 16), (0, 16), (start, -1), (start, -(2**31)), (start, 2**31 - 1)):
         expect(host.ask("readMemory", address=address, length=length), error("unable to read memory"))
     expect_peak_below(host, before + 64 * 1024)
-    host.ok("deleteProcess")
     host.end()
 
 
@@ -122,7 +114,6 @@ def test_bytes_are_written():
         expect(peek(host.inferior_pid(), start, 1)[0], byte, value)
     message = host.ask("writeByte", address=16, value=1)["message"]
     check(message.startswith("unable to write memory: ") and message.endswith(" (state eStateStopped)"), message)
-    host.ok("deleteProcess")
     host.end()
 
 
@@ -152,14 +143,12 @@ def test_modules_lie_where_the_kernel_put_them():
     expect(host.ok("moduleAtIndex", index=2**32)["module"], modules[0])
     for file in ("", "/nowhere"):
         expect(host.ask("moduleForFile", file=file), error("can't find module"))
-    host.ok("deleteProcess")
     host.end()
 
 
 def test_a_library_comes_and_goes():
     library = inferior("libplugin.so")
-    host = Host()
-    host.launch("loader", f'"{library}"')
+    host = launched("loader", f'"{library}"')
     host.run_to("opened")
     host.ok("moduleForFile", file=library)
     # LLDB 14 may report a library twice, the first time before it has placed it.
@@ -172,7 +161,6 @@ def test_a_library_comes_and_goes():
     host.run_to("done")
     check({"modules": [], "status": "event", "type": "moduleUnloaded"} in host.history, host.history)
     expect(host.ask("moduleForFile", file=library), error("can't find module"))
-    host.ok("deleteProcess")
     host.end()
 
 

@@ -381,7 +381,31 @@ class Host(Helper):
     def stack(self):
         return self.ok("getCallstack")["callstack"]
 
-    def end(self, status=0):
-        """Ends the helper, which must leave no process."""
-        expect(self.close(), status, "end status")
+    def end(self):
+        """Deletes the process, if there is one, and ends the helper, which must leave nothing."""
+        if self.ask("hasProcess") == OK:
+            self.ok("deleteProcess")
+        expect(self.close(), 0, "end status")
         eventually(lambda: not descendants(self.pid), "its processes end")
+
+
+def launched(program, args="", **options):
+    """A host whose program stands at its entry."""
+    host = Host(**options)
+    host.launch(program, args)
+    return host
+
+
+def waiting():
+    """A host whose program runs, and waits."""
+    host = launched("wait")
+    host.resume_only()
+    host.await_output("ready\r\n")
+    return host
+
+
+def attached():
+    """A program that waits, and a host, which has not attached to it yet."""
+    program = Program(inferior("wait"))
+    program.line()
+    return program, Host()

@@ -88,8 +88,7 @@ def test_ending_right_after_a_step():
 
 
 def test_end_of_input_under_a_process_is_an_abort():
-    host = Host()
-    host.launch("wait")
+    host = launched("wait")
     expect(host.close(), -signal.SIGABRT)
 
 
@@ -102,8 +101,7 @@ def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
 
 def test_attach_to_a_running_program():
     for executable in (inferior("wait"), "/nowhere", ""):
-        program, host = Program(inferior("wait")), Host()
-        program.line()
+        program, host = attached()
         answer = host.ok(**attach(program.pid, executable))
         expect(sorted(answer), ["aslrSlide", "fileAddr", "loadAddr", "sectionName"])
         check(answer["sectionName"], "a section without name")
@@ -134,15 +132,13 @@ def test_attach_to_a_running_program():
 
 def test_continue_right_after_attach():
     for _ in range(10):
-        program, host = Program(inferior("wait")), Host()
-        program.line()
+        program, host = attached()
         expect([response["status"] for response in host.ask_all(attach(program.pid), "continueExecution")], ["ok"] * 2)
         host.state("eStateStopped")
         host.state("eStateRunning")
         os.kill(program.pid, signal.SIGTERM)
         host.state("eStateStopped")
         host.ok("stopExecution")
-        host.ok("deleteProcess")
         host.end()
 
 
@@ -158,10 +154,7 @@ def test_a_failed_attach_leaves_no_target():
 
 
 def test_detach_leaves_the_program_alone():
-    host = Host()
-    host.launch("wait")
-    host.resume_only()
-    host.await_output("ready\r\n")
+    host = waiting()
     pid = host.inferior_pid()
     host.ok("detach")
     host.state("eStateDetached")
@@ -193,5 +186,4 @@ def test_a_server_that_hangs_up_ends_the_process_only():
         pass
     for command in ("continueExecution", "getRegisters", "stopExecution"):
         host.ask(command)
-    host.ok("deleteProcess")
     host.end()

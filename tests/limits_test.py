@@ -97,8 +97,7 @@ def test_address_space_runs_out_in_a_launch():
 
 def test_memory_runs_out_for_an_answer():
     needs_no_sanitizer("ends the program where memory runs out")
-    host = Host()
-    host.launch("wait")
+    host = launched("wait")
     size = (status_figure(host.pid, "VmSize") + 256 * 1024) * 1024
     resource.prlimit(host.pid, resource.RLIMIT_AS, (size, resource.RLIM_INFINITY))
     # In a handler, and outside of one.
@@ -107,7 +106,6 @@ def test_memory_runs_out_for_an_answer():
     host.requests.write(struct.pack("=I", 0x70000000))
     host.requests.flush()
     expect(host.response(), {"message": "EOF", "status": "ok"})
-    host.ok("deleteProcess")
     host.end()
 
 

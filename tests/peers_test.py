@@ -51,8 +51,7 @@ def test_no_output_is_lost():
 
 
 def test_a_host_that_reads_late_misses_nothing():
-    host = Host()
-    host.launch("flood", str(8 * 20000))
+    host = launched("flood", str(8 * 20000))
     host.reading.clear()
     host.send(b'{"command": "continueExecution"}')
 
@@ -69,20 +68,17 @@ def test_a_host_that_reads_late_misses_nothing():
     host.state("eStateRunning")
     expect(host.state("eStateExited")["exit_status"], 0)
     check(host.output == flood_of(20000), "output is missing")
-    host.ok("deleteProcess")
     host.end()
 
 
 def test_both_threads_write_whole_messages():
     """The answers to 60,000 requests beside 6 MB of output, as fast as both threads can."""
-    host = Host()
-    host.launch("flood", str(8 * 700000))
+    host = launched("flood", str(8 * 700000))
     host.ok("continueExecution")
     expect(host.ask_all(*["ping"] * 60000), [OK] * 60000)
     host.state("eStateRunning")
     host.state("eStateExited")
     check(host.output == flood_of(700000), "output is missing")
-    host.ok("deleteProcess")
     host.end()
 
 
@@ -148,8 +144,7 @@ def test_what_a_lost_helper_leaves():
         bring_to(host, True)
         lose(host, aborts)
         for continues in (False, True):
-            host, program = Host(), Program(inferior("wait"))
-            program.line()
+            program, host = attached()
             host.ok("attachToProcess", pid=program.pid, executable=inferior("wait"), triple="")
             if continues:
                 host.ok("continueExecution")
@@ -188,7 +183,6 @@ def test_the_channel_stays_private():
     for pid in family:
         held = {number: link(pid, number) for number in os.listdir(f"/proc/{pid}/fd")}
         check("9" not in held and not channel & set(held.values()), held)
-    host.ok("deleteProcess")
     host.end()
 
 
@@ -209,8 +203,7 @@ def test_a_program_gets_what_was_prepared_and_nothing_else():
 
 def test_a_long_input_arrives_whole():
     """More than the terminal holds, with three times as much coming back meanwhile."""
-    host = Host()
-    host.launch("echo")
+    host = launched("echo")
     host.resume_only()
     host.await_output("ready\r\n")
     host.output, text = "", [index % 100 for index in range(100000)]
@@ -218,16 +211,12 @@ def test_a_long_input_arrives_whole():
     host.ok("sendToApplication", data=[ord("x")])
     host.state("eStateExited")
     check(host.output == bytes([*text, ord("x")]).hex(" ") + " ", "not what was sent")
-    host.ok("deleteProcess")
     host.end()
 
 
 def test_a_program_that_does_not_read_holds_nothing_up():
     """Neither requests nor LLDB: while LLDB writes to a terminal it reports neither output nor stops."""
-    host = Host()
-    host.launch("wait")
-    host.resume_only()
-    host.await_output("ready\r\n")
+    host = waiting()
     threads = lambda: len(os.listdir(f"/proc/{host.pid}/task"))
     before = threads()
     for _ in range(2):

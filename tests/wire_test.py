@@ -209,7 +209,6 @@ def debug_through(pc, file, triple, *command):
     check(host.stack()[0]["pc"] != leaf, "it has not stepped")
     host.ok("removeAllBreakpoints")
     host.resume("eStateExited")
-    host.ok("deleteProcess")
     host.end()
 
 
