@@ -5,7 +5,9 @@ import signal
 import tempfile
 
 import kit
-from kit import Host, check, error, eventually, expect, image_base, inferior, mappings, peek, settings, status_figure
+from kit import (
+    Host, check, error, eventually, expect, image_base, inferior, launched, mappings, peek, settings, status_figure,
+)
 
 NOWHERE = 2**64 - 1  # LLDB's invalid address
 

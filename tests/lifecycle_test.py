@@ -5,7 +5,10 @@ import signal
 import statistics
 import time
 
-from kit import OK, Host, Program, check, descendants, error, eventually, expect, image_base, inferior, server, settings, shim
+from kit import (
+    OK, Host, attached, check, descendants, error, eventually, expect, image_base, inferior, launched, server,
+    settings, shim, waiting,
+)
 
 HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
 WAIT = HELLO | {"path": inferior("wait")}

@@ -11,7 +11,7 @@ import struct
 import tempfile
 
 import kit
-from kit import OK, Failure, Host, NotTested, check, error, expect, inferior, settings, status_figure
+from kit import OK, Failure, Host, NotTested, check, error, expect, inferior, launched, server, settings, status_figure
 
 CLONE, PTRACE, SOCKET, PERSONALITY = (220, 117, 198, 92) if kit.ARM else (56, 101, 41, 135)
 ADDR_NO_RANDOMIZE, CLONE_CHILD_SETTID = 0x40000, 0x1000000

@@ -40,45 +40,6 @@ import tempfile
 import kit
 from kit import Failure, Host, NotTested, check, settings
 
-# --- Values that vary from run to run, for recording ---------------------------------------------------
-
-VARYING = set(
-    "pc loadAddr fileAddr loadAddress fileAddress slide aslrSlide byteSize fileByteSize bkpt_id thread-id pid "
-    "uuid directory registers sections memory".split()
-)
-
-
-class Vary(str):
-    """Written without quotes."""
-
-
-def marked(value, key=""):
-    if key in VARYING:
-        return Vary(f"«{key}»")
-    if isinstance(value, dict):
-        return {k: marked(v, k) for k, v in value.items()}
-    if key == "callstack":
-        # How deep the system's libraries are, and what their functions are called, is theirs.
-        own = list(itertools.takewhile(lambda f: not f.get("filename", "lib").startswith(("lib", "ld-")), value))
-        return marked(own) + [Vary("«frames»")] * (len(own) < len(value))
-    if isinstance(value, list):
-        return [marked(v) for v in value]
-    if isinstance(value, str) and value.startswith("Breakpoint "):
-        return Vary("«output»")
-    return value
-
-
-def text_of(value):
-    """As the helper writes it: keys in order, ", " and ": "; what varies without its quotes."""
-    if isinstance(value, Vary):
-        return str(value)
-    if isinstance(value, dict):
-        return "{" + ", ".join(f"{json.dumps(k)}: {text_of(v)}" for k, v in sorted(value.items())) + "}"
-    if isinstance(value, list):
-        return "[" + ", ".join(map(text_of, value)) + "]"
-    return json.dumps(value, ensure_ascii=False)
-
-
 # --- The short forms ----------------------------------------------------------------------------------
 
 
@@ -115,7 +76,7 @@ def event_text(line):
         state = [("inferior_state", str(number)), ("state_desc", f'"{kind}"'), ("status", '"event"'), ("type", '"state"')]
         return as_object(exit_status + state)
     if kind == "output":
-        return text_of({"output": json.loads(rest).encode().hex(), "status": "event", "type": "stdout"})
+        return as_object([("output", f'"{json.loads(rest).encode().hex()}"'), ("status", '"event"'), ("type", '"stdout"')])
     if kind == "moduleLoaded":
         return f'{{"modules": [«…»"file": "{rest}"«…»], "status": "event", "type": "moduleLoaded"}}'
     return line
@@ -157,9 +118,10 @@ def frame(text):
 
 
 class Session(Host):
-    def __init__(self, record):
+    compares = True
+
+    def __init__(self):
         super().__init__(reads=False)
-        self.record = record
         self.names = {"inferiors": settings["inferiors"], "folder": tempfile.mkdtemp(), "PC": kit.PC, "PLAIN": kit.PLAIN}
         self.events = []  # that no turn has claimed yet
 
@@ -207,7 +169,7 @@ class Session(Host):
         except Failure as failure:
             raise Failure(f"{failure}{self.difference(turn, responses)}") from None
         events, self.events = self.events, []
-        if not self.record:
+        if self.compares:
             self.compare(turn, requests, responses, events)
         return requests, came
 
@@ -215,7 +177,7 @@ class Session(Host):
         return (
             len(list(filter(is_state, self.events))) >= len(turn.states)
             and len(output_of(self.events)) >= len(turn.output)
-            and (self.record or all(any(self.matches(m, event) for event in self.events) for m in turn.modules))
+            and (not self.compares or all(any(self.matches(m, event) for event in self.events) for m in turn.modules))
         )
 
     def compare(self, turn, requests, responses, events):
@@ -273,7 +235,7 @@ class Session(Host):
             self.start(shlex.split(line))
 
     def play(self, lines):
-        """Yields the lines as they came."""
+        """Yields each turn's lines, its requests, and the messages that came."""
         turns = re.findall(r"(?:^\$ .*$)|(?:^[-!]> .*\n?)+(?:^[<*=].*\n?)*", "\n".join(lines), re.M)
         if (rest := "\n".join(lines)) and sum(len(t.strip("\n").split("\n")) for t in turns) != len(lines):
             raise Failure(f"not understood: {rest}")
@@ -281,24 +243,19 @@ class Session(Host):
             if text.startswith("$ "):
                 for turn in self.instruct(text[2:]):
                     self.take(Turn(turn))
-                yield text
-                continue
-            turn = Turn(text.strip("\n").split("\n"))
-            requests, came = self.take(turn)
-            yield from (line for line in turn.lines if line.startswith(("-> ", "!> ")))
-            yield from ("=> " + frame(text) for text in requests if turn.sent)
-            for text in came:
-                is_event = '"status": "event"' in text
-                yield ("* " if is_event else "<- ") + text_of(marked(json.loads(text)))
-                if turn.received and not is_event:
-                    yield "<= " + frame(text)
+                yield text, None, []
+            else:
+                yield text, *self.take(Turn(text.strip("\n").split("\n")))
+
+    def response(self):
+        while '"status": "event"' in (text := self.next_text()):
+            self.events.append(text)
+        return json.loads(text)
 
     def finish(self):
-        """Deletes a process that is left. Whatever has come meanwhile is more than the page has."""
-        _, came = self.take(Turn(["-> hasProcess", "<- «any»"]))
-        if came[-1] == '{"status": "ok"}':
-            self.take(Turn(["-> deleteProcess", "<- ok"]))
         self.end()
+        self.events += iter(lambda: self.checked_text().decode(errors="surrogateescape"), "")
+        check(not any(map(is_state, self.events)), f"more has come than the page has: {self.events}")
 
 
 def play_console(block):
@@ -308,18 +265,6 @@ def play_console(block):
     output = subprocess.run(command, input=typed.encode(), stdout=subprocess.PIPE, timeout=kit.DEADLINE, check=True).stdout
     output = re.sub(r"(?<!\n)(INPUT|OUTPUT): ", r"\n\1: ", output.decode())
     return [block[0], *(line for line in block if line.startswith("> ")), *output.strip("\n").splitlines()]
-
-
-def play_block(block, record):
-    if block[0].startswith("$ lldb-helper"):
-        came = play_console(block)
-        if came != block and not record:
-            raise Failure("\n" + "\n".join(difflib.ndiff(block, came)))
-        return came
-    session = Session(record)
-    came = list(session.play(block))
-    session.finish()
-    return came
 
 
 def blocks(path):
@@ -346,15 +291,11 @@ def play(path, name):
 
     signal.signal(signal.SIGALRM, give_up)
     for lines in found:
-        play_block(lines, record=False)
-
-
-def record(path):
-    pieces = ["\n".join(play_block(lines, True) if is_block else lines) for _, lines, is_block in blocks(path)]
-    with open(path, "w") as page:
-        page.write("\n```\n".join(pieces).rstrip("\n") + "\n")
-
-
-if __name__ == "__main__":
-    for path in sys.argv[1:]:
-        record(path)
+        if lines[0].startswith("$ lldb-helper"):
+            if (came := play_console(lines)) != lines:
+                raise Failure("\n" + "\n".join(difflib.ndiff(lines, came)))
+        else:
+            session = Session()
+            for _ in session.play(lines):
+                pass
+            session.finish()

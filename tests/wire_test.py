@@ -53,21 +53,6 @@ def test_a_refused_length_does_not_wait_for_its_text():
     expect(host.child.wait(kit.DEADLINE), 0)
 
 
-def test_console_lines():
-    answer = b'OUTPUT: {"status": "ok"}'
-    fill = b" " * (1023 - len(PING))
-    nothing = b'OUTPUT: {"message": "%s", "status": "error"}' % NOTHING.encode()
-    for typed, output in (
-        (PING, b"INPUT: %s\n%s" % (PING, answer)),  # the last line needs no end
-        (b"\n", b"INPUT: \n\n" + nothing),
-        (b"", b""),
-        (b"\0garbage\n" + PING, b""),
-        # 1,023 bytes are one request, with the line end left over as the next.
-        (PING + fill + b"\n", b"INPUT: %s\n%sINPUT: \n\n%s" % (PING + fill, answer, nothing)),
-    ):
-        expect(said([], typed), output, typed[:20])
-
-
 def test_prompts_do_not_eat_console_lines():
     lines = (f'target create "{inferior("hello")}"', "breakpoint set -n main", "breakpoint delete", "script", "expression",
              "platform shell cat")
@@ -136,7 +121,7 @@ def records(*requests):
     host = Host(env=shim(SYSLOG_FILE=file), checks_requests=False)
     for request in requests:
         host.ask_all(request)
-    host.end()
+    expect(host.close(), 0)
     with open(file, errors="surrogateescape") as log:
         found = log.read().split("\x1e")[:-1]
     user, notice = 8, 5
