@@ -51,6 +51,11 @@ def test_registers_are_whole_and_most_significant_byte_first():
     value = " ".join(f"0x{byte:02x}" for byte in range(1, 17))
     host.ok("executeCommand", cli=f'register write {kit.VECTOR} "{{{value}}}"')
     expect(host.ok("getRegisters")["registers"][kit.VECTOR], "0x" + bytes(range(16, 0, -1)).hex())
+    # In an outer frame LLDB recovers few; of the others there is nothing to read.
+    host.ok("selectFrame", index=1)
+    outer = host.ok("getRegisters")["registers"]
+    expect((outer.keys(), outer[kit.VECTOR], outer[kit.PC][:2]), (registers.keys(), "<error>", "0x"))
+    check("0x" not in outer.values(), outer)
     host.end()
 
 

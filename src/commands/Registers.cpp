@@ -19,7 +19,10 @@ bool isLeftOut(std::string_view name) { return name.starts_with("ymm") || name.s
 std::string registerValueToHex(lldb::SBValue value) {
   lldb::SBData data = value.GetData();
   std::string text = "0x";
-  for (std::size_t end = data.GetByteSize(); end > 0;) {
+  // A register that LLDB cannot recover in an outer frame has no bytes, and reading them fails: so
+  // zero bytes are read too.
+  std::size_t end = data.GetByteSize();
+  do {
     unsigned char piece[64];
     const std::size_t count = std::min(end, sizeof piece);
     end -= count;
@@ -27,7 +30,7 @@ std::string registerValueToHex(lldb::SBValue value) {
     data.ReadRawData(error, end, piece, count);
     if (!error.Success()) return "<error>";
     for (std::size_t at = count; at > 0; --at) appendHex(text, piece[at - 1]);
-  }
+  } while (end > 0);
   return text;
 }
 
