@@ -146,8 +146,15 @@ static char *ask(const char *command, const char *format, ...) {
   for (;;) {
     char *message = receive();
     if (!member_is(message, "status", "event")) {
-      if (!member_is(message, "status", "ok") || member_number(message, "id") != next_id)
-        fail("not the answer that was hoped for");
+      if (!member_is(message, "status", "ok") || member_number(message, "id") != next_id) {
+        const char *reason = member(message, "message");
+        const char *end = reason ? strstr(reason, "\", \"status\"") : NULL; /* the next member */
+        if (end != NULL)
+          fprintf(stderr, "%s: %.*s\n", command, (int)(end - reason - 1), reason + 1);
+        fail(
+            "docs/troubleshooting.md says under \"Launching\" what this text means and what "
+            "helps.");
+      }
       next_id++;
       return message;
     }

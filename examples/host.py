@@ -38,7 +38,13 @@ class Helper:
         self.next_id = 1
         self.responses = queue.Queue()
         self.events = queue.Queue()
-        threading.Thread(target=self._read, daemon=True).start()
+        threading.Thread(target=self._run, daemon=True).start()
+
+    def _run(self):
+        """The thread that reads. Nobody who waits for a message waits for a helper that is gone."""
+        self._read()
+        for messages in (self.responses, self.events):
+            messages.put(EOFError("the helper has ended"))
 
     def _read(self):
         """Sorts what the helper sends into responses and events, until it is gone."""
@@ -60,17 +66,24 @@ class Helper:
         self.requests.write(struct.pack("=I", len(text)) + text)
         self.requests.flush()
 
+    def _take(self, messages):
+        message = messages.get(timeout=60)
+        if isinstance(message, EOFError):
+            messages.put(message)  # for whoever asks next
+            raise message
+        return message
+
     def ask(self, command, **arguments):
-        """Sends a request and returns its response."""
+        """Sends a request and returns its response, also one with status "error"."""
         request = {"command": command, "id": self.next_id, **arguments}
         self.send(json.dumps(request, ensure_ascii=False).encode(errors="surrogateescape"))
-        response = self.responses.get(timeout=60)
+        response = self._take(self.responses)
         assert response.get("id") == self.next_id, response
         self.next_id += 1
         return response
 
     def next_event(self):
-        return self.events.get(timeout=60)
+        return self._take(self.events)
 
     def close(self):
         """Ends the helper: the end of its input is its only signal to stop. A process that still

@@ -14,7 +14,10 @@ static json ask(Helper &helper, const std::string &command,
   std::cout << "-> " << command << ' ' << arguments << std::endl;
   json response = helper.ask(command, arguments);
   if (response["status"] != "ok")
-    throw std::runtime_error(command + ": " + response["message"].get<std::string>());
+    throw std::runtime_error(
+        command + ": " + response["message"].get<std::string>() +
+        "\ndocs/troubleshooting.md says under \"Launching\" what this text means "
+        "and what helps.");
   return response;
 }
 
@@ -70,7 +73,10 @@ static bool debug(Helper &helper, const std::string &program) {
 }
 
 int main(int argc, char **argv) {
-  if (argc != 3) return 2;
+  if (argc != 3) {
+    std::cerr << "usage: session HELPER PROGRAM" << std::endl;
+    return 1;
+  }
   try {
     Helper helper(argv[1]);
     const bool asExpected = debug(helper, argv[2]);

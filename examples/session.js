@@ -7,10 +7,12 @@
 const path = require('node:path');
 const { Helper, stringify } = require('./host.js');
 
+const HELP = 'docs/troubleshooting.md says under "Launching" what this text means and what helps.';
+
 async function ask(helper, command, args = {}) {
   console.log('->', command, stringify(args));
   const response = await helper.ask(command, args);
-  if (response.status !== 'ok') throw new Error(`${command}: ${response.message}`);
+  if (response.status !== 'ok') throw new Error(`${command}: ${response.message}\n${HELP}`);
   return response;
 }
 
@@ -58,6 +60,7 @@ async function debug(helper, program) {
 
 async function main() {
   const [helperProgram, program] = process.argv.slice(2);
+  if (process.argv.length !== 4) throw new Error('usage: node session.js HELPER PROGRAM');
   const helper = new Helper(helperProgram);
   let asExpected;
   let status;
@@ -73,7 +76,7 @@ async function main() {
 main().then(
   (asExpected) => process.exit(asExpected ? 0 : 1),
   (error) => {
-    console.error(error);
+    console.error(error.message);
     process.exit(1);
   },
 );

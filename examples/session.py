@@ -7,9 +7,17 @@ import json
 import os
 import sys
 
-from host import Helper
+sys.dont_write_bytecode = True  # examples may be run where they are installed, and leave nothing there
+from host import Helper  # noqa: E402
 
 COLOURS = {"request": "36", "ok": "32", "error": "31", "event": "33", "note": "1"}
+
+
+HELP = 'docs/troubleshooting.md says under "Launching" what this text means and what helps.'
+
+
+class Failure(Exception):
+    """What this session cannot go on after."""
 
 
 def show(kind, mark, text):
@@ -22,6 +30,8 @@ def ask(helper, command, **arguments):
     show("request", "->", " ".join([command] + [f"{k}={json.dumps(v)}" for k, v in arguments.items()]))
     response = helper.ask(command, **arguments)
     show(response["status"], "<-", json.dumps(response))
+    if response["status"] != "ok":
+        raise Failure(f"{command}: {response['message']}\n{HELP}")
     return response
 
 
@@ -45,6 +55,8 @@ def show_events_until(helper, state):
         show_event(event)
         if event.get("state_desc") == state:
             return event
+        if event.get("state_desc") == "eStateExited":
+            raise Failure(f"the program never came to {state}")
 
 
 def debug(helper, program, greeting, arguments):
@@ -58,16 +70,32 @@ def debug(helper, program, greeting, arguments):
     return exited["exit_status"]
 
 
-def main():
-    helper = Helper(sys.argv[1])
-    program = os.path.abspath(sys.argv[2])
+def run(helper, program):
     show("note", "##", "A run from the stop at entry to the exit")
     first = debug(helper, program, "Good morning", "world")
     show("note", "##", "And the next one, in the same helper")
     second = debug(helper, program, "Good night", '"sleepy world"')
     status = helper.close()
     show("note", "##", f"The runs ended with {first} and {second}, the helper with {status}")
-    sys.exit(0 if (first, second, status) == (3, 3, 0) else 1)
+    return (first, second, status) == (3, 3, 0)
+
+
+def main():
+    if len(sys.argv) != 3:
+        sys.exit("usage: session.py HELPER PROGRAM")
+    try:
+        helper = Helper(sys.argv[1])
+    except OSError as problem:
+        sys.exit(f"the helper does not start: {problem}")
+    try:
+        as_expected = run(helper, os.path.abspath(sys.argv[2]))
+    except Failure as failure:
+        helper.ask("deleteProcess")  # an error where there is no process
+        helper.close()
+        sys.exit(str(failure))
+    except (EOFError, BrokenPipeError):
+        sys.exit('the helper has ended; docs/troubleshooting.md says under "No text at all" why that may be')
+    sys.exit(0 if as_expected else 1)
 
 
 if __name__ == "__main__":

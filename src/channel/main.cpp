@@ -3,8 +3,11 @@
 
 #include <lldb/API/LLDB.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include "platform/DebugServer.h"
 #include "platform/Log.h"
@@ -30,9 +33,54 @@ Streams openChannel(const char *inputNumber, const char *outputNumber) {
   return streams;
 }
 
+constexpr char usage[] =
+    R"(usage: lldb-helper INPUT OUTPUT    for a host program
+       lldb-helper                 for a person
+       lldb-helper --help, lldb-helper --version
+
+Debugs programs with LLDB. Requests, responses and events are JSON.
+
+For a host program, INPUT and OUTPUT are the decimal numbers of two open descriptors. lldb-helper reads
+requests from the first and writes messages to the second. Each is a frame: the length of its JSON text
+as 4 bytes in the machine's byte order, then the text.
+
+For a person, a request is a line on standard input, and messages follow "OUTPUT: " on standard output.
+Any other number of arguments means this too.
+
+Example:
+  $ echo '{"command": "ping"}' | lldb-helper
+  INPUT: {"command": "ping"}
+
+  OUTPUT: {"status": "ok"}
+
+The commands are in docs/protocol.md. examples/console.py is a debugger's command line on top of this.
+)";
+
+/// Answers the options that start no session. Returns whether the only argument is one.
+bool answerOption(std::string_view argument) {
+  if (argument == "--help")
+    std::fputs(usage, stdout);
+  else if (argument == "--version")
+    std::printf("lldb-helper %s\n%s\n", LLDB_HELPER_VERSION, lldb::SBDebugger::GetVersionString());
+  else
+    return false;
+  return true;
+}
+
+/// Standard output holds nothing but requests and messages, also at a terminal.
+void greet() {
+  std::fputs(
+      "Type a request in one line, for example {\"command\": \"ping\"}; lldb-helper --help tells "
+      "more.\n"
+      "Ctrl-D ends; where there is a process, send {\"command\": \"deleteProcess\"} before.\n",
+      stderr);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc == 2 && answerOption(argv[1])) return 0;
+
   platform::blockBrokenPipeSignal();
   platform::startEnvironment();
   platform::provideDebugServer();
@@ -40,6 +88,7 @@ int main(int argc, char **argv) {
 
   const bool consoleMode = argc != 3;
   const Streams streams = consoleMode ? Streams{stdin, stdout} : openChannel(argv[1], argv[2]);
+  if (consoleMode && isatty(STDIN_FILENO)) greet();
   platform::keepDescriptorsPrivate(fileno(streams.input), fileno(streams.output));
 
   lldb::SBDebugger::Initialize();
