@@ -1,72 +1,103 @@
-"""A person's host for lldb-helper: type commands, see answers as tables and events as they come.
+"""A debugger's command line on top of lldb-helper: the host for a person.
 
 Usage: console.py [--helper PATH] [PROGRAM [ARGUMENTS...]]
 
-"help" lists the commands. All of the protocol's can be typed, arguments by name or in their order:
-readMemory 0x401000 length=64. A line behind "!" goes to LLDB's own command line, one behind "<" to the
-program's input. Tab completes; Ctrl-C interrupts the program; Ctrl-D ends. Where standard input is no
-terminal the lines of a script are taken from it, and "wait" waits for the program's next stop or exit.
+"help" shows what can be typed. Where standard input is no terminal, the lines of a script are taken from
+it; a script says "wait" where it goes on with the program's next stop or exit.
+
+Two threads. The main one reads lines and asks the helper. The other one shows events as they come, and
+asks the helper where the program is when it has stopped.
 """
 
 import argparse
 import atexit
+import contextlib
 import glob
 import json
 import os
+import re
+import readline
 import shlex
+import shutil
 import signal
 import sys
 import threading
 
-from host import Helper
-
-try:
-    import readline
-except ImportError:  # everything works without, but for editing, history and Tab
-    readline = None
+sys.dont_write_bytecode = True  # examples may be run where they are installed, and leave nothing there
+from host import Helper  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 PROMPT = "(helper) "
 NOWHERE = 2**64 - 1  # LLDB's address of what is not in memory
+RUNNING = ("eStateLaunching", "eStateRunning", "eStateStepping")
 
-# What people type all day. The rest of the line follows.
+HELP = """\
+start    launch PROGRAM [ARGUMENTS]   run [ARGUMENTS] (again)   attach PID   detach
+         kill (ends the program)      quit, or Ctrl-D (ends the program and the console)
+go on    c (continue)    s (one instruction)   n (one, over calls)   finish (to the caller)
+         step, next (a line of source)         interrupt, or Ctrl-C   wait (for the stop)
+break    b (lists)       b FUNCTION   b FILE:LINE   b ADDRESS         delete [N]
+look     where (why and where it stopped)      bt [COUNT]   f N   up   down   threads   thread N
+         code [ADDRESS] (instructions)         source       p EXPRESSION       modules
+memory   x [ADDRESS [LENGTH]] (bytes)          regs   regs all   regs NAME...
+talk     < LINE (to the program)     ! LINE (to LLDB: !help)       raw on, raw off (messages)
+
+ADDRESS is a number, a symbol, $REGISTER, or a sum of them without spaces: $sp+0x10, main+4.
+An empty line repeats s, n, step, next, c, x and code. Tab completes commands, symbols and files.
+
+help COMMAND says more. The protocol's own commands can be typed too, with their arguments by name
+or in their order: readMemory main length=64. "help protocol" lists them.
+"""
+
+# Words for one command of the protocol. The rest of the line are its arguments.
 ALIASES = {
-    "c": "continueExecution", "s": "stepInstruction", "n": "stepOver", "finish": "stepOut", "bt": "getCallstack",
-    "regs": "getRegisters", "x": "readMemory", "threads": "getThreadIDList", "run": "createProcess",
-    "interrupt": "breakExecution", "kill": "stopExecution", "attach": "attachToProcess", "state": "getProcessState",
+    "c": "continueExecution", "continue": "continueExecution", "s": "stepInstruction", "n": "stepOver",
+    "finish": "stepOut", "attach": "attachToProcess", "interrupt": "breakExecution", "kill": "stopExecution",
+    "state": "getProcessState",
 }  # fmt: skip
-RUNNING = ("eStateRunning", "eStateStepping")
-# What a stop or an exit follows.
-RESUMING = ("createProcess", "attachToProcess", "connectRemote", "continueExecution", "stepInstruction", "stepOver",
-            "stepOut")  # fmt: skip
+# Words for a line of LLDB's, which the rest of the line follows.
+LLDB_LINES = {
+    "bt": "bt", "delete": "breakpoint delete --force", "down": "down", "f": "frame select",
+    "frame": "frame select", "modules": "image list --header --basename", "next": "thread step-over",
+    "p": "expression --", "print": "expression --", "source": "source list", "step": "thread step-in",
+    "thread": "thread select", "threads": "thread list", "up": "up", "where": "thread info",
+}  # fmt: skip
+STEPS = ("stepInstruction", "stepOver", "stepOut", "step", "next")
+NEED_A_STOP = ("continueExecution", "stepInstruction", "stepOver", "stepOut", "getThreadIDList", "selectThreadID",
+               "getRegisters", "setRegister", "readMemory", "writeByte", "getCallstack", "selectFrame")  # fmt: skip
+REPEATED = ("s", "n", "step", "next", "c", "continue", "x", "code", "stepInstruction", "stepOver", "continueExecution")
+
+GENERAL_REGISTERS = {  # by the name of the program counter
+    "rip": "rax rbx rcx rdx rsi rdi rbp rsp r8 r9 r10 r11 r12 r13 r14 r15 rip rflags cs ss ds es fs gs fs_base gs_base",
+    "pc": " ".join(f"x{n}" for n in range(29)) + " fp lr sp pc cpsr",
+}
+# How LLDB describes a thread: why it stopped, and function and offset, module, file and line.
+WHERE = (
+    "{${thread.stop-reason}; }thread ${thread.index}{ (${thread.name})}; ${frame.pc}"
+    "{ ${module.file.basename}{`${function.name-with-args}${function.pc-offset}}}"
+    "{ at ${line.file.basename}:${line.number}}\\n"
+)
 
 
 class Mistake(Exception):
-    """What the person typed cannot be sent."""
+    """What the person typed cannot be done."""
 
 
 def load_schema():
     """Beside the sources' examples, or where the examples are installed."""
-    for folder in (os.path.join(HERE, "..", "docs"), os.path.join(HERE, "..")):
-        path = os.path.join(folder, "protocol.schema.json")
-        if os.path.exists(path):
-            with open(path, encoding="utf-8") as file:
-                schema = json.load(file)["$defs"]
-            for request in schema["requests"].values():
-                request["arguments"] = [name for name in request["properties"] if name not in ("command", "id")]
-            return schema
-    sys.exit("console.py: protocol.schema.json is not where it should be")
+    beside, installed = (os.path.join(HERE, *path, "protocol.schema.json") for path in (["..", "docs"], [".."]))
+    with open(beside if os.path.exists(beside) else installed, encoding="utf-8") as file:
+        return json.load(file)["$defs"]
 
 
-def errors_in(kinds):
-    """The error texts that a response's schema allows, with … for what differs."""
-    texts = []
-    for kind in kinds:
-        message = kind["properties"]["message"]
-        texts += message.get("enum") or [
-            text.get("const") or text["description"] for text in message.get("anyOf", [message])
-        ]
-    return texts
+def find_helper(named):
+    """The one that is named, built beside this file, or installed."""
+    built = os.path.join(HERE, "..", "build", "release", "lldb-helper")
+    installed = os.path.join(HERE, *[".."] * 4, "bin", "lldb-helper")
+    for path in [named] if named else [built, installed, "lldb-helper"]:
+        if found := shutil.which(path):
+            return found
+    sys.exit(f"console.py: there is no {named or 'lldb-helper; script/build builds it, --helper PATH names one'}")
 
 
 def address(number):
@@ -79,97 +110,108 @@ def table(rows):
     return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip() for row in rows)
 
 
-def show_registers(response, _):
-    names = [f"{name:>8} {value}" for name, value in response["registers"].items()]
-    wide = [name for name in names if len(name) > 38]
-    narrow = [name.ljust(39) for name in names if len(name) <= 38]
-    rows = ["".join(narrow[at : at + 3]).rstrip() for at in range(0, len(narrow), 3)]
-    return "\n".join(rows + wide)
-
-
-def show_memory(response, request):
+def bytes_table(start, data):
     lines = []
-    for at in range(0, len(response["memory"]), 16):
-        piece = bytes(response["memory"][at : at + 16])
+    for at in range(0, len(data), 16):
+        piece = bytes(data[at : at + 16])
         text = "".join(chr(byte) if 32 <= byte < 127 else "." for byte in piece)
-        lines.append(f"0x{request['address'] + at:016x}  {piece.hex(' '):<47}  {text}")
+        lines.append(f"0x{start + at:016x}  {piece.hex(' '):<47}  {text}")
     return "\n".join(lines)
 
 
-def show_stack(response, _):
-    frames = enumerate(response["callstack"])
-    return table([("#", "pc", "function", "module")] + [
-        (str(i), address(f["pc"]), f.get("function", "?"), f.get("filename", "")) for i, f in frames
-    ])  # fmt: skip
+def show(response, request):
+    """What is answered, addresses in hexadecimal and lists of objects as tables; nothing for a plain ok."""
+    def text_of(key, value):
+        is_address = key == "pc" or key.lower().endswith(("addr", "address", "slide"))
+        return address(value) if is_address else value if isinstance(value, str) else json.dumps(value)
+
+    if "memory" in response:
+        return bytes_table(request.get("address", 0), response["memory"])
+    if "succeeded" in response:
+        return response.get("output", "") + response.get("error", "")
+    words, tables = [], []
+    for key, value in (response.get("module") or response).items():
+        if isinstance(value, list) and value and isinstance(value[0], dict):
+            keys = list({key: None for row in value for key in row})
+            tables.append(table([keys] + [[text_of(key, row.get(key, "")) for key in keys] for row in value]))
+        elif key not in ("id", "status"):
+            words.append(f"{key} {text_of(key, value)}")
+    return "\n".join(filter(None, ["  ".join(words), *tables]))
 
 
-def show_threads(response, _):
-    return table([("thread", "reason")] + [(str(t["thread-id"]), t["state"]) for t in response["threads"]])
+def error_texts(response):
+    """The texts of errors that a response's schema allows, with … for what differs."""
+    kinds = [kind["properties"]["message"] for kind in response["oneOf"] if "message" in kind["properties"]]
+    texts = [text for kind in kinds for text in kind.get("anyOf", [kind])]
+    return [word for text in texts for word in text.get("enum") or [text.get("const") or text["description"]]]
 
 
-def show_module(response, _):
-    module = response["module"]
-    head = f"{module.get('filename', '?')}  {module.get('uuid', '')}".rstrip()
-    rows = [(s.get("name", ""), address(s["loadAddr"]), address(s["fileAddr"]), str(s["byteSize"]))
-            for s in module["sections"]]  # fmt: skip
-    return head + "\n" + table([("section", "loaded at", "in the file", "bytes")] + rows)
+class Screen:
+    """What is printed, above the line that is being typed."""
 
-
-def show_lldb(response, _):
-    return (response.get("output", "") + response.get("error", "")).rstrip("\n")
-
-
-RENDERERS = {
-    "getRegisters": show_registers, "readMemory": show_memory, "getCallstack": show_stack,
-    "getThreadIDList": show_threads, "moduleAtIndex": show_module, "moduleForFile": show_module,
-    "executeCommand": show_lldb,
-}  # fmt: skip
-
-
-def show_rest(response, _):
-    """What has no table: its members, addresses in hexadecimal, nothing for a plain ok."""
-    words = []
-    for key, value in response.items():
-        if key not in ("id", "status"):
-            words.append(f"{key} {address(value) if key.lower().endswith(('addr', 'slide')) else json.dumps(value)}")
-    return "  ".join(words)
-
-
-class Console:
-    def __init__(self, program):
-        self.schema = load_schema()
-        # No thread takes Ctrl-C but one; the helper's reader is the first that is started.
-        signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
-        self.helper = Helper(program)
-        self.raw = False
-        self.lock = threading.Lock()  # what is printed comes whole
-        self.asking = threading.Lock()  # a request and its response belong together
-        self.changed = threading.Condition()  # guards the two below
-        self.state = None
-        self.stops = 0  # exits among them
-        self.stops_before = 0  # the last command that a stop follows
-        self.is_terminal = sys.stdin.isatty()
-        self.has_colour = sys.stdout.isatty() and "NO_COLOR" not in os.environ
+    def __init__(self):
+        self.lock = threading.Lock()
         self.at_prompt = False
-        for watch in (self.watch, self.watch_interrupts):
-            threading.Thread(target=watch, daemon=True).start()
-
-    # --- What is shown ------------------------------------------------------------------------------
+        self.has_colour = sys.stdout.isatty() and "NO_COLOR" not in os.environ
 
     def colour(self, code, text):
-        return f"\033[{code}m{text}\033[0m" if self.has_colour and text else text
+        return f"\033[{code}m{text}\033[0m" if self.has_colour and code else text
 
-    def show(self, text):
-        """Prints above the line that is being typed, and puts that line back."""
+    def show(self, text, code=0):
         if not text:
             return
         with self.lock:
             if self.at_prompt:
-                sys.stdout.write("\r\033[K")
-            sys.stdout.write(text.rstrip("\n") + "\n")
+                rows = (len(PROMPT) + len(readline.get_line_buffer())) // shutil.get_terminal_size().columns
+                sys.stdout.write(f"\033[{rows}A" * bool(rows) + "\r\033[J")
+            sys.stdout.write(self.colour(code, text.rstrip("\n")) + "\n")
             if self.at_prompt:
-                sys.stdout.write(PROMPT + (readline.get_line_buffer() if readline else ""))
+                sys.stdout.write(PROMPT + readline.get_line_buffer())
             sys.stdout.flush()
+
+    def read_line(self):
+        """A line of the terminal's. Nothing is shown between the time the prompt is drawn, which readline
+        does, and the time at_prompt says so; else the prompt would be drawn twice, or not at all."""
+        self.lock.acquire()
+        readline.set_pre_input_hook(self.prompt_is_drawn)
+        try:
+            return input(PROMPT)
+        finally:
+            if self.at_prompt:
+                self.lock.acquire()
+            self.at_prompt = False
+            self.lock.release()
+
+    def prompt_is_drawn(self):
+        self.at_prompt = True
+        self.lock.release()
+
+
+class Console:
+    def __init__(self, helper):
+        self.schema = load_schema()
+        self.screen = Screen()
+        self.show = self.screen.show
+        # Ctrl-C is the main thread's alone. Threads inherit what is blocked; so would the helper and the
+        # programs that it starts.
+        signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
+        self.helper = Helper(helper, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT}))
+        self.is_terminal = sys.stdin.isatty()
+        self.raw = False
+        self.asking = threading.Lock()  # a request and its response belong together
+        self.changed = threading.Condition()  # guards the state, the ending and the count of stops
+        self.state = None  # of the process, None where there is none
+        self.ending = None
+        self.stops = 0  # exits among them
+        self.is_entering = False  # its first stop is no signal, though LLDB says so
+        self.program = []
+        self.thread = None  # the selected one
+        self.registers = self.registers_before = {}  # at this stop and the one before
+        self.next_address = None  # where x goes on
+        self.last_line = ""
+        threading.Thread(target=self.watch, daemon=True).start()
+        signal.signal(signal.SIGINT, self.interrupt)
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
 
     def watch(self):
         """The thread that shows events."""
@@ -178,116 +220,243 @@ class Console:
             if isinstance(event, threading.Event):
                 event.set()
                 continue
-            if event["type"] == "state":  # before it is seen: a quick Ctrl-C must find it
-                with self.changed:
-                    self.state = event["state_desc"]
-                    self.stops += self.state not in RUNNING
-                    self.changed.notify_all()
+            if isinstance(event, EOFError):
+                return self.enter("eStateExited")
             if self.raw:
-                self.show(self.colour(2, json.dumps(event)))
-            self.show(self.event_text(event))
+                self.show(json.dumps(event), 2)
+            if event["type"] == "state":
+                self.take_state(event)
+            elif event["type"] in ("stdout", "stderr"):
+                self.show(bytes.fromhex(event["output"]).decode(errors="replace").replace("\r\n", "\n"))
+            else:
+                names = [f"{m['file']} at {address(m['loadAddress'])}" for m in event["modules"]]
+                self.show(f"* {'loaded' if event['type'] == 'moduleLoaded' else 'unloaded'} {', '.join(names)}", 2)
 
-    def event_text(self, event):
-        if event["type"] == "state":
-            status = f", status {event['exit_status']}" if "exit_status" in event else ""
-            return self.colour(33, f"* {event['state_desc'].removeprefix('eState').lower()}{status}")
-        if event["type"] in ("stdout", "stderr"):
-            return bytes.fromhex(event["output"]).decode(errors="replace").replace("\r\n", "\n")
-        names = [f"{m['file']} at {address(m['loadAddress'])}" for m in event["modules"]]
-        return self.colour(2, f"* {'loaded' if event['type'] == 'moduleLoaded' else 'unloaded'} {', '.join(names)}")
+    def take_state(self, event):
+        state = event["state_desc"]
+        if state == "eStateStopped":
+            if self.tell("getProcessState").get("state-string") in RUNNING:
+                return  # LLDB has resumed it by itself
+            self.show("* stopped: " + self.where(), 33)
+        elif state == "eStateExited":
+            self.ending = event["exit_status"]
+            self.show(f"* exited, status {self.ending}", 33)
+        elif state not in RUNNING:
+            self.show(f"* {state.removeprefix('eState').lower()}", 33)
+        self.enter(state)
 
-    # --- What is sent -------------------------------------------------------------------------------
+    def enter(self, state):
+        with self.changed:
+            self.state = state
+            self.stops += state not in RUNNING
+            self.changed.notify_all()
+
+    def where(self):
+        """Why and where the program has stopped. Selects the thread that has a reason, which a stop does not do,
+        and keeps the registers."""
+        threads = self.tell("getThreadIDList").get("threads", [])
+        stopped = [thread["thread-id"] for thread in threads if thread["state"] not in ("None", "Invalid")]
+        if stopped and self.thread not in stopped:
+            self.thread = stopped[0]
+            self.tell("selectThreadID", tid=self.thread)
+        self.registers_before = {} if self.is_entering else self.registers
+        self.registers = self.tell("getRegisters").get("registers", {})
+        text = self.tell("executeCommand", cli="thread info").get("output", "").strip()
+        if self.is_entering:
+            text = text.replace("signal SIGSTOP", "the program's entry", 1)
+        self.is_entering = False
+        return text or "no thread says why"
+
+    def tell(self, command, **arguments):
+        """Sends a request and returns its response."""
+        if self.raw:
+            self.show(json.dumps({"command": command, **arguments}), 2)
+        with self.asking:
+            response = self.helper.ask(command, **arguments)
+        if self.raw:
+            self.show(json.dumps(response)[:2000], 2)
+        return response
+
+    def ask(self, command, **arguments):
+        """The same from the main thread, between the events that came before and after it."""
+        self.catch_up()
+        before = self.stops
+        self.is_entering = command == "createProcess"
+        response = self.tell(command, **arguments)
+        if response["status"] == "ok" and command in ("continueExecution", *STEPS[:3]):
+            self.resumed(before)
+        elif response["status"] == "ok" and command in ("deleteProcess", "detach"):
+            self.enter(None if command == "deleteProcess" else "eStateDetached")
+        self.catch_up()
+        return response
+
+    def resumed(self, stops_before):
+        """The event that says so may still be on its way."""
+        with self.changed:
+            if self.stops == stops_before:
+                self.state = "eStateRunning"
 
     def catch_up(self):
         """Returns when the events that have come so far have been shown."""
         mark = threading.Event()
         self.helper.events.put(mark)
-        mark.wait()
-
-    def ask(self, command, **arguments):
-        if self.raw:
-            self.show(self.colour(2, json.dumps({"command": command, **arguments})))
-        self.catch_up()
-        before = self.stops
-        with self.asking:
-            response = self.helper.ask(command, **arguments)
-        self.catch_up()
-        if command in RESUMING and response["status"] == "ok":
-            self.stops_before = before
-        if self.raw:
-            self.show(self.colour(2, json.dumps(response)[:2000]))
-        return response
+        while not mark.wait(1):
+            if self.helper.child.poll() is not None:
+                raise EOFError
 
     def perform(self, command, **arguments):
+        """Asks and shows what is answered. Returns whether it was ok."""
+        if command in NEED_A_STOP:
+            self.need_a_stop()
         response = self.ask(command, **arguments)
         if response["status"] == "error":
-            self.show(self.colour(31, response["message"]))
+            without = response["message"] in ("no process", "no target")
+            self.show((without and self.obstacle()) or response["message"], 31)
         else:
-            self.show(RENDERERS.get(command, show_rest)(response, arguments))
+            self.show(show(response, arguments))
+        if command in STEPS and response["status"] == "ok":
+            self.await_stop(0.5 if self.is_terminal else None)
         return response["status"] == "ok"
 
-    def value(self, text, kind):
-        """A word as the schema wants it."""
+    def await_stop(self, seconds=None):
+        with self.changed:
+            self.changed.wait_for(lambda: self.state not in RUNNING, seconds)
+
+    def obstacle(self):
+        """Why the program cannot be looked at; None if it can."""
+        if self.state in RUNNING:
+            return "The program is running. Ctrl-C or interrupt stops it, wait waits for its stop."
+        return {
+            None: "There is no program. launch PROGRAM starts one, attach PID takes one that runs.",
+            "eStateExited": f"The program has ended with status {self.ending}. run starts it again.",
+            "eStateDetached": "The program runs without this debugger. attach PID takes it back.",
+        }.get(self.state)
+
+    def need_a_stop(self):
+        self.catch_up()
+        if text := self.obstacle():
+            raise Mistake(text)
+
+    def number(self, text):
+        """A number, or what LLDB makes of symbols, registers and sums."""
         try:
-            if kind == "integer":
-                return int(text, 0)
-            if kind == "boolean":
-                return {"true": True, "false": False}[text.lower()]
-        except (ValueError, KeyError):
-            raise Mistake(f"«{text}» is no {kind}") from None
-        return list(text.encode()) if kind == "array" else text
+            return int(text, 0)
+        except ValueError:
+            self.need_a_stop()
+        # Without debug information LLDB's expressions do not know a symbol, and its list of symbols does.
+        for place in (text, re.sub(r"(?<![$\w])[A-Za-z_]\w*", self.symbol, text)):
+            if found := self.search(r"^(0x\w+):", f'memory read --size 1 --count 1 --format x -- "{place}"'):
+                return int(found, 16)
+        raise Mistake(f"«{text}» is no number, symbol, $register or sum of them")
+
+    def symbol(self, name):
+        return self.search(r"range = \[(0x\w+)", f"image lookup --verbose --symbol {name[0]}") or name[0]
+
+    def search(self, pattern, line):
+        """What a line of LLDB's prints, as far as the pattern's group matches it."""
+        found = re.search(pattern, self.ask("executeCommand", cli=line).get("output", ""), re.M)
+        return found and found[1]
+
+    def arguments(self, command):
+        """The schemas of a command's arguments, by name, in their order."""
+        properties = self.schema["requests"].get(ALIASES.get(command, command), {}).get("properties", {})
+        return {name: schema for name, schema in properties.items() if name not in ("command", "id")}
 
     def arguments_of(self, command, words):
-        request = self.schema["requests"][command]
-        order = list(request["arguments"])
+        schemas = self.arguments(command)
+        order = list(schemas)
         arguments = {}
         for word in words:
             name, equals, text = word.partition("=")
-            if not equals or name not in request["arguments"]:
+            if not equals or name not in schemas:
                 if not order:
                     raise Mistake(f"{command} takes no «{word}»; see help {command}")
                 name, text = order[0], word
             order = [other for other in order if other != name]
-            arguments[name] = self.value(text, request["properties"][name].get("type", "integer"))
+            kind = schemas[name].get("type", "integer")  # as the schema wants it
+            arguments[name] = {"boolean": lambda: text.lower() == "true", "array": lambda: list(text.encode()),
+                               "integer": lambda: self.number(text), "string": lambda: text}[kind]()  # fmt: skip
         return arguments
 
-    def prepare(self, words):
-        """Launches a program with arguments, as a shell would write them down."""
-        quoted = " ".join('"' + word + '"' if " " in word or not word else word for word in words[1:])
-        path = os.path.abspath(words[0])
-        if self.perform("prepareExecutable", path=path, args=quoted, env="", cwd=os.getcwd(), triple="", is64Bits=True):
-            self.perform("createProcess")
-
-    # --- Words of this console ----------------------------------------------------------------------
-
-    def do_b(self, words):
-        """b ADDRESS or b FUNCTION: sets a breakpoint."""
-        try:
-            self.perform("setBreakpointAtVirtualAddress", address=int(words[0], 0))
-        except ValueError:
-            self.perform("executeCommand", cli=f"breakpoint set --name {shlex.quote(words[0])}")
-        except IndexError:
-            raise Mistake("b ADDRESS or b FUNCTION") from None
-
-    def do_modules(self, _):
-        """modules: the executable and its libraries."""
-        rows = [("#", "loaded at", "module")]
-        for index in range(self.ask("moduleCount").get("count", 0)):
-            module = self.ask("moduleAtIndex", index=index)["module"]
-            loaded = [s["loadAddr"] for s in module["sections"] if s["loadAddr"] != NOWHERE]
-            rows.append((str(index), address(min(loaded, default=NOWHERE)), module.get("filename", "?")))
-        self.show(table(rows))
-
     def do_launch(self, words):
-        """launch PROGRAM [ARGUMENTS...]: starts a program, stopped at its entry."""
+        """launch PROGRAM [ARGUMENTS...]: starts a program, stopped at its entry, in place of the one before."""
         if not words:
             raise Mistake("launch PROGRAM [ARGUMENTS...]")
-        self.prepare(words)
+        self.ask("deleteProcess")
+        self.program = [os.path.abspath(words[0]), *words[1:]]
+        quoted = " ".join('"' + word + '"' if " " in word or not word else word for word in words[1:])
+        self.ask("prepareExecutable", path=self.program[0], args=quoted, cwd=os.getcwd())
+        self.perform("createProcess")
+
+    def do_run(self, words):
+        """run [ARGUMENTS...]: starts the program again, with the arguments it had or with others."""
+        if not self.program:
+            raise Mistake("There is no program. launch PROGRAM starts one.")
+        self.do_launch([self.program[0], *(words or self.program[1:])])
 
     def do_wait(self, _):
-        """wait: waits for the stop or the exit that follows what was asked for last."""
-        with self.changed:
-            self.changed.wait_for(lambda: self.stops > self.stops_before)
+        """wait: waits while the program runs."""
+        self.catch_up()
+        self.await_stop()
+
+    def do_b(self, words):
+        """b: lists the breakpoints. b FUNCTION, b FILE:LINE, b ADDRESS: sets one."""
+        place = "".join(words)
+        self.catch_up()
+        if self.state in (None, "eStateExited", "eStateDetached"):
+            self.need_a_stop()
+        line = "breakpoint list"
+        if found := re.fullmatch(r"(.*[^:]):(\d+)", place):
+            line = f"breakpoint set --file {shlex.quote(found[1])} --line {found[2]}"
+        elif re.match(r"[A-Za-z_~]", place) and not re.search(r"[-+*]", place):
+            line = f"breakpoint set --name {shlex.quote(place)}"
+        elif place:
+            line = f"breakpoint set --address {self.number(place)}"
+        self.perform("executeCommand", cli=line)
+
+    def do_code(self, words):
+        """code [ADDRESS]: instructions, around the program counter or from an address on."""
+        self.need_a_stop()
+        if words:
+            line = f"disassemble --count 16 --start-address {self.number(''.join(words))}"
+            return self.perform("executeCommand", cli=line)
+        lines = self.ask("executeCommand", cli="disassemble --frame --force").get("output", "").splitlines()
+        if not (current := [at for at, line in enumerate(lines) if line.startswith("->")]):
+            return self.perform("executeCommand", cli="disassemble --pc --count 16")
+        first = max(0, current[0] - 8)
+        self.show("\n".join(lines[:1] * (first > 0) + lines[first : first + 17]))
+
+    def do_x(self, words):
+        """x [ADDRESS [LENGTH]]: bytes of memory, 64 unless LENGTH says more; x alone goes on behind them."""
+        self.need_a_stop()
+        if len(words) > 2 or not words and self.next_address is None:
+            raise Mistake("x ADDRESS [LENGTH], the address without spaces")
+        start = self.number(words[0]) if words else self.next_address
+        length = self.number(words[1]) if len(words) > 1 else 64
+        response = self.ask("readMemory", address=start, length=length)
+        if response["status"] == "error":
+            raise Mistake(f"{response['message']} at {address(start)}")
+        self.next_address = start + length
+        self.show(bytes_table(start, response["memory"]))
+
+    def do_regs(self, words):
+        """regs: the general registers. regs NAME...: these. regs all: all. A star marks what the last step changed."""
+        self.need_a_stop()
+        values = self.ask("getRegisters")["registers"]
+        general = next((names for pc, names in GENERAL_REGISTERS.items() if pc in values), "").split()
+        rest = sorted(values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
+        names = [name.lstrip("$") for name in words] or general or rest
+        if words == ["all"]:
+            names = general + [name for name in rest if name not in general]
+        if not (names := [name for name in names if name in values]):
+            raise Mistake("there is no such register; regs all shows all")
+        changed = {name for name in names if self.registers_before.get(name, values[name]) != values[name]}
+        width = max(map(len, names))
+        cells = [f"{'*' if name in changed else ' '}{name:>{width}} {values[name]}" for name in names]
+        cell = max(map(len, cells)) + 1
+        columns = max(1, shutil.get_terminal_size().columns // cell)
+        shown = [self.screen.colour(33 * (name in changed), text.ljust(cell)) for name, text in zip(names, cells)]
+        self.show("\n".join("".join(shown[at : at + columns]).rstrip() for at in range(0, len(shown), columns)))
 
     def do_raw(self, words):
         """raw on, raw off: shows the messages too."""
@@ -295,95 +464,77 @@ class Console:
 
     def do_help(self, words):
         """help [COMMAND]: what can be typed."""
-        if words:
-            return self.show(self.help_of(ALIASES.get(words[0], words[0])))
-        rows = [(name, " ".join(request["arguments"]), request["description"])
-                for name, request in self.schema["requests"].items()]  # fmt: skip
-        own = [getattr(self, name).__doc__ for name in dir(self) if name.startswith("do_")]
-        short = ", ".join(f"{alias} {command}" for alias, command in ALIASES.items())
-        self.show("\n".join([table(rows), "", *own, "! LINE: LLDB's own command line    < LINE: the program's input",
-                             "quit", "", f"Short: {short}"]))  # fmt: skip
-
-    def help_of(self, command):
+        if not words:
+            return self.show(HELP)
+        if words == ["protocol"]:
+            return self.show("\n".join(" ".join([name, *self.arguments(name)]) for name in self.schema["requests"]))
+        command = ALIASES.get(words[0], words[0])
         if hasattr(self, f"do_{command}"):
-            return getattr(self, f"do_{command}").__doc__
+            return self.show(getattr(self, f"do_{command}").__doc__)
+        if command in LLDB_LINES:
+            return self.show(f"{command}: LLDB's «{LLDB_LINES[command]}». !help {LLDB_LINES[command]} says more.")
         if command not in self.schema["requests"]:
             raise Mistake(f"there is no command «{command}»")
-        request = self.schema["requests"][command]
-        rows = [(f"  {name}", request["properties"][name].get("type", "integer"), request["properties"][name].get("description", ""))
-                for name in request["arguments"]]  # fmt: skip
-        errors = errors_in(self.schema["responses"][command]["oneOf"][1:])
-        return "\n".join(filter(None, [
-            f"{command}: {request['description']}", table(rows) if rows else "",
-            "Errors: " + " · ".join(errors) if errors else "",
-        ]))  # fmt: skip
-
-    # --- Ctrl-C -------------------------------------------------------------------------------------
-
-    def watch_interrupts(self):
-        """The thread that takes Ctrl-C: the one that reads lines may be anywhere when it comes."""
-        while True:
-            signal.sigwait({signal.SIGINT})
-            if self.state in RUNNING:
-                self.perform("breakExecution")
-            else:
-                self.show("Ctrl-D ends; Ctrl-C interrupts a running program.")
-
-    # --- The loop -----------------------------------------------------------------------------------
+        rows = []
+        for name, schema in self.arguments(command).items():
+            rows.append((f"  {name}", schema.get("type", "integer"), schema.get("description", "")))
+        errors = " · ".join(error_texts(self.schema["responses"][command]))
+        head = f"{command}: {self.schema['requests'][command]['description']}"
+        self.show("\n".join(filter(None, [head, rows and table(rows), errors and "Errors: " + errors])))
 
     def obey(self, line):
         """One line. Returns whether to go on."""
-        line = line.strip()
-        if line.startswith(("!", "lldb ")):
-            self.perform("executeCommand", cli=line.removeprefix("!").removeprefix("lldb ").strip())
+        if not line and self.is_terminal:
+            line = self.last_line
+        self.last_line = ""
+        if line.startswith("!"):
+            self.perform("executeCommand", cli=line[1:].strip())
         elif line.startswith("<"):
             self.perform("sendToApplication", data=list((line[1:].lstrip() + "\n").encode()))
         elif line in ("quit", "q", "exit"):
             return False
         elif line:
-            word, *words = shlex.split(line)
+            word, _, rest = line.partition(" ")
             command = ALIASES.get(word, word)
-            own = getattr(self, f"do_{command}", None)
-            if own is not None:
-                own(words)
+            if own := getattr(self, f"do_{word}", None):
+                own(shlex.split(rest))
+            elif word in LLDB_LINES:
+                self.need_a_stop()
+                before, self.thread = self.stops, None if word == "thread" else self.thread
+                if self.perform("executeCommand", cli=f"{LLDB_LINES[word]} {rest}".strip()) and word in STEPS:
+                    self.resumed(before)
+                    self.await_stop(0.5 if self.is_terminal else None)
             elif command in self.schema["requests"]:
-                self.perform(command, **self.arguments_of(command, words))
+                self.perform(command, **self.arguments_of(command, shlex.split(rest)))
             else:
-                raise Mistake(f"there is no command «{word}»; type help")
+                raise Mistake(f"there is no command «{word}»; help lists them")
+            if word in REPEATED:
+                self.last_line = word if word == "x" else line  # x goes on behind what it has shown
         return True
 
-    def read_line(self):
-        if not self.is_terminal:
-            line = sys.stdin.readline()
-            if not line:
-                raise EOFError
-            return line
-        self.at_prompt = True
-        try:
-            return input(PROMPT)
-        finally:
-            self.at_prompt = False
+    def interrupt(self, *_):
+        """Ctrl-C, in the main thread, wherever it is: it may be waiting for an answer itself."""
+        if self.state in RUNNING:
+            threading.Thread(target=self.tell, args=("breakExecution",), daemon=True).start()
+        elif self.screen.at_prompt or not self.is_terminal:  # a script ends
+            raise KeyboardInterrupt
 
     def run(self):
         goes_on = True
         while goes_on:
             try:
-                goes_on = self.obey(self.read_line())
+                line = self.screen.read_line() if self.is_terminal else sys.stdin.readline() or "quit"
             except EOFError:
-                goes_on = False
+                line = "quit"
+            except KeyboardInterrupt:  # what was typed is dropped
+                print()
+                continue
+            try:
+                goes_on = self.obey(line.strip())
             except (Mistake, ValueError) as mistake:  # shlex's missing quotes are ValueErrors
-                self.show(self.colour(31, str(mistake)))
-        return self.end()
-
-    def end(self):
-        if self.ask("hasProcess")["status"] == "ok":
-            self.ask("deleteProcess")
-        status = self.helper.close()
-        if status != 0:
-            print(f"lldb-helper ended with {status}", file=sys.stderr)
-        return status
-
-    # --- Tab ----------------------------------------------------------------------------------------
+                self.show(str(mistake), 31)
+        self.ask("deleteProcess")
+        return self.helper.close()
 
     def complete(self, text, index):
         if index == 0:
@@ -391,35 +542,37 @@ class Console:
         return self.candidates[index] if index < len(self.candidates) else None
 
     def candidates_for(self, text, line):
-        if line.startswith(("!", "lldb ")):
-            cut = 1 if line.startswith("!") else 5
-            cli = line[cut:].lstrip()
-            found = self.ask("completeCommand", cli=cli, pos=len(cli))["completions"]
-            mark = "!" if text.startswith("!") else ""
-            words = [mark + word for word in found[1:]]
-            return [words[0] + " "] if len(words) == 1 and found[0].endswith(" ") else words
-        if " " not in line.lstrip():
-            own = [name[3:] for name in dir(self) if name.startswith("do_")]
-            words = [*self.schema["requests"], *ALIASES, *own, "quit"]
-            return sorted(word + " " for word in words if word.startswith(text))
-        request = self.schema["requests"].get(ALIASES.get(line.split()[0], line.split()[0]), {"arguments": []})
-        names = [name + "=" for name in request["arguments"] if name.startswith(text)]
+        if line.startswith("!"):
+            return self.completions(line[1:].lstrip(), "!" if text.startswith("!") else "")
+        word, space, _ = line.lstrip().partition(" ")
+        own = [name[3:] for name in dir(self) if name.startswith("do_")]
+        commands = sorted([*self.schema["requests"], *ALIASES, *LLDB_LINES, *own, "quit"])
+        if not space or word == "help":
+            return [command + " " for command in commands if command.startswith(text)]
+        if word == "regs" or text.startswith("$"):
+            mark = "$" if text.startswith("$") else ""
+            return [mark + name + " " for name in sorted(self.registers) if name.startswith(text.lstrip("$"))]
+        if word in ("b", "x", "code", "p"):
+            return self.completions(f"breakpoint set --name {text}", "") if text else []
+        names = [name + "=" for name in self.arguments(word) if name.startswith(text)]
         head, equals, path = text.rpartition("=")
         files = [head + equals + file + ("/" if os.path.isdir(file) else " ") for file in sorted(glob.glob(path + "*"))]
         return names + files
 
+    def completions(self, cli, mark):
+        """LLDB's: first what all have in common, then the candidates."""
+        found = self.ask("completeCommand", cli=cli, pos=len(cli))["completions"]
+        words = [mark + word for word in found[1:]]
+        return [words[0] + " "] if len(words) == 1 and found[0].endswith(" ") else words
+
     def use_readline(self):
-        if readline is None or not self.is_terminal:
-            return
-        folder = os.path.join(os.environ.get("XDG_STATE_HOME") or os.path.expanduser("~/.local/state"), "lldb-helper")
-        history = os.path.join(folder, "history")
-        try:
-            os.makedirs(folder, exist_ok=True)
+        state = os.environ.get("XDG_STATE_HOME") or os.path.expanduser("~/.local/state")
+        history = os.path.join(state, "lldb-helper", "history")
+        with contextlib.suppress(OSError):  # a home that cannot be written to is no reason not to debug
+            os.makedirs(os.path.dirname(history), exist_ok=True)
             open(history, "a", encoding="utf-8").close()
             readline.read_history_file(history)
-        except OSError:
-            history = os.devnull  # a home that cannot be written to is no reason not to debug
-        atexit.register(readline.write_history_file, history)
+            atexit.register(readline.write_history_file, history)
         readline.set_completer_delims(" ")
         readline.set_completer(self.complete)
         readline.parse_and_bind("tab: complete")
@@ -427,14 +580,19 @@ class Console:
 
 def main():
     parser = argparse.ArgumentParser(usage="console.py [--helper PATH] [PROGRAM [ARGUMENTS...]]")
-    parser.add_argument("--helper", default="lldb-helper")
+    parser.add_argument("--helper")
     parser.add_argument("program", nargs=argparse.REMAINDER)
     options = parser.parse_args()
-    console = Console(options.helper)
-    console.use_readline()
-    if options.program:
-        console.prepare(options.program)
-    return console.run()
+    console = Console(find_helper(options.helper))
+    if console.is_terminal:
+        console.use_readline()
+    try:
+        console.ask("executeCommand", cli=f'settings set thread-format "{WHERE}"')
+        if options.program:
+            console.do_launch(options.program)
+        return console.run()
+    except (EOFError, BrokenPipeError):
+        sys.exit(f"console.py: lldb-helper has ended, with {console.helper.child.wait()}")
 
 
 if __name__ == "__main__":

@@ -1,8 +1,7 @@
-"""Drives examples/console.py as a script and as a person at a terminal does.
+"""The host for a person, as a script and at a terminal; what lldb-helper itself says to one; and how the
+example sessions fail."""
 
-Usage: console_test.py script|terminal CONSOLE HELPER INFERIORS
-"""
-
+import fcntl
 import os
 import pty
 import re
@@ -11,150 +10,126 @@ import signal
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 
-DEADLINE = 60
+import kit
+from kit import check, expect, inferior, settings
+
+EXAMPLES = os.path.join(settings["source"], "examples")
+CONSOLE = [sys.executable, "-B", os.path.join(EXAMPLES, "console.py"), "--helper", settings["helper"]]
+WHERE = r"thread 1 \(steps\); 0x[0-9a-f]{16} "
 
 
-def start(console, helper, arguments, **more):
-    return subprocess.Popen([sys.executable, "-B", console, "--helper", helper, *arguments], **more)
+def run(command, typed="", **options):
+    """What a command prints, and its status."""
+    child = subprocess.run(command, input=typed, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
+                           timeout=kit.DEADLINE, preexec_fn=kit.die_with_parent, **options)  # fmt: skip
+    return child.stdout, child.returncode
 
 
-def as_script(console, helper, inferiors):
-    lines = """
-        b leaf
-        c
-        wait
-        bt
-        threads
-        x 0x10 4
-        readMemory length=4 address=nowhere
-        dance
-        setRegister rbx
-        help readMemory
-        modules
-        raw on
-        ping
-        raw off
-        !version
-        !breakpoint delete -f
-        c
-        wait
-        c
-        state
-    """
-    told = [
-        r"\* stopped\n",
-        r"Breakpoint 1: where = steps`leaf",
-        r"\* running\n",
-        r"\* loaded libc\S* at 0x[0-9a-f]+\n",
-        r"# +pc +function +module\n0 +0x[0-9a-f]+ +leaf +steps\n1 +0x[0-9a-f]+ +middle +steps\n",
-        r"thread +reason\n\d+ +Breakpoint\n",
-        r"unable to read memory\n",
-        r"«nowhere» is no integer\n",
-        r"there is no command «dance»",
-        r"readMemory: .*\n +address +integer .*\n +length +integer .*\nErrors: no process · unable to read memory\n",
-        r"# +loaded at +module\n0 +0x[0-9a-f]+ +steps\n",
-        r'\{"command": "ping"\}\n\{"id": \d+, "status": "ok"\}\n',
-        r"lldb version \d+",
-        r"counted 20\n(\* running\n)?\* exited, status 0\n",
-        r'state 10  state-string "eStateExited"',
-    ]
-    child = start(console, helper, [f"{inferiors}/steps"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    output = child.communicate(lines.encode(), timeout=DEADLINE)[0].decode()
-    for pattern in told:
-        if not re.search(pattern, output):
-            sys.exit(f"not there: {pattern}\n{output}")
-    if child.returncode != 0:
-        sys.exit(f"the console ended with {child.returncode}")
+def test_a_script():
+    session = (
+        ("wait\nwhere", r"There is no program\. launch "),
+        (f"launch {inferior('steps')}", rf"\* stopped: the program's entry; {WHERE}ld-\S*`_start"),
+        ("b leaf", r"Breakpoint 1: where = steps`leaf"),
+        ("c\nwait", rf"\* loaded libc\S* at 0x(?s:.*)\* stopped: breakpoint 1\.1; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:7\n"),
+        ("bt", r"frame #1: \S+ steps`middle.*\n.*steps`main"),
+        ("s", rf"\* stopped: .*; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:\d\n"),
+        (f"regs {kit.PC}", rf"\*{kit.PC} 0x[0-9a-f]{{16}}\n"),
+        ("regs", r"(?s)(rax.*?rbx.*?rip|x0.*?x1.*?pc)[^\n]*\n"),
+        ("x $sp", r"(0x[0-9a-f]{16}(  [0-9a-f ]{47}).*\n){4}"),
+        ("x main+4 2\nx leaf 2", r"(0x\S+  [0-9a-f]{2} [0-9a-f]{2} .*\n){2}"),
+        ("code", r"\n-> +0x[0-9a-f]+ <\+\d+>"),
+        ("readMemory length=4 address=nowhere", r"«nowhere» is no number"),
+        ("help readMemory", r"readMemory: .*\n +address +integer .*\n.*\nErrors: no process · unable to read memory\n"),
+        ("raw on\nping\nraw off", r'\{"command": "ping"\}\n\{"id": \d+, "status": "ok"\}\n'),
+        ("delete\nc\nwait", r"counted 20\n(?s:.*)\* exited, status 0\n"),
+        ("x $sp", r"The program has ended with status 0\. run "),
+        ("run\nkill\nwait", r"\* stopped: the program's entry(?s:.*)\* exited, status 9\n"),
+        (f"launch {inferior('wait')}\nc\nregs\ninterrupt\nwait", r"The program is running\.(?s:.*)\* stopped: "),
+    )  # fmt: skip
+    output, status = run(CONSOLE, "\n".join(typed for typed, _ in session))
+    at = 0
+    for typed, pattern in session:
+        found = re.compile(pattern).search(output, at)
+        check(found, f"{typed!r} does not show {pattern}: {output[at:]}")
+        at = found.end() - 1
+    expect(status, 0)
 
 
-class Terminal:
-    """A console on a pseudo-terminal, with a home of its own for its history."""
+def test_a_failure_is_a_sentence_and_comes_at_once():
+    sample = os.path.join(os.path.dirname(settings["helper"]), "examples", "sample")
+    session = [*CONSOLE[:2], os.path.join(EXAMPLES, "session.py")]
+    for command, environment, words in (
+        (CONSOLE[:-1] + ["/nonexistent"], {}, "there is no /nonexistent"),
+        (CONSOLE[:-1] + ["/bin/true"], {}, "lldb-helper has ended"),
+        (session + ["/nonexistent", sample], {}, "the helper does not start"),
+        (session + ["/bin/true", sample], {}, "the helper has ended; docs/troubleshooting.md"),
+        (session + [settings["helper"], "/nonexistent"], {}, "does not exist\ndocs/troubleshooting.md"),
+        (session + [settings["helper"], sample], {"LLDB_DEBUGSERVER_PATH": "/nonexistent"}, "cannot create process: "),
+    ):
+        output, status = run(command, env=os.environ | environment)
+        check(words in output and "Traceback" not in output, output)
+        expect(status, 1, command)
 
-    def __init__(self, console, helper, arguments, home):
+
+class Terminal:  # with a home of its own
+    def __init__(self, command, home, **options):
         self.master, slave = pty.openpty()
-        environment = dict(os.environ, TERM="xterm", XDG_STATE_HOME=home, NO_COLOR="1")
-        self.child = start(
-            console, helper, arguments, stdin=slave, stdout=slave, env=environment, start_new_session=True,
-            preexec_fn=lambda: __import__("fcntl").ioctl(slave, __import__("termios").TIOCSCTTY, 0),
+        options = {"stdin": slave, "stdout": slave} | options
+        self.child = subprocess.Popen(
+            command, env=os.environ | {"TERM": "xterm", "XDG_STATE_HOME": home, "NO_COLOR": "1"}, start_new_session=True,
+            preexec_fn=lambda: (kit.die_with_parent(), fcntl.ioctl(slave, termios.TIOCSCTTY, 0)), **options,
         )  # fmt: skip
         os.close(slave)
         self.seen = ""
 
-    def type(self, text):
+    def type(self, text, pattern):  # and reads until the pattern comes
         os.write(self.master, text.encode())
-
-    def expect(self, pattern):
-        """Reads until the pattern comes, and drops what was read so far."""
-        end = time.monotonic() + DEADLINE
+        end = time.monotonic() + kit.DEADLINE
         while not (match := re.search(pattern, self.seen)):
-            if not select.select([self.master], [], [], max(0, end - time.monotonic()))[0]:
-                self.child.kill()
-                sys.exit(f"does not come: {pattern}\nafter: {self.seen!r}")
+            comes = select.select([self.master], [], [], max(0, end - time.monotonic()))[0]
+            check(comes, f"{text!r} does not bring {pattern}: {self.seen!r}")
             self.seen += os.read(self.master, 4096).decode(errors="replace")
         self.seen = self.seen[match.end() :]
 
 
-def at_a_terminal(console, helper, inferiors):
-    try:
-        import readline  # noqa: F401
-    except ImportError:
-        print("NOT TESTED: this Python has no readline")
-        return
+def test_a_terminal():
     with tempfile.TemporaryDirectory() as home:
-        terminal = Terminal(console, helper, [f"{inferiors}/wait"], home)
-        terminal.expect(r"\* stopped")
-        terminal.expect(r"\(helper\) ")
-        # Tab: a command, then a line of LLDB's, and the arrow brings the line back.
-        terminal.type("getPro\t")
-        terminal.expect("getProcessState ")
-        terminal.type("\r")
-        terminal.expect("state 5")
-        terminal.type("!settings show pro\t")
-        terminal.expect("prompt")
-        terminal.type("\r")
-        terminal.expect(r"prompt \(string\)")
-        terminal.type("\x1b[A")
-        terminal.expect(r"!settings show prompt")
-        terminal.type("\r")
-        terminal.expect(r"prompt \(string\)")
-        # News come while a line is half typed: the line is put back behind them.
-        terminal.type("!continue\r")
-        terminal.expect(r"(?s)\* running.*ready|ready.*\* running")
-        terminal.type("getPr")
-        terminal.expect("getPr")
-        os.kill(wait_inferior(terminal.child.pid), signal.SIGUSR1)
-        terminal.expect(r"\* stopped\r?\n\(helper\) getPr")
-        terminal.type("ocessState\r")
-        terminal.expect("eStateStopped")
-        # Ctrl-C interrupts the program, and not the console.
-        terminal.type("!process handle SIGUSR1 --pass false\rc\r")
-        terminal.expect(r"\* running")
-        terminal.type("\x03")
-        terminal.expect(r"\* stopped")
-        terminal.expect(r"\(helper\) ")
-        terminal.type("\x04")
-        if terminal.child.wait(DEADLINE) != 0:
-            sys.exit(f"the console ended with {terminal.child.returncode}")
-        with open(f"{home}/lldb-helper/history", encoding="utf-8") as history:
-            if "getProcessState" not in history.read():
-                sys.exit("the history is not kept")
+        terminal = Terminal([*CONSOLE, inferior("wait")], home)
+        for text, pattern in (
+            ("", r"\* stopped: the program's entry.*\r\n\(helper\) $"),
+            ("getPro\t\r", r"getProcessState \r\nstate 5 .*\r\n\(helper\) $"),
+            ("b mai\t\r", r"b main \r\nBreakpoint 1"),
+            ("s\r", r"\* stopped: .*\r\n\(helper\) $"),
+            ("\r", r"\r\n\* stopped: .*\r\n\(helper\) $"),  # repeats
+            ("dance", "dance"),
+            ("\x03", r"^\r\n\(helper\) $"),
+            ("state\r", r"^state\r\nstate 5 "),
+            ("delete\rc\r", "ready"),
+        ):
+            terminal.type(text, pattern)
+        terminal.type("half", "half")  # news come while a line is typed, and leave it there
+        program = kit.eventually(lambda: kit.descendants(terminal.child.pid, "wait"), "the program")[0]
+        os.kill(program, signal.SIGUSR1)
+        terminal.type("", r"\* stopped: signal SIGUSR1.*\r\n\(helper\) half$")
+        terminal.type("\x03", r"\(helper\) $")
+        terminal.type("!process handle SIGUSR1 --pass false\r", "SIGUSR1 ")
+        terminal.type("c\rstate\r", r"state 6 ")
+        terminal.type("\x03", r"\* stopped: .*\r\n\(helper\) $")
+        terminal.type("\x04", "")
+        expect(terminal.child.wait(kit.DEADLINE), 0)
+        check(os.path.getsize(f"{home}/lldb-helper/history") > 0, "the history is not kept")
 
 
-def wait_inferior(ancestor):
-    """The debugged program's number: the descendant called wait."""
-    above, at = [ancestor], 0
-    while at < len(above):
-        for task in os.listdir(f"/proc/{above[at]}/task"):
-            with open(f"/proc/{above[at]}/task/{task}/children") as children:
-                above += map(int, children.read().split())
-        at += 1
-    for pid in above:
-        with open(f"/proc/{pid}/comm") as name:
-            if name.read() == "wait\n":
-                return pid
-    sys.exit("the program does not run")
-
-
-{"script": as_script, "terminal": at_a_terminal}[sys.argv[1]](*sys.argv[2:])
+def test_what_the_program_says_to_a_person():
+    helper = settings["helper"]
+    for option, words in (("--help", "usage: lldb-helper INPUT OUTPUT"), ("--version", "lldb-helper 0.")):
+        output, status = run([helper, option])
+        check(output.startswith(words) and status == 0, output)
+    expect(run([helper, "--helpful"], "null"), ('INPUT: null\nOUTPUT: {"message": "Cannot decode JSON: ", "status": "error"}', 0))
+    terminal = Terminal([helper], "/", stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    terminal.type("\x04", "")
+    output, greeting = terminal.child.communicate(timeout=kit.DEADLINE)
+    expect((output, greeting.count(b"\n"), b"Ctrl-D" in greeting), (b"", 2, True))
