@@ -3,8 +3,9 @@
 LLDB_HELPER_TESTS names a JSON file that the build writes: where the helper, the inferiors and the rest are.
 """
 
-import ctypes
 import collections
+import ctypes
+import functools
 import json
 import os
 import re
@@ -19,8 +20,14 @@ import time
 
 import jsonschema
 
-with open(os.environ["LLDB_HELPER_TESTS"]) as file:
-    settings = json.load(file)
+
+def read(path):
+    with open(path, errors="surrogateescape") as file:
+        return file.read()
+
+
+settings = json.loads(read(os.environ["LLDB_HELPER_TESTS"]))
+SCHEMA = json.loads(read(os.path.join(settings["source"], "docs", "protocol.schema.json")))
 sys.path.insert(0, os.path.join(settings["source"], "examples"))
 from host import Helper  # noqa: E402
 
@@ -29,10 +36,7 @@ OK = {"status": "ok"}
 ARM = os.uname().machine == "aarch64"
 PC, PLAIN, VECTOR = ("pc", "x19", "v0") if ARM else ("rip", "rbx", "xmm0")
 PR_SET_PDEATHSIG, PR_SET_SUBREAPER, PR_SET_PTRACER = 1, 36, 0x59616D61
-libc = ctypes.CDLL(None, use_errno=True)
-
-with open(os.path.join(settings["source"], "docs", "protocol.schema.json")) as file:
-    SCHEMA = json.load(file)
+libc = ctypes.CDLL(None)
 
 
 class Failure(AssertionError):
@@ -43,24 +47,21 @@ class NotTested(Exception):
     """This machine lacks something. ctest shows the reason and counts the test as skipped."""
 
 
-def expect(came, wanted, what=""):
-    if came != wanted:
-        shown = [text if len(text := repr(value)) < 1500 else f"{text[:700]} … {text[-700:]}" for value in (wanted, came)]
-        raise Failure(f"{what}\n  - {shown[0]}\n  + {shown[1]}")
-
-
 def check(holds, what):
     if not holds:
         raise Failure(what)
 
 
+def expect(came, wanted, what=""):
+    short = lambda text: text if len(text) < 1500 else f"{text[:700]} … {text[-700:]}"
+    check(came == wanted, f"{what}\n  - {short(repr(wanted))}\n  + {short(repr(came))}")
+
+
 def eventually(condition, what):
-    """Returns what the condition returns, once that is true."""
     end = time.monotonic() + DEADLINE
-    while not (value := condition()):
+    while not condition():
         check(time.monotonic() < end, f"awaited in vain: {what}")
         time.sleep(0.002)
-    return value
 
 
 def error(message):
@@ -69,15 +70,11 @@ def error(message):
 
 # --- The protocol -------------------------------------------------------------------------------------
 
-VALIDATOR = jsonschema.validators.validator_for(SCHEMA)
-validators = {}
 
-
+@functools.cache
 def validator(part):
     """For a part of the schema, "responses/ping" for example."""
-    if part not in validators:
-        validators[part] = VALIDATOR({"$defs": SCHEMA["$defs"], "$ref": f"#/$defs/{part}"})
-    return validators[part]
+    return jsonschema.validators.validator_for(SCHEMA)({"$defs": SCHEMA["$defs"], "$ref": f"#/$defs/{part}"})
 
 
 class Conformance:
@@ -94,8 +91,7 @@ class Conformance:
         if (part, text) not in self.known:
             problem = jsonschema.exceptions.best_match(validator(part).iter_errors(message))
             check(problem is None, problem and f"not as the schema has {part}: {text[:500]!r}: {problem.message[:500]}")
-            if len(text) < 1000:
-                self.known.add((part, text))
+            self.known |= {(part, text)} if len(text) < 1000 else set()
 
     def sent(self, text):
         try:
@@ -115,7 +111,7 @@ class Conformance:
             return self.check(f"events/{message.get('type')}", text, message)
         check(self.asked, f"nobody asked for {text[:500]!r}")
         part = self.asked.popleft()
-        if message and not validator("responses/*").is_valid(message):  # the loop's own words
+        if message and not validator("responses/*").is_valid(message):  # the request loop's own answers
             self.check(part, text, message)
 
 
@@ -128,59 +124,48 @@ def die_with_parent():
 
 
 def stat(pid):
-    """Name, state letter and parent of a process; None when it is gone."""
+    """Name, state letter and parent of a process. One that is gone is "X" and nobody's."""
     try:
-        with open(f"/proc/{pid}/stat", errors="replace") as file:
-            name, rest = re.fullmatch(r"\d+ \((.*)\) (.*)\n", file.read(), re.S).groups()
-        return name, rest.split()[0], int(rest.split()[1])
+        name, state, parent = re.match(r"\d+ \((.*)\) (\w) (\d+)", read(f"/proc/{pid}/stat"), re.S).groups()
+        return name, state, int(parent)
     except OSError:
-        return None
+        return "", "X", 0
+
+
+def is_gone(pid):
+    return stat(pid)[1] in "XZ"
 
 
 def descendants(ancestor, name=None):
     """The processes below one, itself left out, nearest first; only those of this name. No zombies."""
-    parents = {int(pid): found for pid in os.listdir("/proc") if pid.isdigit() and (found := stat(pid))}
+    everybody = {int(pid): stat(pid) for pid in os.listdir("/proc") if pid.isdigit()}
     family = [ancestor]
     for elder in family:
-        family += [pid for pid, (_, _, parent) in parents.items() if parent == elder]
-    return [pid for pid in family[1:] if parents[pid][1] != "Z" and name in (None, parents[pid][0])]
+        family += [pid for pid, (_, _, parent) in everybody.items() if parent == elder]
+    return [pid for pid in family[1:] if everybody[pid][1] not in "XZ" and name in (None, everybody[pid][0])]
 
 
 def status_figure(pid, name):
     """A number of /proc/PID/status; sizes are in KiB."""
-    with open(f"/proc/{pid}/status") as file:
-        return next(int(line.split()[1]) for line in file if line.startswith(name + ":"))
+    return int(re.search(rf"^{name}:\s*(\d+)", read(f"/proc/{pid}/status"), re.M)[1])
 
 
-class Program:
-    """A program that a test starts itself, beside the helper. Ends with the test."""
+class Program(subprocess.Popen):
+    """A program that a test starts itself, beside the helper. It ends with the test."""
 
-    def __init__(self, *command, **options):
-        options = {"stdout": subprocess.PIPE, "stderr": subprocess.DEVNULL, "preexec_fn": die_with_parent} | options
-        self.child = subprocess.Popen(command, text=True, **options)
-        self.pid = self.child.pid
+    def __init__(self, *command):
+        super().__init__(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, preexec_fn=die_with_parent)
 
     def line(self):
-        return self.child.stdout.readline()
-
-    def state(self):
-        return stat(self.pid)[1]
-
-    def end(self):
-        self.child.kill()
-        self.child.wait()
+        return self.stdout.readline()
 
 
 def free_port():
-    """Tests that run at the same time look in places of their own, and none looks where the system takes ports from."""
-    start = os.getpid() * 16 % 12000
-    for port in range(20000 + start, 32000):
+    """Tests that run at the same time look in places of their own, and none where the system takes ports from."""
+    for port in range(20000 + os.getpid() * 16 % 12000, 32768):
         with socket.socket() as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
+            if probe.connect_ex(("127.0.0.1", port)) != 0:
                 return port
-            except OSError:
-                continue
     raise Failure("no port is free")
 
 
@@ -188,17 +173,9 @@ def server(*command):
     """Starts a debug server; "PORT" in its command line stands for the port that it listens on. Returns both."""
     port = free_port()
     program = Program(*(word.replace("PORT", str(port)) for word in command))
-
-    def listens():
-        # Connecting would use up the one connection that a debug server takes.
-        for table in ("/proc/net/tcp", "/proc/net/tcp6"):
-            with open(table) as lines:
-                if any(line.split()[1].endswith(f":{port:04X}") and line.split()[3] == "0A" for line in lines):
-                    return True
-        check(program.child.poll() is None, f"{command[0]} has ended")
-        return False
-
-    eventually(listens, f"{command[0]} listens on port {port}")
+    # Connecting would use up the one connection that a debug server takes.
+    listening = re.compile(rf":{port:04X} [0:]+ 0A ")
+    eventually(lambda: listening.search(read("/proc/net/tcp") + read("/proc/net/tcp6")), f"{command[0]} listens on port {port}")
     return program, port
 
 
@@ -212,15 +189,13 @@ def inferior(name):
 def symbol(program, name):
     """The address of a symbol as the file has it."""
     table = subprocess.run(["nm", program], text=True, capture_output=True, check=True).stdout
-    return next(int(line.split()[0], 16) for line in table.splitlines() if line.split()[-1] == name)
+    return int(re.search(rf"^(\w+) \w {name}$", table, re.M)[1], 16)
 
 
 def mappings(pid):
-    """(start, end, offset, file) of each mapping, as the kernel has it."""
-    with open(f"/proc/{pid}/maps", errors="surrogateescape") as lines:
-        for line in lines:
-            span, _, offset, _, _, *file = line.rstrip("\n").split(None, 5)
-            yield *(int(end, 16) for end in span.split("-")), int(offset, 16), file[0] if file else ""
+    """(start, end, offset, file) of each mapping of a file, as the kernel has it."""
+    for line in re.findall(r"^(\w+)-(\w+) \S+ (\w+) \S+ \d+ +(/.*)$", read(f"/proc/{pid}/maps"), re.M):
+        yield *(int(number, 16) for number in line[:3]), line[3]
 
 
 def image_base(pid, path):
@@ -245,7 +220,7 @@ def shim(**variables):
 class Host(Helper):
     """A host that checks all that is said, and takes events in order: none is dropped."""
 
-    def __init__(self, reads=True, checks_requests=True, prepare=None, **options):
+    def __init__(self, program=settings["helper"], reads=True, checks_requests=True, prepare=lambda: None, **options):
         self.conformance = Conformance(checks_requests)
         self.history = []
         self.output = ""
@@ -253,8 +228,7 @@ class Host(Helper):
         self.reading = threading.Event()  # clear for a host that does not read
         if reads:
             self.reading.set()
-        options["preexec_fn"] = lambda: (die_with_parent(), prepare and prepare())
-        super().__init__(options.pop("program", settings["helper"]), **options)
+        super().__init__(program, preexec_fn=lambda: (die_with_parent(), prepare()), **options)
         self.pid = self.child.pid
 
     def _read(self):
@@ -302,11 +276,6 @@ class Host(Helper):
     def next_event(self):
         return self.taken(self.events)
 
-    def rest(self):
-        """The events that nobody has taken, of a helper that has ended."""
-        while not isinstance(event := self.events.get(timeout=DEADLINE), Exception):
-            yield event
-
     def ask_all(self, *requests):
         """Sends requests without ids in one write, and returns their responses."""
         self.send(*(json.dumps(r if isinstance(r, dict) else {"command": r}).encode() for r in requests))
@@ -330,6 +299,12 @@ class Host(Helper):
             self.output += bytes.fromhex(event.get("output", "")).decode()
         expect(event["state_desc"], name, f"the next state, after the output {self.output[-200:]!r}")
         return event
+
+    def await_exit(self):
+        """The exit, whatever states come before it."""
+        while (event := self.next_event()).get("state_desc") != "eStateExited":
+            pass
+        return event["exit_status"]
 
     def await_output(self, end):
         while not self.output.endswith(end):
@@ -373,13 +348,18 @@ class Host(Helper):
 
     def address(self, function):
         """Where the function is in the process."""
-        fixed = symbol(self.symbols or self.program, function)
+        address = symbol(self.symbols or self.program, function)
         with open(self.program, "rb") as file:
             is_fixed = file.read(17)[16] == 2  # ET_EXEC
-        return fixed if is_fixed else fixed + image_base(self.inferior_pid(), self.program)
+        return address if is_fixed else address + image_base(self.inferior_pid(), self.program)
 
     def stack(self):
         return self.ok("getCallstack")["callstack"]
+
+    def rest(self):
+        """The events that nobody has taken, of a helper that has ended."""
+        while not isinstance(event := self.events.get(timeout=DEADLINE), Exception):
+            yield event
 
     def end(self):
         """Deletes the process, if there is one, and ends the helper, which must leave nothing."""

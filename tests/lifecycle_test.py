@@ -1,17 +1,15 @@
 """Starting, stopping and ending, in orders and at speeds that a debugger's threads dislike."""
 
 import os
+import shutil
 import signal
 import statistics
+import tempfile
 import time
 
-from kit import (
-    OK, Host, attached, check, descendants, error, eventually, expect, image_base, inferior, launched, server,
-    settings, shim, waiting,
-)
+from kit import *
 
 HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
-WAIT = HELLO | {"path": inferior("wait")}
 
 
 def one_processor():
@@ -31,6 +29,29 @@ def test_create_and_delete_back_to_back():
     # Nothing of a run is reported in the next one.
     states = {event["state_desc"] for event in host.rest() if event["type"] == "state"}
     check(states <= {"eStateStopped"}, states)
+
+
+def test_a_launch_that_fails_leaves_no_target():
+    denied = shutil.copy(inferior("hello"), tempfile.mkdtemp())
+    os.chmod(denied, 0o644)
+    host = Host()
+    for prefix, preparation in (
+        ("cannot build target: ", {"path": "/nowhere/program"}),
+        ("cannot ", {"path": "/etc/passwd"}),
+        ("cannot ", {"path": ""}),
+        ("cannot create process: ", {"cwd": "/nowhere"}),
+        ("cannot ", {"triple": "bogus-bogus-bogus"}),
+        ("cannot ", {"triple": "x86_64-linux-gnu"}),  # selects another platform in LLDB; launches must go on to work
+        ("cannot create process: ", {"path": denied}),
+    ):
+        host.ok(**HELLO | preparation)
+        for _ in range(2):
+            message = host.ask("createProcess")["message"]
+            check(message.startswith(prefix) and len(message) > len(prefix) + 5, message)
+            expect(host.ask("getProcessState"), error("no target"))
+    expect(host.run("hello"), ("hello\r\nworld\r\n", 3))
+    expect(host.ok("executeCommand", cli="target list")["output"], "No targets.\n")
+    host.end()
 
 
 def continue_right_after_create(host):
@@ -110,14 +131,14 @@ def test_attach_to_a_running_program():
         check(answer["sectionName"], "a section without name")
         expect(answer["loadAddr"] - answer["fileAddr"], image_base(program.pid, inferior("wait")))
         expect(answer["aslrSlide"], answer["loadAddr"] - answer["fileAddr"])
-        expect(program.state(), "t")
+        expect(stat(program.pid)[1], "t")
         for again in (attach(program.pid), {"command": "createProcess"}):
             expect(host.ask(**again), error("process already exists"))
         host.state("eStateStopped")
         host.resume_only()
         host.ok("detach")
         host.state("eStateDetached")
-        eventually(lambda: program.state() == "S", "it sleeps, as before")
+        eventually(lambda: stat(program.pid)[1] == "S", "it sleeps, as before")
         host.ok("deleteProcess")
         # An attached program outlives the deletion, too, and can be attached to again.
         for end in ("deleteProcess", "stopExecution"):
@@ -125,11 +146,10 @@ def test_attach_to_a_running_program():
             host.state("eStateStopped")
             host.ok(end)
             if end == "deleteProcess":
-                eventually(lambda: program.state() == "S", "LLDB detaches from what it did not start")
+                eventually(lambda: stat(program.pid)[1] == "S", "LLDB detaches from what it did not start")
         host.state("eStateExited")
         host.ok("deleteProcess")
-        eventually(lambda: program.state() == "Z", "it is gone")
-        program.end()
+        eventually(lambda: is_gone(program.pid), "it is gone")
         host.end()
 
 
@@ -174,7 +194,7 @@ def test_connect_and_delete_back_to_back():
     program, port = server(settings["lldb-server"], "gdbserver", "127.0.0.1:PORT")
     connect = {"command": "connectRemote", "url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote"}
     expect(host.ask_all(connect, "deleteProcess"), [OK] * 2)
-    program.end()
+    program.kill()
     host.end()
 
 
@@ -183,10 +203,9 @@ def test_a_server_that_hangs_up_ends_the_process_only():
     program, port = server(settings["lldb-server"], "gdbserver", "127.0.0.1:PORT", inferior("wait"))
     host.ok("connectRemote", url=f"connect://127.0.0.1:{port}", plugin="gdb-remote", file=inferior("wait"))
     host.state("eStateStopped")
-    program.end()
+    program.kill()
     host.ask("continueExecution")  # how LLDB notices
-    while host.next_event().get("state_desc") != "eStateExited":
-        pass
+    host.await_exit()
     for command in ("continueExecution", "getRegisters", "stopExecution"):
         host.ask(command)
     host.end()

@@ -12,8 +12,7 @@ A block below a heading is a session with a helper of its own.
     => 1c 00 …  and  <= 19 00 …         the frames of the request and of the response before it
     $ launch steps one two              prepares and creates tests/inferiors/steps, up to the stop at its entry
     $ run to steps:leaf                 sets a breakpoint there, continues, and awaits the stop
-    $ lldb-server gdbserver :«port» …   starts a server (or gdbserver, qemu-aarch64), or a program: «pid»
-    $ needs LLDB 22 …  $ needs gdbserver    elsewhere the session is not tested, and says so
+    $ lldb-server gdbserver :«port» …   starts a server, or a program (without «port»): «pid»
 
 State events must come as they stand, in their order; output must come whole, in any pieces, before an exit. Modules that
 a line names must come; others may. At the end a process that is left is deleted, and the helper ends with status 0.
@@ -25,58 +24,55 @@ a line names must come; others may. At the end a process that is left is deleted
 In a block that begins with "$ lldb-helper" a person types: lines after "> " go in, the rest comes out.
 """
 
+import collections
 import difflib
 import itertools
 import json
-import os
 import re
 import shlex
-import shutil
 import signal
 import subprocess
 import sys
 import tempfile
 
 import kit
-from kit import Failure, Host, NotTested, check, settings
+from kit import Failure, Host, check, settings
 
 # --- The short forms ----------------------------------------------------------------------------------
 
 
+def as_object(*members):
+    return "{" + ", ".join(f'"{key}": {value}' for key, value in members) + "}"
+
+
 def members(text):
     """The members of «key=value key=value», each value as JSON text."""
-    pairs = re.findall(r'([\w-]+)=("(?:[^"\\]|\\.)*"|\[[^]]*\]|\S*)', text)
-    is_json = re.compile(r'["\[{«\d-]|(true|false|null)$')
-    return [(key, value if is_json.match(value) else json.dumps(value, ensure_ascii=False)) for key, value in pairs]
-
-
-def as_object(pairs):
-    return "{" + ", ".join(f'"{key}": {value}' for key, value in pairs) + "}"
+    for key, value in re.findall(r'([\w-]+)=("(?:[^"\\]|\\.)*"|\[[^]]*\]|\S*)', text):
+        yield key, value if re.match(r'["\[{«\d-]|(true|false|null)$', value) else f'"{value}"'
 
 
 def request_text(line):
-    if line[:1] in "{[" or not re.match(r"\w+( \w+=|$)", line):
-        return line
     command, _, rest = line.partition(" ")
-    return as_object([("command", json.dumps(command)), *members(rest)])
+    is_short = re.match(r"\w+( \w+=|$)", line)
+    return as_object(("command", f'"{command}"'), *members(rest)) if is_short else line
 
 
 def response_text(line):
     kind, _, rest = line.partition(" ")
     if kind == "ok":
-        return as_object(sorted([("status", '"ok"'), *members(rest)]))
-    return as_object([("message", f'"{rest}"'), ("status", '"error"')]) if kind == "error" else line
+        return as_object(*sorted([("status", '"ok"'), *members(rest)]))
+    return as_object(("message", f'"{rest}"'), ("status", '"error"')) if kind == "error" else line
 
 
 def event_text(line):
     kind, _, rest = line.partition(" ")
     if kind.startswith("eState"):
         number = kit.SCHEMA["$defs"]["stateName"]["enum"].index(kind)
-        exit_status = [("exit_status", rest)] if rest else []
-        state = [("inferior_state", str(number)), ("state_desc", f'"{kind}"'), ("status", '"event"'), ("type", '"state"')]
-        return as_object(exit_status + state)
+        state = [("exit_status", rest)] if rest else []
+        state += [("inferior_state", number), ("state_desc", f'"{kind}"')]
+        return as_object(*state, ("status", '"event"'), ("type", '"state"'))
     if kind == "output":
-        return as_object([("output", f'"{json.loads(rest).encode().hex()}"'), ("status", '"event"'), ("type", '"stdout"')])
+        return as_object(("output", f'"{json.loads(rest).encode().hex()}"'), ("status", '"event"'), ("type", '"stdout"'))
     if kind == "moduleLoaded":
         return f'{{"modules": [«…»"file": "{rest}"«…»], "status": "event", "type": "moduleLoaded"}}'
     return line
@@ -85,12 +81,20 @@ def event_text(line):
 # --- Playing ------------------------------------------------------------------------------------------
 
 
-def is_state(event):
-    return '"type": "state"' in event
+def is_event(text):
+    return '"status": "event"' in text
+
+
+def states_of(events):
+    return [event for event in events if '"type": "state"' in event]
 
 
 def output_of(events):
     return b"".join(bytes.fromhex(found[1]) for event in events if (found := re.search(r'"output": "(\w*)"', event)))
+
+
+def frame(text):
+    return (len(text.encode()).to_bytes(4, sys.byteorder) + text.encode()).hex(" ")
 
 
 class Turn:
@@ -102,19 +106,14 @@ class Turn:
             found = [re.fullmatch(r"(.*?)(?: ×(\d+))?", line[3:]) for line in lines if line.startswith(signs)]
             return [match[1] for match in found for _ in range(int(match[2] or 1))]
 
-        self.lines = lines
         self.requests = [request_text(line) for line in taken("-> ", "!> ")]
         self.is_wrong = any(line.startswith("!> ") for line in lines)
         self.responses = [response_text(line) for line in taken("<- ")]
         self.sent, self.received = taken("=> "), taken("<= ")
         events = [event_text(line[2:]) for line in lines if line.startswith("* ")]
-        self.states = [event for event in events if is_state(event)]
+        self.states, self.output = states_of(events), output_of(events)
         self.modules = [event for event in events if '"type": "module' in event]
-        self.output = output_of(events)
-
-
-def frame(text):
-    return (len(text.encode()).to_bytes(4, sys.byteorder) + text.encode()).hex(" ")
+        check(len(self.requests) == len(self.responses), f"as many responses as requests, please: {lines}")
 
 
 class Session(Host):
@@ -126,18 +125,17 @@ class Session(Host):
         self.events = []  # that no turn has claimed yet
 
     def value(self, name):
-        """What a name stands for; None where it matches anything."""
-        name, _, offset = name.partition("+")
-        form, _, place = name.rpartition(" ")
+        """What a name stands for; itself where it matches anything."""
+        form, place, offset = re.fullmatch(r"(?:(hex|reg) )?([^+]*)\+?(\d*)", name).groups()
         if ":" in place:
             program, function = place.split(":")
             self.program = kit.inferior(program)
-            return {"": "{}", "hex": "{:x}", "reg": "0x{:016x}"}[form].format(self.address(function))
-        value = self.names.get(name)
-        return str(int(value) + int(offset) if offset else value) if value is not None else None
+            return {None: "{}", "hex": "{:x}", "reg": "0x{:016x}"}[form].format(self.address(function))
+        value = self.names.get(place, f"«{name}»")
+        return "0x{:016x}".format(int(value)) if form == "reg" else str(int(value) + int(offset) if offset else value)
 
     def fill_in(self, text):
-        return re.sub("«([^»=]+)»", lambda match: self.value(match[1]) or match[0], text)
+        return re.sub("«([^»=]+)»", lambda match: self.value(match[1]), text)
 
     def matches(self, wanted, came):
         pattern = ""
@@ -157,58 +155,54 @@ class Session(Host):
         check(text, "the helper has closed its output")
         return text.decode(errors="surrogateescape")
 
+    def response(self):
+        while is_event(text := self.next_text()):
+            self.events.append(text)
+        return json.loads(text)
+
     def take(self, turn):
         """Sends the turn's requests and reads until as much has come as the page has."""
-        requests, responses, came = [self.fill_in(text) for text in turn.requests], [], []
+        requests, came = [self.fill_in(text) for text in turn.requests], []
         self.conformance.checks_requests = not turn.is_wrong
         self.send(*(text.encode() for text in requests))
+        problem = ""
         try:
-            while len(responses) < len(requests) or not self.has_come(turn):
+            while len(came) - sum(map(is_event, came)) < len(requests) or not self.has_come(turn):
                 came.append(self.next_text())
-                (self.events if '"status": "event"' in came[-1] else responses).append(came[-1])
+                self.events += [came[-1]] if is_event(came[-1]) else []
         except Failure as failure:
-            raise Failure(f"{failure}{self.difference(turn, responses)}") from None
+            problem = str(failure)
         events, self.events = self.events, []
-        if self.compares:
-            self.compare(turn, requests, responses, events)
+        if self.compares or problem:
+            self.compare(turn, requests, [text for text in came if not is_event(text)], events, problem)
         return requests, came
 
     def has_come(self, turn):
         return (
-            len(list(filter(is_state, self.events))) >= len(turn.states)
+            len(states_of(self.events)) >= len(turn.states)
             and len(output_of(self.events)) >= len(turn.output)
-            and (not self.compares or all(any(self.matches(m, event) for event in self.events) for m in turn.modules))
+            and all(any(self.matches(module, event) for event in self.events) for module in turn.modules)
         )
 
-    def compare(self, turn, requests, responses, events):
-        pairs = list(zip(turn.responses, responses))
-        pairs += zip(turn.sent, map(frame, requests))
-        pairs += zip(turn.received, map(frame, responses))
-        states = list(filter(is_state, events))
-        pairs += itertools.zip_longest(turn.states, states, fillvalue="(nothing)")
+    def compare(self, turn, requests, responses, events, problem):
+        """A difference is shown beside what is as it should be."""
         exits = [at for at, event in enumerate(events) if "eStateExited" in event]
         output = output_of(events[: exits[-1]] if exits else events)
-        pairs.append((repr(turn.output), repr(output)))
-        check(len(turn.responses) == len(responses), f"the page has {len(turn.responses)} responses: {turn.lines}")
-        if not all(self.matches(wanted, came) for wanted, came in pairs):
-            raise Failure(self.difference(turn, responses, events))
-
-    def difference(self, turn, responses, events=None):
-        wanted = turn.responses + turn.states + ([f"output {turn.output!r}"] if turn.output else [])
-        events = self.events if events is None else events
-        output = output_of(events)
-        came = responses + list(filter(is_state, events)) + ([f"output {output!r}"] if output else [])
-        lines = ["", *("    " + self.fill_in(line) for line in turn.lines if line[1:3] == "> " and line[0] in "-!")]
-        for left, right in itertools.zip_longest(map(self.fill_in, wanted), came, fillvalue="(nothing)"):
-            lines += [f"    {right}"] if self.matches(left, right) else [f"  - {left}", f"  + {right}"]
-        return "\n".join(lines)
+        pairs = [*zip(turn.sent, map(frame, requests)), *zip(turn.received, map(frame, responses))]
+        pairs += itertools.zip_longest(turn.responses, responses, fillvalue="(nothing)")
+        pairs += itertools.zip_longest(turn.states, states_of(events), fillvalue="(nothing)")
+        pairs += [(f"output {turn.output!r}", f"output {output!r}")]
+        rows = [(self.matches(*pair), self.fill_in(pair[0]), pair[1]) for pair in pairs]
+        if problem or not all(is_same for is_same, _, _ in rows):
+            shown = [f"    {came}" if is_same else f"  - {wanted}\n  + {came}" for is_same, wanted, came in rows]
+            raise Failure("\n".join([problem, *(f"    {text}" for text in requests), *shown]))
 
     def start(self, words):
         """A server, or a program that says something once it is started."""
-        words = [self.fill_in(word) for word in words]
-        if any("«port»" in word for word in words):
-            words[0] = settings["lldb-server"] if words[0] == "lldb-server" else words[0]
-            _, self.names["port"] = kit.server(*(word.replace("«port»", "PORT") for word in words))
+        words = [self.fill_in(word).replace("«port»", "PORT") for word in words]
+        if any("PORT" in word for word in words):
+            words[0] = settings.get(words[0], words[0])
+            _, self.names["port"] = kit.server(*words)
         else:
             program = kit.Program(*words)
             program.line()
@@ -217,13 +211,7 @@ class Session(Host):
     def instruct(self, line):
         """What a line that begins with "$" asks for, as turns."""
         name, _, rest = line.partition(" ")
-        if name == "needs":
-            version = re.fullmatch(r"LLDB (\d+) .*", rest)
-            if version and settings["lldb"] < int(version[1]):
-                raise NotTested(f"this is LLDB {settings['lldb']}; {rest}")
-            if not version and not shutil.which(rest):
-                raise NotTested(f"{rest} is not installed")
-        elif name == "launch":
+        if name == "launch":
             program, _, arguments = rest.partition(" ")
             preparation = {"command": "prepareExecutable", "path": kit.inferior(program), "args": self.fill_in(arguments)}
             yield [f"-> {json.dumps(preparation, ensure_ascii=False)}", "<- ok"]
@@ -237,8 +225,7 @@ class Session(Host):
     def play(self, lines):
         """Yields each turn's lines, its requests, and the messages that came."""
         turns = re.findall(r"(?:^\$ .*$)|(?:^[-!]> .*\n?)+(?:^[<*=].*\n?)*", "\n".join(lines), re.M)
-        if (rest := "\n".join(lines)) and sum(len(t.strip("\n").split("\n")) for t in turns) != len(lines):
-            raise Failure(f"not understood: {rest}")
+        check(sum(len(turn.strip("\n").split("\n")) for turn in turns) == len(lines), f"not understood: {lines}")
         for text in turns:
             if text.startswith("$ "):
                 for turn in self.instruct(text[2:]):
@@ -247,15 +234,10 @@ class Session(Host):
             else:
                 yield text, *self.take(Turn(text.strip("\n").split("\n")))
 
-    def response(self):
-        while '"status": "event"' in (text := self.next_text()):
-            self.events.append(text)
-        return json.loads(text)
-
     def finish(self):
         self.end()
         self.events += iter(lambda: self.checked_text().decode(errors="surrogateescape"), "")
-        check(not any(map(is_state, self.events)), f"more has come than the page has: {self.events}")
+        check(not states_of(self.events), f"more has come than the page has: {self.events}")
 
 
 def play_console(block):
@@ -269,16 +251,11 @@ def play_console(block):
 
 def blocks(path):
     """The page in pieces: (heading, lines, whether they are a session)."""
-    heading, lines, is_block = "", [], False
-    with open(path) as page:
-        for line in page.read().splitlines():
-            if line == "```":
-                yield heading, lines, is_block
-                lines, is_block = [], not is_block
-            else:
-                lines.append(line)
-                heading = line.lstrip("# ") if line.startswith("#") and not is_block else heading
-    yield heading, lines, is_block
+    heading = ""
+    for number, piece in enumerate(re.split(r"^```\n|^```$", kit.read(path), flags=re.M)):
+        headings = re.findall(r"^#+ (.*)", piece, re.M) if number % 2 == 0 else []
+        heading = headings[-1] if headings else heading
+        yield heading, piece.splitlines(), number % 2 == 1
 
 
 def play(path, name):
@@ -292,10 +269,9 @@ def play(path, name):
     signal.signal(signal.SIGALRM, give_up)
     for lines in found:
         if lines[0].startswith("$ lldb-helper"):
-            if (came := play_console(lines)) != lines:
-                raise Failure("\n" + "\n".join(difflib.ndiff(lines, came)))
+            came = play_console(lines)
+            check(came == lines, "\n" + "\n".join(difflib.ndiff(lines, came)))
         else:
             session = Session()
-            for _ in session.play(lines):
-                pass
+            collections.deque(session.play(lines), maxlen=0)
             session.finish()

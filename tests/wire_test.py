@@ -3,14 +3,12 @@
 import json
 import os
 import re
-import resource
 import shutil
 import struct
 import subprocess
 import tempfile
 
-import kit
-from kit import OK, SCHEMA, Host, NotTested, check, error, expect, inferior, server, settings, shim, symbol
+from kit import *
 
 PING = b'{"command":"ping"}'
 NOTHING = "Cannot decode JSON: unexpected end of input"
@@ -23,7 +21,7 @@ def frame(text):
 def said(arguments, data):
     """What a helper with these arguments and this standard input writes to its standard output."""
     command = [settings["helper"], *arguments]
-    return subprocess.run(command, input=data, stdout=subprocess.PIPE, timeout=kit.DEADLINE, check=True).stdout
+    return subprocess.run(command, input=data, stdout=subprocess.PIPE, timeout=DEADLINE, check=True).stdout
 
 
 def test_frames_that_no_page_can_show():
@@ -50,7 +48,7 @@ def test_a_refused_length_does_not_wait_for_its_text():
     host = Host()
     host.requests.write(b"\0\0\0\x80{}")
     host.requests.flush()
-    expect(host.child.wait(kit.DEADLINE), 0)
+    expect(host.child.wait(DEADLINE), 0)
 
 
 def test_prompts_do_not_eat_console_lines():
@@ -64,9 +62,19 @@ def test_prompts_do_not_eat_console_lines():
 def test_descriptors_that_cannot_be_used():
     for arguments in (["77", "78"], ["0", "78"], ["77", "1"], ["-1", "1"]):
         read, write = os.pipe()  # the requests' end can be read, not written
-        run = subprocess.run([settings["helper"], *arguments], stdin=read, capture_output=True, timeout=kit.DEADLINE)
+        run = subprocess.run([settings["helper"], *arguments], stdin=read, capture_output=True, timeout=DEADLINE)
         complaint = f"lldb-helper: cannot use descriptors {arguments[0]} and {arguments[1]} as input and output\n"
         expect((run.returncode, run.stderr.decode()), (1, complaint))
+
+
+def test_commands_without_a_target_or_a_process():
+    host = Host()
+    free = {"ping", "prepareExecutable", "createProcess", "attachToProcess", "executeCommand", "completeCommand", "connectRemote"}
+    no_target = {"getProcessState", "continueExecution", "removeBreakpoint", "removeAllBreakpoints",
+                 "setBreakpointAtVirtualAddress"}
+    for command in SCHEMA["$defs"]["requests"].keys() - free:
+        expect(host.ask(command), error("no target" if command in no_target else "no process"), command)
+    host.end()
 
 
 def test_every_command_takes_arguments_of_every_kind():
@@ -199,14 +207,14 @@ def debug_through(pc, file, triple, *command):
 
 def test_lldb_server():
     program = inferior("steps-fixed")
-    debug_through(kit.PC, program, "", settings["lldb-server"], "gdbserver", "127.0.0.1:PORT", program)
+    debug_through(PC, program, "", settings["lldb-server"], "gdbserver", "127.0.0.1:PORT", program)
 
 
 def test_gnu_gdbserver():
     if settings["lldb"] < 22:
         raise NotTested("this LLDB mistakes GNU gdbserver's stops, see docs/platforms.md")
     program = inferior("steps-fixed")
-    debug_through(kit.PC, program, "", "gdbserver", "127.0.0.1:PORT", program)
+    debug_through(PC, program, "", "gdbserver", "127.0.0.1:PORT", program)
 
 
 def test_qemu_with_a_program_of_another_architecture():

@@ -6,7 +6,7 @@
 
 const assert = require('node:assert/strict');
 const path = require('node:path');
-const { Helper, parse, stringify } = require('../../examples/host.js');
+const { Helper, parse, stringify } = require('../examples/host.js');
 
 for (const [text, value] of [
   ['18446744073709551615', 18446744073709551615n],

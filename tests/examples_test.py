@@ -1,0 +1,59 @@
+"""The example hosts, each with its session on examples/sample.c, and killed in the middle of it."""
+
+import os
+import re
+import resource
+import shutil
+import subprocess
+
+from kit import *
+
+EXAMPLES = os.path.join(settings["source"], "examples")
+EXACT_PC = r"pc 0x[0-9a-f]{5,16}\b"
+
+
+def run_example(*command, shows=()):
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # a helper whose host dies ends by abort
+    # Python writes to a pipe only at its end.
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True, "errors": "replace",
+               "env": os.environ | {"PYTHONUNBUFFERED": "1"}}
+    host = subprocess.Popen([*command, settings["helper"], settings["sample"]], **options)
+    output = host.communicate(timeout=DEADLINE)[0]
+    expect(host.returncode, 0, output)
+    for pattern in ("Good morning, world!", "sample: 1 arguments", "exit status 3", *shows):
+        check(re.search(pattern, output), f"the run does not show {pattern!r}: {output}")
+    eventually(lambda: not descendants(os.getpid()), "nothing stays")
+
+    host = subprocess.Popen(host.args, **options)
+    check(any("eStateStopped" in line for line in host.stdout), "it never came to a stop")
+    host.kill()
+    host.wait()
+    eventually(lambda: not descendants(os.getpid()), "nothing stays when the host is killed")
+
+
+def node():
+    found = shutil.which("node") or shutil.which("nodejs")
+    if not found:
+        raise NotTested("there is no node")
+    return found
+
+
+def test_python():
+    run_example(sys.executable, os.path.join(EXAMPLES, "session.py"))
+
+
+def test_cpp():
+    run_example(os.path.join(settings["build"], "example-cpp"), shows=[EXACT_PC])
+
+
+def test_c():
+    run_example(os.path.join(settings["build"], "example-c"), shows=[EXACT_PC])
+
+
+def test_node():
+    run_example(node(), os.path.join(EXAMPLES, "session.js"), shows=[EXACT_PC, r"not in memory: \S+ 0xf{16}\b"])
+
+
+def test_node_keeps_all_64_bits_of_numbers():
+    numbers = os.path.join(settings["source"], "tests", "numbers.js")
+    subprocess.run([node(), numbers, settings["helper"], settings["sample"]], check=True, timeout=DEADLINE)
