@@ -151,13 +151,12 @@ def status_figure(pid, name):
 
 
 class Program(subprocess.Popen):
-    """A program that a test starts itself, beside the helper. It ends with the test."""
+    """A program that a test starts itself, beside the helper, and that says that it is ready. It ends with the test."""
 
-    def __init__(self, *command):
+    def __init__(self, *command, speaks=True):
         super().__init__(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, preexec_fn=die_with_parent)
-
-    def line(self):
-        return self.stdout.readline()
+        if speaks:
+            self.stdout.readline()
 
 
 def free_port():
@@ -172,7 +171,7 @@ def free_port():
 def server(*command):
     """Starts a debug server; "PORT" in its command line stands for the port that it listens on. Returns both."""
     port = free_port()
-    program = Program(*(word.replace("PORT", str(port)) for word in command))
+    program = Program(*(word.replace("PORT", str(port)) for word in command), speaks=False)
     # Connecting would use up the one connection that a debug server takes.
     listening = re.compile(rf":{port:04X} [0:]+ 0A ")
     eventually(lambda: listening.search(read("/proc/net/tcp") + read("/proc/net/tcp6")), f"{command[0]} listens on port {port}")
@@ -331,6 +330,12 @@ class Host(Helper):
         self.resume_only(how)
         return self.state(to)
 
+    def start_waiting(self):
+        """A program that runs, and waits."""
+        self.launch("wait")
+        self.resume_only()
+        self.await_output("ready\r\n")
+
     def run(self, *launch, **more):
         """From the launch to the deletion. Returns output and exit status."""
         self.launch(*launch, **more)
@@ -357,9 +362,9 @@ class Host(Helper):
         return self.ok("getCallstack")["callstack"]
 
     def rest(self):
-        """The events that nobody has taken, of a helper that has ended."""
-        while not isinstance(event := self.events.get(timeout=DEADLINE), Exception):
-            yield event
+        """The events that have come and that nobody has taken."""
+        while not self.events.empty():
+            yield self.next_event()
 
     def end(self):
         """Deletes the process, if there is one, and ends the helper, which must leave nothing."""
@@ -369,23 +374,8 @@ class Host(Helper):
         eventually(lambda: not descendants(self.pid), "its processes end")
 
 
-def launched(program, args="", **options):
+def launched(name, **options):
     """A host whose program stands at its entry."""
     host = Host(**options)
-    host.launch(program, args)
+    host.launch(name)
     return host
-
-
-def waiting():
-    """A host whose program runs, and waits."""
-    host = launched("wait")
-    host.resume_only()
-    host.await_output("ready\r\n")
-    return host
-
-
-def attached():
-    """A program that waits, and a host, which has not attached to it yet."""
-    program = Program(inferior("wait"))
-    program.line()
-    return program, Host()

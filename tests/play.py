@@ -204,9 +204,7 @@ class Session(Host):
             words[0] = settings.get(words[0], words[0])
             _, self.names["port"] = kit.server(*words)
         else:
-            program = kit.Program(*words)
-            program.line()
-            self.names["pid"] = program.pid
+            self.names["pid"] = kit.Program(*words).pid
 
     def instruct(self, line):
         """What a line that begins with "$" asks for, as turns."""

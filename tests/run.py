@@ -1,4 +1,4 @@
-"""Runs one test: a session of a page, or a function of a Python file.
+"""Runs one test: a session of a page, or a function of a Python file. One that takes a host gets one, which must end well.
 
 Usage: run.py PAGE|FILE NAME        (see kit.py for what the environment must hold; ctest knows it)
 """
@@ -17,7 +17,12 @@ def run(path, name):
     if path.endswith(".md"):
         return play.play(path, name)
     sys.path.insert(0, os.path.dirname(path))
-    getattr(importlib.import_module(os.path.basename(path)[: -len(".py")]), name)()
+    test = getattr(importlib.import_module(os.path.basename(path)[: -len(".py")]), name)
+    if test.__code__.co_argcount == 0:
+        return test()
+    host = kit.Host()
+    test(host)
+    host.end()
 
 
 def main(path, name):

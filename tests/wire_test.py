@@ -67,17 +67,15 @@ def test_descriptors_that_cannot_be_used():
         expect((run.returncode, run.stderr.decode()), (1, complaint))
 
 
-def test_commands_without_a_target_or_a_process():
-    host = Host()
+def test_commands_without_a_target_or_a_process(host):
     free = {"ping", "prepareExecutable", "createProcess", "attachToProcess", "executeCommand", "completeCommand", "connectRemote"}
     no_target = {"getProcessState", "continueExecution", "removeBreakpoint", "removeAllBreakpoints",
                  "setBreakpointAtVirtualAddress"}
     for command in SCHEMA["$defs"]["requests"].keys() - free:
         expect(host.ask(command), error("no target" if command in no_target else "no process"), command)
-    host.end()
 
 
-def test_every_command_takes_arguments_of_every_kind():
+def test_every_command_takes_arguments_of_every_kind(host):
     """None ends the helper or goes without an answer, with a process or without."""
     values = [None, True, -1, 0, 0.5, 1e300, 2**64 - 1, "text", "", '"', "a" * 5000, [], [None, "x", 7], {"a": 1}]
     requests = SCHEMA["$defs"]["requests"]
@@ -85,7 +83,7 @@ def test_every_command_takes_arguments_of_every_kind():
     commands = list(requests)[::-1]
     expect(len(commands), 32)
     arguments = {name for request in requests.values() for name in request["properties"]} - {"command", "id", "pid"}
-    host = Host(checks_requests=False)
+    host.conformance.checks_requests = False
     for has_process in (False, True):
         for value in values:
             if has_process:
@@ -94,17 +92,12 @@ def test_every_command_takes_arguments_of_every_kind():
                 if command != "connectRemote" or value == "text":  # it takes seconds each time
                     host.ask_all(dict.fromkeys(arguments, value) | {"command": command})
             host.ask("deleteProcess")
-            for event in iter(lambda: host.events.empty() or host.next_event(), True):
-                pass
-    expect(host.ask("ping"), OK)
+            list(host.rest())
 
 
 def test_the_reference_the_schema_and_the_table_name_the_same_commands():
-    def read(name):
-        with open(os.path.join(settings["source"], name)) as file:
-            return file.read()
-
-    code, table = read("src/channel/Dispatcher.cpp").split("const Command commands[]")
+    source = lambda name: read(os.path.join(settings["source"], name))
+    code, table = source("src/channel/Dispatcher.cpp").split("const Command commands[]")
     rows = re.split(r'\{"(\w+)",', table)
     in_code = {name: set(re.findall(r'r\["(\w+)"\]', row)) for name, row in zip(rows[1::2], rows[2::2])}
     in_code["prepareExecutable"] = set(re.findall(r'request\["(\w+)"\]', code))  # the row with a function of its own
@@ -112,7 +105,7 @@ def test_the_reference_the_schema_and_the_table_name_the_same_commands():
     in_schema = {name: set(part["properties"]) - {"command", "id"} for name, part in SCHEMA["$defs"]["requests"].items()}
     expect(in_code, in_schema)
     expect(list(in_code), list(SCHEMA["$defs"]["requests"]), "the order")
-    page = read("docs/protocol.md")
+    page = source("docs/protocol.md")
     sections = re.split(r"\n### (.*)\n", page[page.index("\n## Commands") : page.index("\n## Events")])
     in_page = {name: text for heading, text in zip(sections[1::2], sections[2::2]) for name in re.findall(r"\w+", heading)}
     expect(set(in_page), set(in_schema))
@@ -130,8 +123,7 @@ def records(*requests):
     for request in requests:
         host.ask_all(request)
     expect(host.close(), 0)
-    with open(file, errors="surrogateescape") as log:
-        found = log.read().split("\x1e")[:-1]
+    found = read(file).split("\x1e")[:-1]
     user, notice = 8, 5
     texts = [record.removeprefix(f"lldb-helper {user | notice} ") for record in found]
     check(all(text != record for text, record in zip(texts, found)), found)
