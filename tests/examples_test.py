@@ -38,22 +38,13 @@ def node():
     return found
 
 
-def test_python():
+def test_python_c_and_cpp():
     run_example(sys.executable, os.path.join(EXAMPLES, "session.py"))
-
-
-def test_cpp():
-    run_example(os.path.join(settings["build"], "example-cpp"), shows=[EXACT_PC])
-
-
-def test_c():
-    run_example(os.path.join(settings["build"], "example-c"), shows=[EXACT_PC])
+    for name in ("c", "cpp"):
+        run_example(os.path.join(settings["build"], f"example-{name}"), shows=[EXACT_PC])
 
 
 def test_node():
     run_example(node(), os.path.join(EXAMPLES, "session.js"), shows=[EXACT_PC, r"not in memory: \S+ 0xf{16}\b"])
-
-
-def test_node_keeps_all_64_bits_of_numbers():
     numbers = os.path.join(settings["source"], "tests", "numbers.js")
     subprocess.run([node(), numbers, settings["helper"], settings["sample"]], check=True, timeout=DEADLINE)

@@ -59,9 +59,10 @@ def expect(came, wanted, what=""):
 
 def eventually(condition, what):
     end = time.monotonic() + DEADLINE
-    while not condition():
+    while not (value := condition()):
         check(time.monotonic() < end, f"awaited in vain: {what}")
         time.sleep(0.002)
+    return value
 
 
 def error(message):

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -127,20 +126,6 @@ TEST(JsonValue, ObjectsAreSortedHoweverTheyAreBuilt) {
     ASSERT_EQ(set.find("ab")->second, Json(8));
     for (const char *missing : {"aa", "c"}) ASSERT_EQ(set.find(missing), set.end());
   } while (std::next_permutation(keys.begin(), keys.end()));
-}
-
-TEST(JsonValue, CopiesMayBeReadAndReleasedOnAnyThread) {
-  const Json shared(Object{{"k", Array{"text", byteBlock({1, 2, 3})}}});
-  const auto work = [&shared] {
-    for (int round = 0; round < 10000; ++round) {
-      const Json copy = shared["k"];
-      ASSERT_EQ(copy[0].stringValue(), "text");
-      ASSERT_EQ(copy[1].arrayItems().size(), 3u);
-    }
-  };
-  std::thread other(work);
-  work();
-  other.join();
 }
 
 }  // namespace
