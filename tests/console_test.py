@@ -31,7 +31,7 @@ def run(command, typed="", **options):
 def test_a_script():
     session = (
         ("wait\nwhere", r"There is no program\. launch "),
-        (f"launch {inferior('steps')}", rf"\* stopped: the program's entry; {WHERE}ld-\S*`_start"),
+        (f"launch '{inferior('steps')}'", rf"\* stopped: the program's entry; {WHERE}ld-\S*`_start"),
         ("b leaf", r"Breakpoint 1: where = steps`leaf"),
         ("c\nwait", rf"\* loaded libc\S* at 0x(?s:.*)\* stopped: breakpoint 1\.1; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:7\n"),
         ("bt", r"frame #1: \S+ steps`middle.*\n.*steps`main"),
@@ -47,7 +47,7 @@ def test_a_script():
         ("delete\nc\nwait", r"counted 20\n(?s:.*)\* exited, status 0\n"),
         ("x $sp", r"The program has ended with status 0\. run "),
         ("run\nkill\nwait", r"\* stopped: the program's entry(?s:.*)\* exited, status 9\n"),
-        (f"launch {inferior('wait')}\nc\nregs\ninterrupt\nwait", r"The program is running\.(?s:.*)\* stopped: "),
+        (f"launch '{inferior('wait')}'\nc\nregs\ninterrupt\nwait", r"The program is running\.(?s:.*)\* stopped: "),
     )  # fmt: skip
     output, status = run(CONSOLE, "\n".join(typed for typed, _ in session))
     at = 0
