@@ -1,6 +1,6 @@
 """Runs one test: a session of a page, or a function of a Python file. One that takes a host gets one, which must end well.
 
-Usage: run.py PAGE|FILE NAME        (see kit.py for what the environment must hold; ctest knows it)
+Usage: run.py PAGE|FILE NAME        (see machine.py for what the environment must hold; ctest knows it)
 """
 
 import importlib
@@ -27,7 +27,8 @@ def run(path, name):
 
 def main(path, name):
     # What the helper leaves when it dies becomes this process's child, so that it can be ended.
-    kit.libc.prctl(kit.PR_SET_SUBREAPER, 1)
+    pr_set_child_subreaper = 36
+    kit.libc.prctl(pr_set_child_subreaper, 1)
     with tempfile.TemporaryDirectory() as own:
         os.environ["TMPDIR"] = tempfile.tempdir = own
         try:

@@ -2,7 +2,8 @@
 
    SYSLOG_FILE    gets ident, priority and text of each record, with a byte 0x1e at its end
    SLOW_THREADS   seconds by which each std::thread begins late
-   SLOW_EVENTS    milliseconds by which the event thread takes each event late, and then handles it late */
+   SLOW_EVENTS    milliseconds by which the event thread takes each event late, and then handles it
+   late */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -17,42 +18,39 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+static int setting(const char *name) { return getenv(name) ? atoi(getenv(name)) : 0; }
+
 static const char *identity = "";
 
 void openlog(const char *ident, int option, int facility) {
-  (void)option;
-  (void)facility;
+  (void)option, (void)facility;
   identity = ident;
 }
 
-void vsyslog(int priority, const char *format, va_list arguments) {
-  FILE *file = fopen(getenv("SYSLOG_FILE"), "ae");
-  if (!file) return;
+/* What distributions that build with _FORTIFY_SOURCE call in place of syslog. */
+void __syslog_chk(int priority, int flag, const char *format, ...) {
+  (void)flag;
+  va_list arguments;
+  va_start(arguments, format);
+  FILE *file = fopen(getenv("SYSLOG_FILE") ? getenv("SYSLOG_FILE") : "/dev/null", "ae");
   fprintf(file, "%s %d ", identity, priority);
   vfprintf(file, format, arguments);
   fputc(0x1e, file);
   fclose(file);
+  va_end(arguments);
 }
 
 void syslog(int priority, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  vsyslog(priority, format, arguments);
+  const char *text = va_arg(arguments, const char *); /* the helper's format is "%s" */
+  __syslog_chk(priority, 0, format, text);
   va_end(arguments);
 }
-
-/* What distributions that build with _FORTIFY_SOURCE call in its place. */
-void __syslog_chk(int priority, int flag, const char *format, ...) {
-  (void)flag;
-  va_list arguments;
-  va_start(arguments, format);
-  vsyslog(priority, format, arguments);
-  va_end(arguments);
-}
-
-static int isLog(const char *path) { return getenv("SYSLOG_FILE") && !strcmp(path, "/dev/log"); }
 
 /* Somebody listens, also where there is no log. */
+static bool isLog(const char *path) { return getenv("SYSLOG_FILE") && !strcmp(path, "/dev/log"); }
+
 int access(const char *path, int mode) {
   return isLog(path) ? 0 : faccessat(AT_FDCWD, path, mode, 0);
 }
@@ -72,7 +70,7 @@ struct late {
 static void *runLate(void *data) {
   struct late late = *(struct late *)data;
   free(data);
-  sleep(atoi(getenv("SLOW_THREADS")));
+  sleep(setting("SLOW_THREADS"));
   return late.run(late.argument);
 }
 
@@ -81,20 +79,21 @@ int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*
   int (*create)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *) =
       dlsym(RTLD_NEXT, "pthread_create");
   Dl_info caller;
-  int isOurs = dladdr(__builtin_return_address(0), &caller) && strstr(caller.dli_fname, "libstdc++");
-  if (!isOurs || !getenv("SLOW_THREADS")) return create(thread, attributes, run, argument);
+  bool isOurs =
+      dladdr(__builtin_return_address(0), &caller) && strstr(caller.dli_fname, "libstdc++");
+  if (!isOurs || !setting("SLOW_THREADS")) return create(thread, attributes, run, argument);
   struct late *late = malloc(sizeof *late);
   *late = (struct late){run, argument};
   return create(thread, attributes, runLate, late);
 }
 
 /* lldb::SBListener::WaitForEvent(unsigned, lldb::SBEvent &) */
-bool _ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE(void *listener, unsigned seconds, void *event) {
+bool _ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE(void *listener, unsigned seconds,
+                                                       void *event) {
   bool (*wait)(void *, unsigned, void *) =
       dlsym(RTLD_NEXT, "_ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE");
-  useconds_t delay = getenv("SLOW_EVENTS") ? 1000 * atoi(getenv("SLOW_EVENTS")) : 0;
-  usleep(delay);
+  usleep(1000 * setting("SLOW_EVENTS"));
   bool found = wait(listener, seconds, event);
-  usleep(delay);
+  usleep(1000 * setting("SLOW_EVENTS"));
   return found;
 }

@@ -1,0 +1,150 @@
+"""What tests know of this machine without asking the helper: processes, programs, memory as the kernel has it.
+
+LLDB_HELPER_TESTS names a JSON file that the build writes: where the helper, the inferiors and the rest are.
+"""
+
+import ctypes
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+
+def read(path):
+    with open(path, errors="surrogateescape") as file:
+        return file.read()
+
+
+settings = json.loads(read(os.environ["LLDB_HELPER_TESTS"]))
+DEADLINE = 60  # seconds, for whatever is awaited
+ARM = os.uname().machine == "aarch64"
+PC, PLAIN, VECTOR = ("pc", "x19", "v0") if ARM else ("rip", "rbx", "xmm0")
+libc = ctypes.CDLL(None)
+
+
+class Failure(AssertionError):
+    pass
+
+
+class NotTested(Exception):
+    """This machine lacks something. ctest shows the reason and counts the test as skipped."""
+
+
+def check(holds, what):
+    if not holds:
+        raise Failure(what)
+
+
+def expect(came, wanted, what=""):
+    short = lambda text: text if len(text) < 1500 else f"{text[:700]} … {text[-700:]}"
+    check(came == wanted, f"{what}\n  - {short(repr(wanted))}\n  + {short(repr(came))}")
+
+
+def eventually(condition, what):
+    """Returns what the condition returns, once that is true."""
+    end = time.monotonic() + DEADLINE
+    while not (value := condition()):
+        check(time.monotonic() < end, f"awaited in vain: {what}")
+        time.sleep(0.002)
+    return value
+
+
+def die_with_parent():
+    pr_set_pdeathsig, pr_set_ptracer, anybody = 1, 0x59616D61, ctypes.c_ulong(-1)
+    libc.prctl(pr_set_pdeathsig, signal.SIGKILL)
+    libc.prctl(pr_set_ptracer, anybody)
+
+
+def stat(pid):
+    """Name, state letter and parent of a process. One that is gone is "X" and nobody's."""
+    try:
+        name, state, parent = re.match(r"\d+ \((.*)\) (\w) (\d+)", read(f"/proc/{pid}/stat"), re.S).groups()
+        return name, state, int(parent)
+    except OSError:
+        return "", "X", 0
+
+
+def is_gone(pid):
+    return stat(pid)[1] in "XZ"
+
+
+def descendants(ancestor, name=None):
+    """The processes below one, itself left out, nearest first; only those of this name. No zombies."""
+    everybody = {int(pid): stat(pid) for pid in os.listdir("/proc") if pid.isdigit()}
+    family = [ancestor]
+    for elder in family:
+        family += [pid for pid, (_, _, parent) in everybody.items() if parent == elder]
+    return [pid for pid in family[1:] if everybody[pid][1] not in "XZ" and name in (None, everybody[pid][0])]
+
+
+def status_figure(pid, name):
+    """A number of /proc/PID/status; sizes are in KiB."""
+    return int(re.search(rf"^{name}:\s*(\d+)", read(f"/proc/{pid}/status"), re.M)[1])
+
+
+class Program(subprocess.Popen):
+    """A program that a test starts itself, beside the helper, and that says that it is ready. It ends with the test."""
+
+    def __init__(self, *command, speaks=True):
+        super().__init__(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, preexec_fn=die_with_parent)
+        if speaks:
+            self.stdout.readline()
+
+
+def free_port():
+    """Tests that run at the same time look in places of their own, and none where the system takes ports from."""
+    for port in range(20000 + os.getpid() * 16 % 12000, 32768):
+        with socket.socket() as probe:
+            if probe.connect_ex(("127.0.0.1", port)) != 0:
+                return port
+    raise Failure("no port is free")
+
+
+def server(*command):
+    """Starts a debug server; "PORT" in its command line stands for the port that it listens on. Returns both."""
+    port = free_port()
+    program = Program(*(word.replace("PORT", str(port)) for word in command), speaks=False)
+    # Connecting would use up the one connection that a debug server takes.
+    listening = re.compile(rf":{port:04X} [0:]+ 0A ")
+    eventually(lambda: listening.search(read("/proc/net/tcp") + read("/proc/net/tcp6")), f"{command[0]} listens on port {port}")
+    return program, port
+
+
+def inferior(name):
+    return os.path.join(settings["inferiors"], name)
+
+
+def symbol(program, name):
+    """The address of a symbol as the file has it."""
+    table = subprocess.run(["nm", program], text=True, capture_output=True, check=True).stdout
+    return int(re.search(rf"^(\w+) \w {name}$", table, re.M)[1], 16)
+
+
+def mappings(pid):
+    """(start, end, offset, file) of each mapping of a file, as the kernel has it."""
+    for line in re.findall(r"^(\w+)-(\w+) \S+ (\w+) \S+ \d+ +(/.*)$", read(f"/proc/{pid}/maps"), re.M):
+        yield *(int(number, 16) for number in line[:3]), line[3]
+
+
+def image_base(pid, path):
+    return next(start - offset for start, _, offset, file in mappings(pid) if file == path)
+
+
+def peek(pid, address, size):
+    """Memory as the kernel has it."""
+    with open(f"/proc/{pid}/mem", "rb", 0) as memory:
+        memory.seek(address)
+        return memory.read(size)
+
+
+def shim(**variables):
+    """The environment of a helper with tests/inferiors/shim.c in it."""
+    # LD_PRELOAD separates names by spaces, so a folder must have none.
+    library = shutil.copy(inferior("libshim.so"), tempfile.mkdtemp())
+    sanitizers = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+    return os.environ | variables | {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizers}
