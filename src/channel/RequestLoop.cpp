@@ -26,7 +26,7 @@ void DebugSession::run() {
     try {
       const std::optional<std::string> text = channel.readMessage();
       if (!text) {
-        stopEventThread = true;
+        eventThread.requestStop();
         return;
       }
       std::string parseError;

@@ -45,7 +45,9 @@ struct ApplicationInput::Queue {
 };
 
 ApplicationInput::ApplicationInput(lldb::SBProcess process)
-    : queue(std::make_shared<Queue>()), thread(run, queue, process) {}
+    : processId(process.GetUniqueID()),
+      queue(std::make_shared<Queue>()),
+      thread(run, queue, process) {}
 
 ApplicationInput::~ApplicationInput() {
   std::unique_lock lock(queue->mutex);

@@ -2,6 +2,7 @@
 
 #include <lldb/API/LLDB.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,6 +24,9 @@ class ApplicationInput {
   ApplicationInput(const ApplicationInput &) = delete;
   ApplicationInput &operator=(const ApplicationInput &) = delete;
 
+  /// Whether this is the process that is written to.
+  bool isFor(lldb::SBProcess other) const { return other.GetUniqueID() == processId; }
+
   /// Queues the bytes. Texts are written in the order of the calls.
   void write(std::string bytes);
 
@@ -31,6 +35,7 @@ class ApplicationInput {
   static void run(std::shared_ptr<Queue> queue, lldb::SBProcess process);
   static void put(const Queue &queue, lldb::SBProcess &process, std::string_view text);
 
+  const std::uint32_t processId;
   std::shared_ptr<Queue> queue;
   std::thread thread;
 };

@@ -1,6 +1,7 @@
 // Breakpoints at addresses, and steps of the selected thread.
 
 #include <cstdio>
+#include <functional>
 
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"
@@ -14,15 +15,6 @@ std::string locationText(lldb::SBBreakpointLocation location) {
   std::snprintf(text, sizeof text, "load addr: %llx",
                 static_cast<unsigned long long>(location.GetLoadAddress()));
   return text;
-}
-
-/// The selected thread of a process that is stopped. Of a running one none, which LLDB steps
-/// without doing anything: a real one's step is noted although the process runs, beside whatever
-/// LLDB's own thread does with it, and LLDB 14 to 19 show the next stop with the registers of an
-/// earlier one.
-lldb::SBThread threadToStep(lldb::SBProcess &process) {
-  lldb::SBThread thread = process.GetSelectedThread();
-  return thread.IsValid() ? thread : lldb::SBThread();
 }
 
 }  // namespace
@@ -52,28 +44,41 @@ Json DebugSession::removeAllBreakpoints() {
   return okResponse();
 }
 
-// A step that LLDB cannot begin, because no thread is selected or the process runs, is answered
-// "ok" like any other: what tells the host is that no stopped event follows.
+/// Has `begin` step the selected thread of a stopped process. A step that cannot begin, because no
+/// thread is selected or the process runs, is answered "ok" like any other: what tells the host is
+/// that no stopped event follows.
+Json DebugSession::step(const char *command,
+                        const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin) {
+  lldb::SBProcess current = currentProcess();
+  if (!current.IsValid()) return errorResponse(command, "no process");
+  lldb::SBThread thread = current.GetSelectedThread();
+  // A running process has no valid thread. A thread that LLDB would step all the same, because it
+  // has not noticed yet that the process runs, must not be: the step is noted beside whatever
+  // LLDB's own thread does, and LLDB 14 to 19 show the next stop with the registers of an earlier
+  // one.
+  if (!thread.IsValid() || !eventThread.mayResume(current)) return okResponse();
+  lldb::SBError error;
+  eventThread.setResumed(true);
+  begin(thread, error);
+  if (error.Fail()) eventThread.setResumed(false);
+  return okResponse();
+}
 
 Json DebugSession::stepInstruction() {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("stepInstruction", "no process");
-  constexpr bool stepOverCalls = false;
-  threadToStep(current).StepInstruction(stepOverCalls);
-  return okResponse();
+  constexpr bool overCalls = false;
+  return step("stepInstruction", [](lldb::SBThread &thread, lldb::SBError &error) {
+    thread.StepInstruction(overCalls, error);
+  });
 }
 
 Json DebugSession::stepOver() {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("stepOver", "no process");
-  constexpr bool stepOverCalls = true;
-  threadToStep(current).StepInstruction(stepOverCalls);
-  return okResponse();
+  constexpr bool overCalls = true;
+  return step("stepOver", [](lldb::SBThread &thread, lldb::SBError &error) {
+    thread.StepInstruction(overCalls, error);
+  });
 }
 
 Json DebugSession::stepOut() {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("stepOut", "no process");
-  threadToStep(current).StepOut();
-  return okResponse();
+  return step("stepOut",
+              [](lldb::SBThread &thread, lldb::SBError &error) { thread.StepOut(error); });
 }

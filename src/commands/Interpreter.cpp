@@ -4,20 +4,30 @@
 
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"
-#include "session/StateLag.h"
 
 Json DebugSession::executeCommand(const std::string &commandLine) {
   lldb::SBCommandInterpreter interpreter = debugger.GetCommandInterpreter();
   lldb::SBCommandReturnObject result;
   constexpr bool addToHistory = false;
-  awaitQueuedStates(currentProcess(), debugger.GetListener());  // the line may be "kill"
+  const lldb::SBProcess before = currentProcess();
+  eventThread.awaitStates(before);  // the line may be "kill"
+  eventThread.showStops();          // or "continue"
   interpreter.HandleCommand(commandLine.c_str(), result, addToHistory);
+  if (!target.IsValid()) forgetTarget(before);  // or "target delete"
   Json::object members;
   if (const char *output = result.GetOutput()) members["output"] = output;
   if (const char *error = result.GetError()) members["error"] = error;
   members["succeeded"] = result.Succeeded();
   // Deliberate: a command that LLDB refuses is no failure of the request; "succeeded" tells.
   return okResponseWith(std::move(members));
+}
+
+void DebugSession::forgetTarget(const lldb::SBProcess &itsProcess) {
+  eventThread.awaitStates(itsProcess);  // its exit is the host's, if LLDB still knows of it
+  eventThread.stop();
+  applicationInput.reset();
+  target = lldb::SBTarget();
+  process = lldb::SBProcess();
 }
 
 Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t position) {
@@ -44,6 +54,9 @@ Json DebugSession::sendToApplication(const Json::array &data) {
   std::string bytes;
   bytes.reserve(data.size());
   for (const Json &item : data) bytes += static_cast<char>(item.intValue() & 0xff);
+  // LLDB's command line may have put a new process in place of the one that was written to.
+  if (applicationInput && !applicationInput->isFor(current)) applicationInput.reset();
+  process = current;  // the earlier one's terminal closes with its last handle
   if (!applicationInput) applicationInput = std::make_unique<ApplicationInput>(current);
   applicationInput->write(std::move(bytes));
   return okResponse();

@@ -2,7 +2,6 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "events/StateName.h"
 #include "json/HexDigits.h"
@@ -51,23 +50,21 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
                            MessageChannel &channel, std::atomic<bool> &stop,
-                           const std::atomic<bool> &stopsAreHidden, Milestones milestones,
-                           std::optional<lldb::StateType> silentState)
+                           PublicState &publicState, std::optional<lldb::StateType> silentState)
     : target(target),
       process(target.GetProcess()),
       listener(debugger.GetListener()),
       channel(channel),
       stop(stop),
-      stopsAreHidden(stopsAreHidden),
-      milestones(std::move(milestones)),
+      publicState(publicState),
       silentState(silentState) {}
 
-void EventMonitor::run() {
+void EventMonitor::run(std::promise<void> &listening) {
   listener.StartListeningForEvents(target.GetBroadcaster(), targetEvents);
   listener.StartListeningForEvents(process.GetBroadcaster(), processEvents);
   stop = false;
-  milestones.listening.set_value();
-  if (silentState) reportState(*silentState);
+  listening.set_value();
+  if (silentState) reportState(*silentState, false);
   while (!stop) {
     if (listener.WaitForEvent(waitSeconds, event)) handleEvent();
   }
@@ -96,7 +93,8 @@ void EventMonitor::handleProcessEvent(std::uint32_t type) {
     case lldb::SBProcess::eBroadcastBitSTDOUT:
       return reportOutput("stdout", &lldb::SBProcess::GetSTDOUT);
     case lldb::SBProcess::eBroadcastBitStateChanged:
-      return reportState(lldb::SBProcess::GetStateFromEvent(event));
+      return reportState(lldb::SBProcess::GetStateFromEvent(event),
+                         lldb::SBProcess::GetRestartedFromEvent(event));
     default: return;
   }
 }
@@ -121,13 +119,15 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
   }
 }
 
-void EventMonitor::reportState(lldb::StateType state) {
+/// The log has every state, the host what it can act on: a stop that LLDB has resumed is none.
+void EventMonitor::reportState(lldb::StateType state, bool isRestarted) {
   const std::string name = stateName(state);
   LOG_RECORD("State changed to %{public}s", name.c_str());
   Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
   if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
-  if (state != lldb::eStateStopped || !stopsAreHidden) send("state", std::move(members));
-  if (!std::exchange(stateWasReported, true)) milestones.firstStateReported.set_value();
+  if (publicState.isForHost(state, isRestarted, process.GetUniqueID()))
+    send("state", std::move(members));
+  publicState.handled(state, isRestarted);
 }
 
 void EventMonitor::reportModulesLoaded() {

@@ -50,7 +50,7 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
     discardTarget();
     return errorResponse("attachToProcess", "cannot attach to process: " + errorText(error));
   }
-  startEventThread();
+  eventThread.start(target);
   waitUntilSettled();
   return okResponseWith(executablePlace(target));
 }

@@ -8,7 +8,6 @@
 #include "platform/Log.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
-#include "session/StateLag.h"
 
 namespace {
 
@@ -62,7 +61,7 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
     }
     return errorResponse("connectRemote", "cannot connect to remote, invalid process");
   }
-  startEventThread();
+  eventThread.start(target);
   waitUntilSettled();
   return okResponse();
 }

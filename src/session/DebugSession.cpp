@@ -1,21 +1,14 @@
 #include "session/DebugSession.h"
 
 #include <chrono>
-#include <optional>
 #include <utility>
 
 #include "channel/Envelope.h"
-#include "events/EventMonitor.h"
 #include "platform/Log.h"
-#include "session/StateLag.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-/// LLDB queues the stop at entry before a launch returns, so it is reported within milliseconds
-/// unless the host does not read its pipe.
-constexpr auto firstStateBound = 2s;
 
 constexpr char nullDevice[] = "/dev/null";
 
@@ -46,9 +39,10 @@ class PlatformGuard {
 }  // namespace
 
 DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
-    : channel(input, output, consoleMode), debugger(lldb::SBDebugger::Create()) {
+    : channel(input, output, consoleMode),
+      debugger(lldb::SBDebugger::Create()),
+      eventThread(debugger, channel) {
   keepFromStandardStreams(debugger);
-  debugger.GetListener().StartListeningForEvents(wakeup, EventMonitor::wakeupBit);
   debugger.SetAsync(true);
 }
 
@@ -92,38 +86,9 @@ void DebugSession::discardTarget() {
   target = lldb::SBTarget();
 }
 
-void DebugSession::startEventThread() {
-  LOG_RECORD("Restarting event thread\n");
-  endEventThread();
-  std::optional<lldb::StateType> silentState;
-  // Deliberate: LLDB 14 sends no event for the stop at entry, and hosts wait for one.
-  if (!stateChangeIsQueued(process, debugger.GetListener()) &&
-      process.GetState() != lldb::eStateAttaching)
-    silentState = process.GetState();
-  EventMonitor::Milestones milestones;
-  std::future<void> listening = milestones.listening.get_future();
-  firstStateReported = milestones.firstStateReported.get_future();
-  eventThread = std::make_unique<std::thread>(
-      [this, silentState, milestones = std::move(milestones)]() mutable {
-        EventMonitor(debugger, target, channel, stopEventThread, stopsAreHidden,
-                     std::move(milestones), silentState)
-            .run();
-      });
-  // A stop requested before the thread has cleared the flag would be lost, so wait for it.
-  listening.wait();
-}
-
-void DebugSession::endEventThread() {
-  if (!eventThread) return;
-  stopEventThread = true;
-  wakeup.BroadcastEventByType(EventMonitor::wakeupBit);
-  eventThread->join();
-  eventThread.reset();
-}
-
 void DebugSession::waitUntilSettled() {
   while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
   // LLDB follows a stop only when it is taken from the listener; resuming before that would strand
   // the process.
-  firstStateReported.wait_for(firstStateBound);
+  eventThread.awaitFirstState();
 }

@@ -2,24 +2,23 @@
 
 #include <lldb/API/LLDB.h>
 
-#include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <future>
+#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "channel/LaunchArguments.h"
 #include "channel/MessageChannel.h"
 #include "commands/ApplicationInput.h"
+#include "events/EventThread.h"
 #include "json/Json.h"
 
 /// The one session: the channel to the host, LLDB's debugger, and at most one target and process.
 ///
 /// Two threads. The main thread reads requests, one at a time, and runs everything declared here.
-/// The event thread (EventMonitor) tells the host what happens to the process; it exists from a
+/// The event thread (EventThread) tells the host what happens to the process; it exists from a
 /// launch, attach or connection to the next one or to deleteProcess, and works on its own copies of
 /// the LLDB handles. LLDB's debugger is asynchronous: commands that resume or stop the process
 /// return at once and what comes of them arrives as events. LLDB's own idea of the process state
@@ -118,10 +117,17 @@ class DebugSession {
   /// keep it for ever.
   void discardTarget();
 
+  /// Follows LLDB, which has deleted the target with this process by itself: the event thread ends
+  /// with its target, and the session has none.
+  void forgetTarget(const lldb::SBProcess &itsProcess);
+
   /// What the inferior of a launch gets: the program's own environment, then the requested entries.
   std::vector<std::string> launchEnvironment() const;
 
   lldb::SBProcess launchTarget(lldb::SBError &error);
+
+  Json step(const char *command,
+            const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin);
 
   /// A module with its top-level sections: where they lie in the file and in memory.
   Json describeModule(lldb::SBModule &module);
@@ -131,12 +137,6 @@ class DebugSession {
 
   /// Runs one command line and logs it. Its result is not looked at.
   void interpret(const std::string &commandLine);
-
-  /// Gives `process` a new event thread, in place of a running one, and returns once it listens.
-  void startEventThread();
-
-  /// Ends the event thread, if there is one, and waits for it.
-  void endEventThread();
 
   /// Returns when LLDB has finished attaching to `process` and follows its stop, so that the host's
   /// next request acts on the state that the process is really in. Needs the event thread.
@@ -159,10 +159,5 @@ class DebugSession {
 
   std::unique_ptr<ApplicationInput> applicationInput;  ///< null until the process is sent something
 
-  // The event thread.
-  lldb::SBBroadcaster wakeup{"lldb-helper.wakeup"};  ///< its events only end a wait early
-  std::future<void> firstStateReported;              ///< by the current event thread
-  std::unique_ptr<std::thread> eventThread;          ///< null when there is none
-  std::atomic<bool> stopEventThread;  ///< set by the main thread, cleared by a new event thread
-  std::atomic<bool> stopsAreHidden = false;  ///< set by the main thread while it ends the process
+  EventThread eventThread;  ///< the last member: while it runs nothing else may go
 };

@@ -36,7 +36,7 @@ Json DebugSession::createProcess() {
     return errorResponse("createProcess", "cannot create process: " + errorText(error));
   }
 
-  startEventThread();
+  eventThread.start(target);
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());
   waitUntilSettled();

@@ -4,14 +4,20 @@
 #include "events/StateName.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
-#include "session/StateLag.h"
+
+namespace {
+
+/// LLDB's own words for a process that runs.
+constexpr char runsAlready[] = "resume request failed - process already running";
+
+}  // namespace
 
 Json DebugSession::detach() {
   lldb::SBProcess current = currentProcess();
   if (!current.IsValid()) return errorResponse("detach", "no process");
   // Deliberate: target and event thread stay, so that the host learns of the detached state as an
   // event. The next run needs a deleteProcess first.
-  const Halt halt(current, stopsAreHidden);
+  eventThread.halt(current);
   current.Detach();
   return okResponse();
 }
@@ -19,8 +25,8 @@ Json DebugSession::detach() {
 Json DebugSession::deleteProcess() {
   lldb::SBProcess current = currentProcess();
   if (!current.IsValid()) return errorResponse("deleteProcess", "no process");
-  const Halt halt(current, stopsAreHidden);
-  endEventThread();
+  eventThread.halt(current);
+  eventThread.stop();
   current.Destroy();
   applicationInput.reset();
   discardTarget();
@@ -45,14 +51,17 @@ Json DebugSession::continueExecution() {
   if (!target.IsValid()) return errorResponse("continueExecution", "no target");
   process = target.GetProcess();
   if (!process.IsValid()) return errorResponse("continueExecution", "no process");
+  if (!eventThread.mayResume(process)) return errorResponse("continueExecution", runsAlready);
+  eventThread.setResumed(true);
   const lldb::SBError error = process.Continue();
+  if (error.Fail()) eventThread.setResumed(false);
   return error.Success() ? okResponse() : errorResponse("continueExecution", errorText(error));
 }
 
 Json DebugSession::stopExecution() {
   process = currentProcess();
   if (!process.IsValid()) return errorResponse("stopExecution", "no process");
-  const Halt halt(process, stopsAreHidden);
+  eventThread.halt(process);
   process.Kill();
   return okResponse();
 }
