@@ -84,9 +84,7 @@ class Mistake(Exception):
 
 
 def load_schema():
-    """Beside the sources' examples, or where the examples are installed."""
-    beside, installed = (os.path.join(HERE, *path, "protocol.schema.json") for path in (["..", "docs"], [".."]))
-    with open(beside if os.path.exists(beside) else installed, encoding="utf-8") as file:
+    with open(os.path.join(HERE, "..", "docs", "protocol.schema.json"), encoding="utf-8") as file:
         return json.load(file)["$defs"]
 
 

@@ -3,27 +3,50 @@
 
 include(GNUInstallDirs)
 
-configure_file(packaging/lldb-helper.1.in lldb-helper.1 @ONLY)
+# Where the system's linker finds LLDB by its name, no path to it is needed.
+get_filename_component(lldb_file "${LLDB_LIBRARY}" REALPATH)
+get_filename_component(lldb_folder "${lldb_file}" DIRECTORY)
+if(NOT lldb_folder IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+  set_target_properties(lldb-helper PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+endif()
 install(TARGETS lldb-helper)
-install(FILES "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
-install(FILES README.md CHANGELOG.md TYPE DOC)
-install(DIRECTORY docs/ TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.svg")
+
+# The documents lie as in the sources, so that their links hold. The sources themselves are not installed.
+file(READ README.md readme)
+string(REGEX REPLACE "\\[([^]]*)\\]\\(src/[^)]*\\)" "\\1" readme "${readme}")
+file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/README.md" CHANGELOG.md CONTRIBUTING.md TYPE DOC)
+install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.svg")
 install(DIRECTORY examples TYPE DOC FILES_MATCHING
   PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.hpp" PATTERN "*.js" PATTERN "*.py")
 
+# Debian wants an address. This one is reserved for examples and reaches nobody.
+set(CPACK_PACKAGE_CONTACT "The lldb-helper developers <lldb-helper@example.org>")
+
+# The man page and Debian's changelog, compressed as Debian wants them.
+find_program(GZIP gzip REQUIRED)
+mark_as_advanced(GZIP)
+string(TIMESTAMP CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)  # heeds SOURCE_DATE_EPOCH
+foreach(page lldb-helper.1 changelog)
+  configure_file(packaging/${page}.in ${page} @ONLY)
+  execute_process(COMMAND "${GZIP}" -9nf "${CMAKE_CURRENT_BINARY_DIR}/${page}" COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper.1.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+
 set(CPACK_GENERATOR TGZ)
-set(CPACK_PACKAGE_CONTACT "The lldb-helper developers")
 set(CPACK_STRIP_FILES ON)
 string(TOLOWER "${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}" CPACK_SYSTEM_NAME)
 
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
 mark_as_advanced(DPKG_SHLIBDEPS)
 if(DPKG_SHLIBDEPS)
+  install(FILES "${CMAKE_CURRENT_BINARY_DIR}/changelog.gz" packaging/copyright TYPE DOC)
   list(APPEND CPACK_GENERATOR DEB)
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
   set(CPACK_DEBIAN_PACKAGE_SECTION devel)
   set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "A host program starts it as a child process, sends requests and gets responses and events as JSON.")
+"lldb-helper is a small debugger back-end. A host program starts it as a child
+process, sends requests, and gets responses and events as JSON.")
   # The libraries from the program itself; lldb-server, without which nothing local is debugged, is in
   # a package that no library depends on.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
