@@ -488,7 +488,7 @@ class Console:
         if line.startswith("!"):
             self.perform("executeCommand", cli=line[1:].strip())
         elif line.startswith("<"):
-            self.perform("sendToApplication", data=list((line[1:].lstrip() + "\n").encode()))
+            self.perform("sendToApplication", data=list(os.fsencode(line[1:].lstrip() + "\n")))
         elif line in ("quit", "q", "exit"):
             return False
         elif line:
@@ -581,6 +581,8 @@ def main():
     parser.add_argument("--helper")
     parser.add_argument("program", nargs=argparse.REMAINDER)
     options = parser.parse_args()
+    for stream in (sys.stdin, sys.stdout):  # names of files may hold bytes that are not UTF-8
+        stream.reconfigure(errors="surrogateescape")
     console = Console(find_helper(options.helper))
     if console.is_terminal:
         console.use_readline()

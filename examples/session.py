@@ -83,6 +83,7 @@ def run(helper, program):
 def main():
     if len(sys.argv) != 3:
         sys.exit("usage: session.py HELPER PROGRAM")
+    sys.stdout.reconfigure(errors="surrogateescape")  # names of files may hold bytes that are not UTF-8
     try:
         helper = Helper(sys.argv[1])
     except OSError as problem:
