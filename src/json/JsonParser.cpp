@@ -275,11 +275,10 @@ Json JsonParser::parseNumber() {
   skipDigits();
   const bool hasFraction = *cursor == '.';
   const bool hasExponent = *cursor == 'e' || *cursor == 'E';
-  if (!hasFraction && !hasExponent) {
-    if (cursor - start <= shortInteger) return Json(toInt32(start, cursor));
-  } else {
+  if (hasFraction || hasExponent) {
     skipFractionAndExponent();
-    if (failed) return Json();
+  } else if (cursor - start <= shortInteger) {
+    return Json(toInt32(start, cursor));
   }
   const std::string_view literal(start, cursor);
   if (isUnsigned(literal, hasFraction)) return Json(toUint64(literal));
