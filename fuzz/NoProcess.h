@@ -1,31 +1,29 @@
 #pragma once
 
 #include <cstdio>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "json/Json.h"
 
-/// What a session without target and process must do, for the targets that have one.
+/// A session without target and process: what the targets need that have one.
 namespace noProcess {
 
-/// Starts LLDB and sends the log's records to nowhere. Once, before the first session.
+/// Starts LLDB and discards the log. Called once, before the first session.
 void start();
 
-/// An empty temporary file, open to read and write. Ends the program when there can be none.
+/// An empty temporary file, open to read and write.
 FILE *makeStream();
 
-/// Replaces what the stream holds, and puts it at its beginning.
-void fill(FILE *stream, const std::string &bytes);
+/// The commands of docs/protocol.schema.json, each with the names of its arguments.
+const std::map<std::string, std::vector<std::string>> &commands();
 
-/// What the stream holds up to where it is.
-std::string written(FILE *stream);
-
-/// Whether the command reaches for what is outside: files, processes, the network, or LLDB's own
-/// command line, which can do anything.
+/// Whether the command uses what is outside: files, processes, the network, or LLDB's own command
+/// line, which can do anything.
 bool reachesOutside(const Json &request);
 
-/// What docs/protocol.md promises in answer to a request that does not reach outside, without its
-/// "id".
-Json response(const Json &request);
+/// Checks the response, without its "id", to a request that does not reach outside.
+void checkResponse(const Json &request, const Json &response);
 
 }  // namespace noProcess

@@ -1,14 +1,12 @@
-// Bytes that a host might send, through the request loop of a session without process. What must
-// come back is known to the byte.
+// Bytes that a host might send, through the request loop of a session without process. Each text
+// gets the response that the session's handleRequest gives, in its frame or line.
 
+#include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
 #include "Check.h"
@@ -17,149 +15,106 @@
 
 namespace {
 
-/// How the input becomes what the host sends; its first byte chooses.
-enum class Kind { Frames, Lines, FramedLines };
+using Texts = std::vector<std::string>;
 
-// --- What the loop must do
-// --------------------------------------------------------------------------
-
-constexpr std::uint32_t refusedLength = 0x80000000;
-
-/// The little-endian length at the front of a frame.
-std::uint32_t frameLength(std::string_view bytes) {
-  std::uint32_t length = 0;
-  for (std::size_t index = 4; index-- > 0;)
-    length = length << 8 | static_cast<unsigned char>(bytes[index]);
-  return length;
+/// Replaces what the stream holds, and rewinds it.
+void fill(FILE *stream, const std::string &bytes) {
+  std::rewind(stream);
+  check(ftruncate(fileno(stream), 0) == 0 &&
+            std::fwrite(bytes.data(), 1, bytes.size(), stream) == bytes.size() &&
+            std::fflush(stream) == 0,
+        "a temporary file can be written");
+  std::rewind(stream);
 }
 
-std::string lengthBytes(std::uint32_t length) {
-  std::string bytes;
-  for (int shift = 0; shift < 32; shift += 8) bytes += static_cast<char>(length >> shift & 0xff);
+/// What has been written since then. Standard output is not open for reading: pread goes around it.
+std::string written(FILE *stream) {
+  std::fflush(stream);
+  std::string bytes(static_cast<std::size_t>(std::ftell(stream)), '\0');
+  check(pread(fileno(stream), bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+        "a temporary file can be read");
   return bytes;
 }
 
-std::string frame(std::string_view text) {
-  return lengthBytes(static_cast<std::uint32_t>(text.size())).append(text);
-}
-
-/// As the C library sees it.
-std::string upToZero(std::string_view text) { return std::string(text.substr(0, text.find('\0'))); }
-
-/// The texts of the frames. What is cut short, or claims 2 GiB, ends the input.
-std::vector<std::string> textsOfFrames(std::string_view bytes) {
-  std::vector<std::string> texts;
-  while (bytes.size() >= 4) {
-    const std::uint32_t length = frameLength(bytes);
-    bytes.remove_prefix(4);
-    if (length >= refusedLength || length > bytes.size()) break;
-    texts.push_back(upToZero(bytes.substr(0, length)));
-    bytes.remove_prefix(length);
-  }
-  return texts;
-}
-
-/// The lines, each with its line end; a longer one than the console takes is several. One that
-/// begins with a zero byte ends the input.
-std::vector<std::string> textsOfLines(std::string_view bytes) {
-  constexpr std::size_t longestLine = 1023;
-  std::vector<std::string> texts;
-  while (!bytes.empty() && bytes[0] != '\0') {
-    const std::size_t lineEnd = std::min(bytes.find('\n'), bytes.size() - 1);
-    const std::size_t size = std::min(lineEnd + 1, longestLine);
-    texts.push_back(upToZero(bytes.substr(0, size)));
-    bytes.remove_prefix(size);
-  }
-  return texts;
-}
-
-std::string expectedResponse(const std::string &text) {
-  std::string parseError;
-  const Json request = Json::parse(text, parseError);
-  if (request.type() == JsonType::Null)
-    return R"({"message": )" + Json("Cannot decode JSON: " + parseError).dump() +
-           R"(, "status": "error"})";
-  Json::object members = noProcess::response(request).objectItems();
-  const Json &id = request["id"];
-  if (id.type() != JsonType::Null) members["id"] = Json(id.uint64Value());
-  return Json(std::move(members)).dump();
-}
-
-std::string expectedOutput(const std::vector<std::string> &texts, bool consoleMode) {
-  std::string output;
-  for (const std::string &text : texts) {
-    const std::string response = expectedResponse(text);
-    output += consoleMode ? "INPUT: " + text + "\nOUTPUT: " + response : frame(response);
-  }
-  return output;
-}
-
-// --- What it does
-// -----------------------------------------------------------------------------------
-
-/// A session, and the streams that it keeps for all its runs: LLDB takes milliseconds to make a
-/// debugger, and never forgets one.
+/// A session with the streams of all its runs. LLDB takes milliseconds to make a debugger, and
+/// keeps each until the end.
 struct Runner {
   FILE *const input = noProcess::makeStream();
   FILE *const output;
   DebugSession session;
+  const bool consoleMode;
 
-  Runner(FILE *output, bool consoleMode) : output(output), session(input, output, consoleMode) {}
+  Runner(FILE *output, bool consoleMode)
+      : output(output), session(input, output, consoleMode), consoleMode(consoleMode) {}
 
-  std::string run(const std::string &bytes) {
-    noProcess::fill(input, bytes);
-    noProcess::fill(output, "");
-    session.run();
-    return noProcess::written(output);
-  }
+  void run(const std::string &bytes, const Texts &texts);
 };
 
-/// Never destroyed, as LLDB is not either.
+/// Never destroyed, like LLDB.
 Runner *frames;
-Runner *lines;
+Runner *console;
 
-/// The console's echo goes to standard output, so its messages must too; the fuzzer reports on
-/// standard error.
-FILE *redirectedOutput() {
-  FILE *const file = noProcess::makeStream();
-  check(dup2(fileno(file), STDOUT_FILENO) >= 0, "standard output can be redirected");
-  return stdout;
+std::string frame(const std::string &text) {
+  const auto length = static_cast<std::uint32_t>(text.size());
+  return std::string(reinterpret_cast<const char *>(&length), sizeof length) + text;
 }
 
-/// Splits at line ends, so that a change in a text does not ruin the lengths.
-std::string framedLines(std::string_view bytes) {
-  std::string out;
-  while (!bytes.empty()) {
-    const std::size_t size = std::min(bytes.find('\n'), bytes.size());
-    out += frame(bytes.substr(0, size));
-    bytes.remove_prefix(std::min(size + 1, bytes.size()));
-  }
-  return out;
+Json expectedResponse(DebugSession &session, const std::string &text) {
+  std::string error;
+  const Json request = Json::parse(text, error);
+  if (request.type() == JsonType::Null)
+    return Json::object{{"message", "Cannot decode JSON: " + error}, {"status", "error"}};
+  Json::object members = session.handleRequest(request).objectItems();
+  const Json &id = request["id"];
+  if (id.type() != JsonType::Null) members["id"] = id.uint64Value();
+  return members;
 }
 
-/// Makes shorter what claims more than a megabyte, yet not so much that it is refused: no input is
-/// that long, so it is cut short just the same, and AddressSanitizer takes a tenth of a second for
-/// a gigabyte.
-std::string withoutLongClaims(std::string bytes) {
-  constexpr std::uint32_t megabyte = 0x100000;
-  for (std::size_t at = 0; at + 4 <= bytes.size();) {
-    std::uint32_t length = frameLength(std::string_view(bytes).substr(at));
-    if (length > megabyte && length < refusedLength) {
-      length = megabyte;
-      bytes.replace(at, 4, lengthBytes(length));
-    }
-    at += std::size_t{length} + 4;
-  }
-  return bytes;
-}
-
-/// Whether the loop would do something that has no place in a test of arbitrary bytes: run LLDB's
-/// "platform shell", for one. Decoded, because JSON can write a name in many ways.
-bool isDangerous(const std::vector<std::string> &texts) {
-  return std::any_of(texts.begin(), texts.end(), [](const std::string &text) {
+/// Sends `bytes`, of which the session must read `texts`.
+void Runner::run(const std::string &bytes, const Texts &texts) {
+  for (const std::string &text : texts) {
     std::string error;
-    return noProcess::reachesOutside(Json::parse(text, error));
-  });
+    if (noProcess::reachesOutside(Json::parse(text, error))) return;
+  }
+  std::string expected;
+  for (const std::string &text : texts) {
+    const std::string response = expectedResponse(session, text).dump();
+    expected += consoleMode ? "INPUT: " + text + "\nOUTPUT: " + response : frame(response);
+  }
+  fill(input, bytes);
+  fill(output, "");
+  session.run();
+  check(written(output) == expected, "each text gets its one response, whole");
+}
+
+/// Sends each line as a frame, so that a change in a line does not ruin the lengths. The bytes end
+/// after `cut` bytes, or go on with a length that is refused.
+void checkFrames(const std::string &lines, std::size_t cut) {
+  std::string bytes;
+  Texts texts;
+  for (std::size_t start = 0; start <= lines.size();) {
+    const std::size_t end = std::min(lines.find('\n', start), lines.size());
+    const std::string text = lines.substr(start, end - start);
+    bytes += frame(text);
+    if (bytes.size() <= cut) texts.push_back(text.c_str());  // up to its first zero byte
+    start = end + 1;
+  }
+  if (cut < bytes.size()) {
+    bytes.resize(cut);
+  } else {
+    bytes += "\xff\xff\xff\xff" + frame("null");
+  }
+  frames->run(bytes, texts);
+}
+
+/// Sends lines for a person, which the C library splits.
+void checkConsole(const std::string &bytes) {
+  static FILE *const stream = noProcess::makeStream();
+  fill(stream, bytes);
+  Texts texts;
+  char line[1024];
+  while (std::fgets(line, sizeof line, stream) != nullptr && line[0] != '\0') texts.push_back(line);
+  console->run(bytes, texts);
 }
 
 }  // namespace
@@ -167,20 +122,20 @@ bool isDangerous(const std::vector<std::string> &texts) {
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   noProcess::start();
   frames = new Runner(noProcess::makeStream(), false);
-  lines = new Runner(redirectedOutput(), true);
+  // The console echoes to standard output, so its messages go there too. libFuzzer reports on
+  // standard error.
+  FILE *const file = noProcess::makeStream();
+  check(dup2(fileno(file), STDOUT_FILENO) >= 0, "standard output can be redirected");
+  console = new Runner(stdout, true);
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-  if (size == 0) return 0;
-  const Kind kind{data[0] % 3};
-  std::string bytes(reinterpret_cast<const char *>(data) + 1, size - 1);
-  if (kind == Kind::Frames) bytes = withoutLongClaims(std::move(bytes));
-  if (kind == Kind::FramedLines) bytes = framedLines(bytes);
-  const bool consoleMode = kind == Kind::Lines;
-  const std::vector<std::string> texts = consoleMode ? textsOfLines(bytes) : textsOfFrames(bytes);
-  if (isDangerous(texts)) return 0;
-  const std::string output = (consoleMode ? lines : frames)->run(bytes);
-  check(output == expectedOutput(texts, consoleMode), "each request gets its one response, whole");
+  // What chooses comes from the end, so that a seed is a text.
+  FuzzedDataProvider input(data, size);
+  const bool isConsole = input.ConsumeIntegralInRange(0, 3) == 0;
+  const std::size_t cut = input.ConsumeIntegralInRange<std::size_t>(0, 0xffff);
+  const std::string bytes = input.ConsumeRemainingBytesAsString();
+  isConsole ? checkConsole(bytes) : checkFrames(bytes, cut);
   return 0;
 }
