@@ -5,8 +5,8 @@
 #include <string_view>
 #include <utility>
 
-#include "channel/LaunchArguments.h"
 #include "channel/Envelope.h"
+#include "channel/LaunchArguments.h"
 #include "session/DebugSession.h"
 
 namespace {
