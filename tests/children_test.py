@@ -1,5 +1,7 @@
 """Programs that LLDB stops and resumes by itself, and processes that LLDB's command line replaces."""
 
+import time
+
 from kit import *
 
 ALREADY_RUNNING = error("resume request failed - process already running")

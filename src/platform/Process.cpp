@@ -3,6 +3,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,7 +22,13 @@ std::vector<int> inheritedDescriptors;
 /// Descriptors up to here are looked at where the system does not list the open ones.
 constexpr long highestGuess = 65536;
 
-/// The open descriptors, or a range that holds them.
+void closeOnExec(int descriptor) {
+  const int flags = fcntl(descriptor, F_GETFD);
+  if (flags >= 0) fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);
+}
+
+}  // namespace
+
 std::vector<int> openDescriptors() {
   std::vector<int> descriptors;
   if (DIR *folder = opendir("/dev/fd")) {
@@ -37,13 +45,6 @@ std::vector<int> openDescriptors() {
     descriptors.push_back(descriptor);
   return descriptors;
 }
-
-void closeOnExec(int descriptor) {
-  const int flags = fcntl(descriptor, F_GETFD);
-  if (flags >= 0) fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);
-}
-
-}  // namespace
 
 const std::vector<std::string> &startEnvironment() {
   static const std::vector<std::string> environment = [] {
@@ -73,6 +74,22 @@ int openTerminal() {
     return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   }
   return -1;
+}
+
+void shutDownSockets(const std::vector<int> &known) {
+  for (const int descriptor : openDescriptors()) {
+    int type = 0;
+    socklen_t size = sizeof type;
+    const bool isKnown = std::count(known.begin(), known.end(), descriptor) > 0;
+    if (isKnown || getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) != 0) continue;
+    if (type == SOCK_STREAM) shutdown(descriptor, SHUT_RDWR);
+  }
+}
+
+bool isFileOrFolder(const std::string &path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return true;  // LLDB says what is wrong with it
+  return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
 }
 
 void forgetPythonHome() { unsetenv("PYTHONHOME"); }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -24,6 +26,20 @@ int openTerminal();
 /// Whether the terminal takes at least one byte. Waits for room for `time`, below a second, at
 /// most.
 bool terminalHasRoom(int terminal, std::chrono::milliseconds time);
+
+/// The descriptors that are open, or a range that holds them.
+std::vector<int> openDescriptors();
+
+/// Ends the connection of every stream socket that is open and not one of `known`: who waits there
+/// for a peer is woken, and fails. The descriptors stay open, their owner's to close.
+void shutDownSockets(const std::vector<int> &known);
+
+/// Whether a file that is there can be opened without waiting for somebody, and ends: no pipe, no
+/// device, no socket. A folder may hold a program on macOS.
+bool isFileOrFolder(const std::string &path);
+
+/// Whether this is the number of this process or of one that it has started, a debug server.
+bool isOwnProcess(pid_t pid);
 
 /// Takes PYTHONHOME out of the environment. LLDB starts its Python with it, and one that is meant
 /// for another Python ends this program. Called once, after startEnvironment, before there are

@@ -1,8 +1,11 @@
 // attachToProcess: a running local process and its executable.
 
+#include <limits>
+
 #include "channel/Envelope.h"
 #include "events/EventMonitor.h"
 #include "platform/Log.h"
+#include "platform/Process.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
 
@@ -26,6 +29,15 @@ Json::object executablePlace(lldb::SBTarget target) {
           {"aslrSlide", loadAddress - fileAddress}};
 }
 
+/// Why LLDB must not be asked to attach to this number; null where it may. It would cut off what
+/// does not fit a process's number, and attach to somebody else; and it would wait for ever for
+/// this program, or for the server that attaches, to stop itself.
+const char *whyNotAttach(std::uint64_t pid) {
+  if (pid > static_cast<std::uint64_t>(std::numeric_limits<pid_t>::max())) return "No such process";
+  if (platform::isOwnProcess(static_cast<pid_t>(pid))) return "It is a part of this debugger";
+  return nullptr;
+}
+
 }  // namespace
 
 Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executable, bool is64Bits,
@@ -35,6 +47,8 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
   this->triple = triple;
   executablePath = executable;
 
+  if (const char *reason = whyNotAttach(pid))
+    return errorResponse("attachToProcess", std::string("cannot attach to process: ") + reason);
   lldb::SBError error;
   target = buildTarget(error);
   // LLDB finds the executable of a running process by itself.

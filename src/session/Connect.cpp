@@ -6,6 +6,8 @@
 #include "channel/Envelope.h"
 #include "events/StateName.h"
 #include "platform/Log.h"
+#include "platform/Process.h"
+#include "session/ConnectionBound.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
 
@@ -36,9 +38,13 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
   this->triple = triple;
   executablePath = file;
 
+  const ConnectionBound bound;
   discardTarget();
   lldb::SBError error;
-  if (plugin == kernelPlugin) {
+  if (!platform::isFileOrFolder(file)) {
+    process = lldb::SBProcess();
+    error.SetErrorString("the file is a pipe, a socket or a device");
+  } else if (plugin == kernelPlugin) {
     connectThroughInterpreter(plugin, url);
   } else {
     lldb::SBListener listener = debugger.GetListener();
@@ -51,19 +57,23 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
   // state. Of one that did the news is queued.
   const bool answered = process.GetState() != lldb::eStateUnloaded ||
                         stateChangeIsQueued(process, debugger.GetListener());
-  if (!process.IsValid() || !answered) {
-    if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
-    if (process.IsValid()) {
-      // Only with its target does LLDB forget it; the next attempt must not find a process.
-      discardTarget();
-      target = buildRemoteTarget();
-      process = lldb::SBProcess();
-    }
-    return errorResponse("connectRemote", "cannot connect to remote, invalid process");
+  bool isConnected = process.IsValid() && answered && !bound.wasReached();
+  if (isConnected) {
+    eventThread.start(target);
+    waitUntilSettled();
+    isConnected = !bound.wasReached();
   }
-  eventThread.start(target);
-  waitUntilSettled();
-  return okResponse();
+  if (isConnected) return okResponse();
+
+  if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
+  eventThread.stop();
+  if (process.IsValid()) {
+    // Only with its target does LLDB forget it; the next attempt must not find a process.
+    discardTarget();
+    target = buildRemoteTarget();
+    process = lldb::SBProcess();
+  }
+  return errorResponse("connectRemote", "cannot connect to remote, invalid process");
 }
 
 void DebugSession::connectThroughInterpreter(const std::string &plugin, const std::string &url) {

@@ -5,6 +5,7 @@
 
 #include "channel/Envelope.h"
 #include "platform/Log.h"
+#include "platform/Process.h"
 
 namespace {
 
@@ -68,6 +69,10 @@ lldb::SBProcess DebugSession::currentProcess() {
 }
 
 lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
+  if (!platform::isFileOrFolder(executablePath)) {
+    error.SetErrorString(("'" + executablePath + "' is not a file").c_str());
+    return lldb::SBTarget();
+  }
   constexpr const char *platformName = nullptr;
   constexpr bool addDependentModules = false;
   const PlatformGuard guard(debugger);
@@ -76,6 +81,7 @@ lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
 }
 
 lldb::SBTarget DebugSession::buildRemoteTarget() {
+  if (!platform::isFileOrFolder(executablePath)) return lldb::SBTarget();
   const PlatformGuard guard(debugger);
   return debugger.CreateTargetWithFileAndArch(executablePath.c_str(),
                                               triple.empty() ? nullptr : triple.c_str());

@@ -1,0 +1,35 @@
+#include "session/ConnectionBound.h"
+
+#include "platform/Log.h"
+#include "platform/Process.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto patience = 60s;
+/// LLDB may connect again.
+constexpr auto period = 1s;
+
+}  // namespace
+
+ConnectionBound::ConnectionBound()
+    : known(platform::openDescriptors()), thread([this] { watch(); }) {}
+
+ConnectionBound::~ConnectionBound() {
+  {
+    const std::lock_guard lock(mutex);
+    isOver = true;
+  }
+  changed.notify_all();
+  thread.join();
+}
+
+void ConnectionBound::watch() {
+  std::unique_lock lock(mutex);
+  for (std::chrono::seconds wait = patience; !changed.wait_for(lock, wait, [&] { return isOver; });
+       wait = period) {
+    if (!reached.exchange(true)) LOG_RECORD("Cutting a connection that does not come about\n");
+    platform::shutDownSockets(known);
+  }
+}

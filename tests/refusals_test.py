@@ -1,0 +1,106 @@
+"""What would never be answered if LLDB were asked: it is refused, or cut."""
+
+import os
+import socket
+import tempfile
+import threading
+import time
+
+import kit
+from kit import *
+
+REFUSED = error("cannot connect to remote, invalid process")
+
+
+def connect(port, file=""):
+    return {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "file": file}
+
+
+def test_files_that_never_end_or_never_open(host):
+    pipe = os.path.join(tempfile.mkdtemp(), "pipe")
+    os.mkfifo(pipe)
+    program = Program(inferior("wait"))
+    for file in (pipe, "/dev/zero"):
+        host.prepare(file)
+        expect(host.ask("createProcess"), error(f"cannot build target: '{file}' is not a file"))
+        for plugin in ("gdb-remote", "kdp-remote"):
+            expect(host.ask("connectRemote", **connect(1, file) | {"plugin": plugin}), REFUSED)
+        expect(host.ask("getProcessState"), error("no target"))
+        # LLDB finds the executable of a running process by itself.
+        host.ok("attachToProcess", pid=program.pid, executable=file)
+        host.state("eStateStopped")
+        host.ok("deleteProcess")
+    expect(host.run("hello")[1], 3)
+
+
+def test_processes_that_cannot_be_attached_to(host):
+    host.launch("wait")
+    servers = [pid for pid in descendants(host.pid) if stat(pid)[2] == host.pid]
+    check(servers, "there is a debug server")
+    host.ok("executeCommand", cli="target delete")
+    list(host.rest())  # its exit, if LLDB had time for it
+    for pid in (host.pid, *servers, 2**32 + os.getpid(), 2**64 - 1):
+        answer = host.ask("attachToProcess", pid=pid)
+        check(answer["message"].startswith("cannot attach to process: "), (pid, answer))
+        expect(host.ask("getProcessState"), error("no target"))
+    expect(host.run("hello")[1], 3)
+
+
+def packet(text):
+    return b"$" + text + b"#%02x" % (sum(text) % 256)
+
+
+def echo(connection, data):
+    connection.sendall(data)
+
+
+def stop_always(connection, data):
+    connection.sendall((b"+" + packet(b"T05thread:1;")) * max(1, data.count(b"$")))
+
+
+def send_without_end(connection, data):
+    connection.sendall(b"+$")
+    while True:
+        connection.sendall(b"x" * 65536)
+
+
+def peer(answer):
+    """A server whose connections are answered by this function. Returns its port."""
+    listener = socket.create_server(("127.0.0.1", 0))
+
+    def serve(connection):
+        try:
+            while data := connection.recv(65536):
+                answer(connection, data)
+        except OSError:
+            pass  # the helper has cut it
+
+    def accept():
+        while True:
+            threading.Thread(target=serve, args=(listener.accept()[0],), daemon=True).start()
+
+    threading.Thread(target=accept, daemon=True).start()
+    return listener.getsockname()[1]
+
+
+def test_connections_that_never_come_about_are_cut_after_a_minute():
+    kit.DEADLINE = 120
+    hosts = [Host() for _ in range(3)]
+    answers = [None] * 3
+
+    def ask(index, answer):
+        start = time.monotonic()
+        answers[index] = hosts[index].ask_all({"command": "connectRemote"} | connect(peer(answer))), time.monotonic() - start
+
+    threads = [threading.Thread(target=ask, args=item) for item in enumerate((echo, stop_always, send_without_end))]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    for host, (answer, took) in zip(hosts, answers):
+        expect(answer, [REFUSED])
+        check(58 < took < 90, took)
+        host.ok("executeCommand", cli="target delete --all")
+        expect(host.run("hello")[1], 3)
+        check(settings["sanitizer"] or status_figure(host.pid, "VmRSS") < 300 << 10, "its memory is given back")
+        host.end()
