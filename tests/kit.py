@@ -142,10 +142,15 @@ class Host(Helper):
         expect(response.pop("status"), "ok", f"{command} {arguments} {response}")
         return response
 
-    def state(self, name):
-        """The next state event, which must be this one. Adds the output before it to `output`."""
+    def next_state(self):
+        """The next state event. Adds the output before it to `output`."""
         while (event := self.next_event())["type"] != "state":
             self.output += bytes.fromhex(event.get("output", "")).decode()
+        return event
+
+    def state(self, name):
+        """The next state event, which must be this one."""
+        event = self.next_state()
         expect(event["state_desc"], name, f"the next state, after the output {self.output[-200:]!r}")
         return event
 
