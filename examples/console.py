@@ -32,28 +32,27 @@ NOWHERE = 2**64 - 1  # LLDB's address of what is not in memory
 RUNNING = ("eStateLaunching", "eStateRunning", "eStateStepping")
 
 HELP = """\
-start    launch PROGRAM [ARGUMENTS]   run [ARGUMENTS] (again)   attach PID   detach
-         kill (ends the program)      quit, or Ctrl-D (ends the program and the console)
-go on    c (continue)    s (one instruction)   n (one, over calls)   finish (to the caller)
-         step, next (a line of source)         interrupt, or Ctrl-C   wait (for the stop)
-break    b (lists)       b FUNCTION   b FILE:LINE   b ADDRESS         delete [N]
-look     where (why and where it stopped)      bt [COUNT]   f N   up   down   threads   thread N
-         code [ADDRESS] (instructions)         source       p EXPRESSION       modules
-memory   x [ADDRESS [LENGTH]] (bytes)          regs   regs all   regs NAME...
-talk     < LINE (to the program)     ! LINE (to LLDB: !help)       raw on, raw off (messages)
+start   launch PROGRAM [ARGUMENTS]    run [ARGUMENTS]   attach PID   detach   kill
+leave   quit, or Ctrl-D (ends the program too)
+go on   c (continue)   s (one instruction)   n (the same, over calls)
+        finish (to the caller)   step, next (a line of source)
+        interrupt, or Ctrl-C     wait (for the stop)
+break   b (lists)   b FUNCTION   b FILE:LINE   b ADDRESS   delete [N]
+look    where (why and where it stopped)   bt [COUNT]   f N   up   down   threads
+        thread N   code [ADDRESS]   source   p EXPRESSION   modules
+        x [ADDRESS [LENGTH]]   regs   regs all   regs NAME...
+talk    < LINE (to the program)   ! LINE (to LLDB: !help)   raw on, raw off
 
-ADDRESS is a number, a symbol, $REGISTER, or a sum of them without spaces: $sp+0x10, main+4.
-An empty line repeats s, n, step, next, c, x and code. Tab completes commands, symbols and files.
-
-help COMMAND says more. The protocol's own commands can be typed too, with their arguments by name
-or in their order: readMemory main length=64. "help protocol" lists them.
+ADDRESS is a number, a symbol, $REGISTER, or a sum without spaces: $sp+0x10. Tab
+completes. An empty line repeats s, n, step, next, c, x and code.
+help COMMAND says more. "help protocol" lists the protocol's own commands; their
+arguments are typed by name or in their order: readMemory main length=64.
 """
 
-# Words for one command of the protocol. The rest of the line are its arguments.
+# Words for one command of the protocol. Its arguments follow.
 ALIASES = {
-    "c": "continueExecution", "continue": "continueExecution", "s": "stepInstruction", "n": "stepOver",
-    "finish": "stepOut", "attach": "attachToProcess", "interrupt": "breakExecution", "kill": "stopExecution",
-    "state": "getProcessState",
+    "attach": "attachToProcess", "c": "continueExecution", "continue": "continueExecution", "finish": "stepOut",
+    "interrupt": "breakExecution", "kill": "stopExecution", "n": "stepOver", "s": "stepInstruction",
 }  # fmt: skip
 # Words for a line of LLDB's, which the rest of the line follows.
 LLDB_LINES = {
@@ -220,8 +219,7 @@ class Console:
                 continue
             if isinstance(event, EOFError):
                 return self.enter("eStateExited")
-            if self.raw:
-                self.show(json.dumps(event), 2)
+            self.show(json.dumps(event) * self.raw, 2)
             if event["type"] == "state":
                 self.take_state(event)
             elif event["type"] in ("stdout", "stderr"):
@@ -257,8 +255,7 @@ class Console:
         if stopped and self.thread not in stopped:
             self.thread = stopped[0]
             self.tell("selectThreadID", tid=self.thread)
-        self.registers_before = {} if self.is_entering else self.registers
-        self.registers = self.tell("getRegisters").get("registers", {})
+        self.registers_before, self.registers = self.registers, self.tell("getRegisters").get("registers", {})
         text = self.tell("executeCommand", cli="thread info").get("output", "").strip()
         if self.is_entering:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
@@ -285,6 +282,7 @@ class Console:
             self.resumed(before)
         elif response["status"] == "ok" and command in ("deleteProcess", "detach"):
             self.enter(None if command == "deleteProcess" else "eStateDetached")
+            self.registers = {}
         self.catch_up()
         return response
 
@@ -306,6 +304,8 @@ class Console:
         """Asks and shows what is answered. Returns whether it was ok."""
         if command in NEED_A_STOP:
             self.need_a_stop()
+        elif command in ("attachToProcess", "connectRemote") and self.state in ("eStateExited", "eStateDetached"):
+            self.ask("deleteProcess")
         response = self.ask(command, **arguments)
         if response["status"] == "error":
             without = response["message"] in ("no process", "no target")
@@ -388,9 +388,7 @@ class Console:
 
     def do_run(self, words):
         """run [ARGUMENTS...]: starts the program again, with the arguments it had or with others."""
-        if not self.program:
-            raise Mistake("There is no program. launch PROGRAM starts one.")
-        self.do_launch([self.program[0], *(words or self.program[1:])])
+        self.do_launch(self.program[:1] + (words or self.program[1:]))
 
     def do_wait(self, _):
         """wait: waits while the program runs."""
@@ -432,7 +430,7 @@ class Console:
         start = self.number(words[0]) if words else self.next_address
         length = self.number(words[1]) if len(words) > 1 else 64
         response = self.ask("readMemory", address=start, length=length)
-        if response["status"] == "error":
+        if "message" in response:
             raise Mistake(f"{response['message']} at {address(start)}")
         self.next_address = start + length
         self.show(bytes_table(start, response["memory"]))
@@ -448,7 +446,8 @@ class Console:
             names = general + [name for name in rest if name not in general]
         if not (names := [name for name in names if name in values]):
             raise Mistake("there is no such register; regs all shows all")
-        changed = {name for name in names if self.registers_before.get(name, values[name]) != values[name]}
+        before = {**values, **self.registers_before}  # and self.registers is not what an outer frame shows
+        changed = {name for name in names if before[name] != values[name] == self.registers.get(name)}
         width = max(map(len, names))
         cells = [f"{'*' if name in changed else ' '}{name:>{width}} {values[name]}" for name in names]
         cell = max(map(len, cells)) + 1
@@ -587,7 +586,8 @@ def main():
     if console.is_terminal:
         console.use_readline()
     try:
-        console.ask("executeCommand", cli=f'settings set thread-format "{WHERE}"')
+        for setting in (f'thread-format "{WHERE}"', "use-color false"):
+            console.ask("executeCommand", cli=f"settings set {setting}")
         if options.program:
             console.do_launch(options.program)
         return console.run()

@@ -106,7 +106,7 @@ def test_a_terminal():
             ("\r", r"\r\n\* stopped: .*\r\n\(helper\) $"),  # repeats
             ("dance", "dance"),
             ("\x03", r"^\r\n\(helper\) $"),
-            ("state\r", r"^state\r\nstate 5 "),
+            ("getProcessState\r", r"^getProcessState\r\nstate 5 "),
             ("delete\rc\r", "ready"),
         ):
             terminal.type(text, pattern)
@@ -116,7 +116,7 @@ def test_a_terminal():
         terminal.type("", r"\* stopped: signal SIGUSR1.*\r\n\(helper\) half$")
         terminal.type("\x03", r"\(helper\) $")
         terminal.type("!process handle SIGUSR1 --pass false\r", "SIGUSR1 ")
-        terminal.type("c\rstate\r", r"state 6 ")
+        terminal.type("c\rgetProcessState\r", r"state 6 ")
         terminal.type("\x03", r"\* stopped: .*\r\n\(helper\) $")
         terminal.type("\x04", "")
         expect(terminal.child.wait(kit.DEADLINE), 0)
