@@ -60,7 +60,7 @@ class Helper {
       const std::lock_guard lock(writing);  // requests go out in the order of their ids, and whole
       const std::uint64_t id = nextId++;
       arguments["id"] = id;
-      const std::string text = arguments.dump();
+      const std::string text = dump(arguments);
       {
         const std::lock_guard shared(mutex);
         if (ended) throw std::runtime_error("the helper has ended");
@@ -103,7 +103,58 @@ class Helper {
     return status = WIFEXITED(ending) ? WEXITSTATUS(ending) : 128 + WTERMSIG(ending);
   }
 
+  /// As json::dump and json::parse, but for names of files, which may hold bytes that are not
+  /// UTF-8: those would throw. Here a text has the bytes that the helper has sent.
+  static std::string dump(json value) {
+    try {
+      return value.dump();
+    } catch (const json::type_error &) {
+      changeTexts(value, widened);
+      return narrowed(value.dump());
+    }
+  }
+  static json parse(const std::string &text) {
+    constexpr bool throws = false;
+    json value = json::parse(text, nullptr, throws);
+    if (!value.is_discarded()) return value;
+    value = json::parse(widened(text));
+    changeTexts(value, narrowed);
+    return value;
+  }
+
  private:
+  static void changeTexts(json &value, std::string (*change)(const std::string &)) {
+    if (value.is_string()) value = change(value.get_ref<const std::string &>());
+    if (value.is_structured())
+      for (json &item : value) changeTexts(item, change);
+  }
+
+  /// Each byte as the character of its number, U+0000 to U+00FF, in UTF-8.
+  static std::string widened(const std::string &bytes) {
+    std::string text;
+    for (const char byte : bytes) {
+      const auto code = static_cast<unsigned char>(byte);
+      if (code < 0x80) {
+        text += byte;
+      } else {
+        text += static_cast<char>(0xc0 | code >> 6);
+        text += static_cast<char>(0x80 | (code & 0x3f));
+      }
+    }
+    return text;
+  }
+
+  static std::string narrowed(const std::string &text) {
+    std::string bytes;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+      const auto lead = static_cast<unsigned char>(text[at]);
+      const bool isWide = (lead == 0xc2 || lead == 0xc3) && at + 1 < text.size();
+      bytes += isWide ? static_cast<char>((lead & 3) << 6 | (text[at + 1] & 0x3f)) : text[at];
+      if (isWide) ++at;
+    }
+    return bytes;
+  }
+
   /// Sockets rather than pipes: a write to a pipe whose reader is gone raises SIGPIPE, which ends a
   /// host that does not ignore it. Both ends close on exec, so that no other child of the host
   /// holds them: the helper would not see the end of its input.
@@ -159,7 +210,7 @@ class Helper {
       while (read(&length, sizeof length)) {
         std::string text(length, '\0');
         if (!read(text.data(), length)) break;
-        sort(json::parse(text));
+        sort(parse(text));
       }
     } catch (const std::exception &) {  // out of memory: as if the helper had ended
     }

@@ -39,6 +39,42 @@ function stringify(value) {
   return `{${members.map(([key, member]) => `${JSON.stringify(key)}:${stringify(member)}`).join()}}`;
 }
 
+// Names of files may hold bytes that are not UTF-8. Each such byte becomes a lone surrogate, U+DC80 to
+// U+DCFF, and the byte again on its way out.
+const utf8 = new TextDecoder('utf-8', { fatal: true, ignoreBOM: true });
+
+function decode(bytes) {
+  try {
+    return utf8.decode(bytes);
+  } catch {
+    let text = '';
+    for (let at = 0; at < bytes.length; ) {
+      const lead = bytes[at];
+      const length = lead < 0xc0 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+      try {
+        text += utf8.decode(bytes.subarray(at, at + length));
+        at += length;
+      } catch {
+        text += String.fromCharCode(0xdc00 + lead);
+        at += 1;
+      }
+    }
+    return text;
+  }
+}
+
+// Of JSON text, in which stringify has written a lone surrogate as \udcxx.
+function encode(text) {
+  const pieces = [];
+  let start = 0;
+  for (const match of text.matchAll(/\\(?:udc([89a-f][0-9a-f])|.)/gs)) {
+    if (match[1] === undefined) continue;
+    pieces.push(Buffer.from(text.slice(start, match.index)), Buffer.from(match[1], 'hex'));
+    start = match.index + match[0].length;
+  }
+  return Buffer.concat([...pieces, Buffer.from(text.slice(start))]);
+}
+
 class Helper {
   #nextId = 1;
   #pending = new Map(); // id -> { resolve, reject } of the requests that wait for their responses
@@ -80,7 +116,7 @@ class Helper {
       const text = this.messages.read(this.#length); // null until all of it is there
       if (text?.length !== this.#length) return;
       this.#length = null;
-      this.#sort(parse(text.toString()));
+      this.#sort(parse(decode(text)));
     }
   }
 
@@ -108,7 +144,7 @@ class Helper {
   ask(command, args = {}) {
     if (this.#failure) return Promise.reject(this.#failure);
     const id = this.#nextId++;
-    const text = Buffer.from(stringify({ ...args, command, id }));
+    const text = encode(stringify({ ...args, command, id }));
     return new Promise((resolve, reject) => {
       this.#pending.set(id, { resolve, reject });
       this.requests.write(Buffer.from(new Uint32Array([text.length]).buffer));
@@ -135,4 +171,4 @@ class Helper {
   }
 }
 
-module.exports = { Helper, parse, stringify };
+module.exports = { Helper, parse, stringify, decode, encode };

@@ -11,7 +11,7 @@ using nlohmann::json;
 
 static json ask(Helper &helper, const std::string &command,
                 const json &arguments = json::object()) {
-  std::cout << "-> " << command << ' ' << arguments << std::endl;
+  std::cout << "-> " << command << ' ' << Helper::dump(arguments) << std::endl;
   json response = helper.ask(command, arguments);
   if (response["status"] != "ok")
     throw std::runtime_error(
@@ -37,7 +37,7 @@ static json readUntil(Helper &helper, const std::string &state, std::string &out
       output += decoded(event["output"]);
       continue;
     }
-    std::cout << " * " << event << std::endl;
+    std::cout << " * " << Helper::dump(event) << std::endl;
     if (event["type"] != "state") continue;
     if (event["state_desc"] == state) return event;
     if (event["state_desc"] == "eStateExited")

@@ -5,6 +5,7 @@ import re
 import resource
 import shutil
 import subprocess
+import tempfile
 
 from kit import *
 
@@ -12,15 +13,27 @@ EXAMPLES = os.path.join(settings["source"], "examples")
 EXACT_PC = r"pc 0x[0-9a-f]{5,16}\b"
 
 
+def helper_with_odd_library():
+    """A helper whose programs have a library loaded whose name is not UTF-8."""
+    folder = tempfile.mkdtemp().encode()
+    library = shutil.copy(inferior("libplugin.so").encode(), folder + b"/b\xff.so")
+    script = os.path.join(folder, b"helper")
+    with open(script, "wb") as file:
+        file.write(b"#!/bin/sh\nexport ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0\nLD_PRELOAD=%b exec %b \"$@\"\n"
+                   % (library, settings["helper"].encode()))
+    os.chmod(script, 0o755)
+    return script
+
+
 def run_example(*command, shows=()):
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # a helper whose host dies ends by abort
     # Python writes to a pipe only at its end.
-    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True, "errors": "replace",
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True, "errors": "surrogateescape",
                "env": os.environ | {"PYTHONUNBUFFERED": "1"}}
-    host = subprocess.Popen([*command, settings["helper"], settings["sample"]], **options)
+    host = subprocess.Popen([*command, helper_with_odd_library(), settings["sample"]], **options)
     output = host.communicate(timeout=DEADLINE)[0]
     expect(host.returncode, 0, output)
-    for pattern in ("Good morning, world!", "sample: 1 arguments", "exit status 3", *shows):
+    for pattern in ("Good morning, world!", "sample: 1 arguments", "exit status 3", r"b(\udcff|\\udcff)\.so", *shows):
         check(re.search(pattern, output), f"the run does not show {pattern!r}: {output}")
     eventually(lambda: not descendants(os.getpid()), "nothing stays")
 
