@@ -39,8 +39,9 @@ def test_processes_that_cannot_be_attached_to(host):
     check(servers, "there is a debug server")
     host.ok("executeCommand", cli="target delete")
     list(host.rest())  # its exit, if LLDB had time for it
-    for pid in (host.pid, *servers, 2**32 + os.getpid(), 2**64 - 1):
-        answer = host.ask("attachToProcess", pid=pid)
+    program = Program(inferior("wait"))  # to 0 LLDB would attach to this one, by its name
+    for pid in (host.pid, *servers, 0, 2**32 + program.pid, 2**64 - 1):
+        answer = host.ask("attachToProcess", pid=pid, executable=inferior("wait"))
         check(answer["message"].startswith("cannot attach to process: "), (pid, answer))
         expect(host.ask("getProcessState"), error("no target"))
     expect(host.run("hello")[1], 3)

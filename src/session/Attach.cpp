@@ -29,11 +29,13 @@ Json::object executablePlace(lldb::SBTarget target) {
           {"aslrSlide", loadAddress - fileAddress}};
 }
 
-/// Why LLDB must not be asked to attach to this number; null where it may. It would cut off what
-/// does not fit a process's number, and attach to somebody else; and it would wait for ever for
-/// this program, or for the server that attaches, to stop itself.
+/// Why LLDB must not be asked to attach to this number; null where it may. It takes 0 for any
+/// process of the executable's name, and cuts off what does not fit a process's number: somebody
+/// else is attached to then. It waits for ever for this program, or for the server that attaches,
+/// to stop itself.
 const char *whyNotAttach(std::uint64_t pid) {
-  if (pid > static_cast<std::uint64_t>(std::numeric_limits<pid_t>::max())) return "No such process";
+  if (pid == 0 || pid > static_cast<std::uint64_t>(std::numeric_limits<pid_t>::max()))
+    return "No such process";
   if (platform::isOwnProcess(static_cast<pid_t>(pid))) return "It is a part of this debugger";
   return nullptr;
 }
