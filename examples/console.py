@@ -68,7 +68,7 @@ REPEATED = ("s", "n", "step", "next", "c", "continue", "x", "code", "stepInstruc
 
 GENERAL_REGISTERS = {  # by the name of the program counter
     "rip": "rax rbx rcx rdx rsi rdi rbp rsp r8 r9 r10 r11 r12 r13 r14 r15 rip rflags cs ss ds es fs gs fs_base gs_base",
-    "pc": " ".join(f"x{n}" for n in range(29)) + " fp lr sp pc cpsr",
+    "pc": " ".join(f"x{n}" for n in range(31)) + " fp lr sp pc cpsr",
 }
 # How LLDB describes a thread: why it stopped, and function and offset, module, file and line.
 WHERE = (
@@ -206,19 +206,19 @@ class Console:
         self.registers = self.registers_before = {}  # at this stop and the one before
         self.next_address = None  # where x goes on
         self.last_line = ""
-        threading.Thread(target=self.watch, daemon=True).start()
+        self.watcher = threading.Thread(target=self.watch, daemon=True)
+        self.watcher.start()
         signal.signal(signal.SIGINT, self.interrupt)
         signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
 
     def watch(self):
         """The thread that shows events."""
-        while True:
-            event = self.helper.events.get()
+        while event := self.helper.events.get():
             if isinstance(event, threading.Event):
                 event.set()
                 continue
             if isinstance(event, EOFError):
-                return self.enter("eStateExited")
+                return self.enter("eStateExited")  # the helper is gone
             self.show(json.dumps(event) * self.raw, 2)
             if event["type"] == "state":
                 self.take_state(event)
@@ -297,7 +297,7 @@ class Console:
         mark = threading.Event()
         self.helper.events.put(mark)
         while not mark.wait(1):
-            if self.helper.child.poll() is not None:
+            if not self.watcher.is_alive():
                 raise EOFError
 
     def perform(self, command, **arguments):
@@ -438,18 +438,18 @@ class Console:
     def do_regs(self, words):
         """regs: the general registers. regs NAME...: these. regs all: all. A star marks what the last step changed."""
         self.need_a_stop()
-        values = self.ask("getRegisters")["registers"]
+        values = self.ask("getRegisters")["registers"]  # some with the place they point to behind them
         general = next((names for pc, names in GENERAL_REGISTERS.items() if pc in values), "").split()
         rest = sorted(values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
         names = [name.lstrip("$") for name in words] or general or rest
-        if words == ["all"]:
-            names = general + [name for name in rest if name not in general]
+        names = general + [name for name in rest if name not in general] if words == ["all"] else names
         if not (names := [name for name in names if name in values]):
             raise Mistake("there is no such register; regs all shows all")
         before = {**values, **self.registers_before}  # and self.registers is not what an outer frame shows
         changed = {name for name in names if before[name] != values[name] == self.registers.get(name)}
         width = max(map(len, names))
-        cells = [f"{'*' if name in changed else ' '}{name:>{width}} {values[name]}" for name in names]
+        words = {name: re.sub(r"(?<=\w) .*", "", values[name]) for name in names}
+        cells = [f"{'*' if name in changed else ' '}{name:>{width}} {words[name]}" for name in names]
         cell = max(map(len, cells)) + 1
         columns = max(1, shutil.get_terminal_size().columns // cell)
         shown = [self.screen.colour(33 * (name in changed), text.ljust(cell)) for name, text in zip(names, cells)]
@@ -592,7 +592,7 @@ def main():
             console.do_launch(options.program)
         return console.run()
     except (EOFError, BrokenPipeError):
-        sys.exit(f"console.py: lldb-helper has ended, with {console.helper.child.wait()}")
+        sys.exit("console.py: lldb-helper has ended, or nobody reads this output any more")
 
 
 if __name__ == "__main__":

@@ -31,7 +31,7 @@ def run(command, typed="", **options):
 def test_a_script():
     session = (
         ("wait\nwhere", r"There is no program\. launch "),
-        (f"launch '{inferior('steps')}'", rf"\* stopped: the program's entry; {WHERE}ld-\S*`_start"),
+        (f"launch '{inferior('steps')}'", rf"\* stopped: the program's entry; {WHERE}ld-\S*`"),
         ("b leaf", r"Breakpoint 1: where = steps`leaf"),
         ("c\nwait", rf"\* loaded libc\S* at 0x(?s:.*)\* stopped: breakpoint 1\.1; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:7\n"),
         ("bt", r"frame #1: \S+ steps`middle.*\n.*steps`main"),
