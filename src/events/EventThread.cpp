@@ -78,7 +78,13 @@ void EventThread::awaitFirstState() {
   if (isRunning()) publicState.awaitFirst(bound);
 }
 
+void EventThread::takeEvents() {
+  lldb::SBEvent event;
+  while (!isRunning() && debugger.GetListener().GetNextEvent(event)) continue;
+}
+
 void EventThread::awaitStates(lldb::SBProcess process) {
+  takeEvents();
   if (!isRunning()) return;
   lldb::SBListener listener = debugger.GetListener();
   waitWhile([&] {
@@ -89,6 +95,7 @@ void EventThread::awaitStates(lldb::SBProcess process) {
 }
 
 bool EventThread::mayResume(lldb::SBProcess process) {
+  takeEvents();
   if (!isRunning()) return true;
   bool runs = false;
   lldb::StateType state = lldb::eStateInvalid;
@@ -106,18 +113,20 @@ void EventThread::setResumed(bool resumed) {
 }
 
 bool EventThread::isResumed(lldb::SBProcess &process) const {
-  return publicState.isRunning() || runsForLldb(process);
+  return (isRunning() && publicState.isRunning()) || runsForLldb(process);
 }
 
 void EventThread::halt(lldb::SBProcess process) {
   publicState.hideStopsOf(process.GetUniqueID());
-  if (!isRunning() || !isResumed(process)) return;
+  takeEvents();
+  if (!isResumed(process)) return;
   auto nextInterrupt = std::chrono::steady_clock::now();
   waitWhile([&] {
     if (std::chrono::steady_clock::now() >= nextInterrupt) {
       process.SendAsyncInterrupt();
       nextInterrupt = std::chrono::steady_clock::now() + interruptPeriod;
     }
+    takeEvents();
     return isResumed(process);
   });
 }

@@ -12,8 +12,9 @@
 /// thread only.
 ///
 /// What waits here waits for the event thread, and gives up after two seconds: then the host does
-/// not read, or the process does not stop, and LLDB's own bounds hold. Without an event thread
-/// nothing is waited for.
+/// not read, or the process does not stop, and LLDB's own bounds hold. A process that LLDB's
+/// command line has launched after a refused connection has no event thread: nobody is waited for
+/// then, and LLDB's events are taken here, unreported, so that its state follows the process.
 class EventThread {
  public:
   /// `channel` must outlive the object.
@@ -64,6 +65,9 @@ class EventThread {
 
  private:
   bool isResumed(lldb::SBProcess &process) const;
+
+  /// Takes what LLDB has queued, where there is no thread to do it.
+  void takeEvents();
 
   lldb::SBDebugger debugger;
   MessageChannel &channel;
