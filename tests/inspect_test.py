@@ -51,6 +51,30 @@ def test_registers_are_whole_and_most_significant_byte_first(host):
     check("0x" not in outer.values(), outer)
 
 
+def all_registers(host):
+    """After a stop, a step, and changes by the host and by LLDB's command line; and of an outer frame."""
+    registers = lambda: host.ok("getRegisters")["registers"]
+    host.launch("registers")
+    host.run_to("filled")
+    yield registers()
+    host.resume(how="stepInstruction")
+    yield registers()
+    host.ok("setRegister", register=PLAIN, value="0x123456789abcdef")
+    yield registers()
+    host.ok("executeCommand", cli=f'register write {VECTOR} "{{{" ".join(["0x5a"] * 16)}}}"')
+    yield registers()
+    host.ok("selectFrame", index=1)
+    yield registers()
+
+
+def test_registers_read_at_once_are_those_read_one_by_one(host):
+    at_once = list(all_registers(host))
+    host.ok("deleteProcess")
+    host.ok("executeCommand", cli="settings set plugin.process.gdb-remote.use-g-packet-for-reading false")
+    for one_by_one, registers in zip(all_registers(host), at_once):
+        expect(registers, one_by_one)
+
+
 def test_a_deep_call_stack_through_code_of_no_module(host):
     host.launch("recurse", "1000")
     host.run_to("bottom")

@@ -22,6 +22,13 @@ void keepFromStandardStreams(lldb::SBDebugger &debugger) {
   debugger.SetErrorFileHandle(std::fopen(nullDevice, "we"), handOver);
 }
 
+/// Has LLDB read all registers of a thread by one packet, in place of one packet for each. A person
+/// can change the setting again. An LLDB that does not know it reads registers one by one.
+void readRegistersAtOnce(lldb::SBDebugger &debugger) {
+  lldb::SBDebugger::SetInternalVariable("plugin.process.gdb-remote.use-g-packet-for-reading",
+                                        "true", debugger.GetInstanceName());
+}
+
 /// While one lives, the triple of a new target chooses that target's platform. LLDB would go on
 /// with it: after one target of another platform it launches nothing here any more.
 class PlatformGuard {
@@ -44,6 +51,7 @@ DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
       debugger(lldb::SBDebugger::Create()),
       eventThread(debugger, channel) {
   keepFromStandardStreams(debugger);
+  readRegistersAtOnce(debugger);
   debugger.SetAsync(true);
 }
 
