@@ -93,6 +93,7 @@ class Terminal:  # with a home of its own
             check(comes, f"{text!r} does not bring {pattern}: {self.seen!r}")
             self.seen += os.read(self.master, 4096).decode(errors="replace")
         self.seen = self.seen[match.end() :]
+        return match
 
 
 def test_a_terminal():
@@ -116,7 +117,8 @@ def test_a_terminal():
         terminal.type("", r"\* stopped: signal SIGUSR1.*\r\n\(helper\) half$")
         terminal.type("\x03", r"\(helper\) $")
         terminal.type("!process handle SIGUSR1 --pass false\r", "SIGUSR1 ")
-        terminal.type("c\rgetProcessState\r", r"state 6 ")
+        terminal.type("c\r", r"\(helper\) $")
+        kit.eventually(lambda: terminal.type("getProcessState\r", r"state (\d+) ")[1] == "6", "it runs")
         terminal.type("\x03", r"\* stopped: .*\r\n\(helper\) $")
         terminal.type("\x04", "")
         expect(terminal.child.wait(kit.DEADLINE), 0)
