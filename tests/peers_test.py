@@ -1,9 +1,11 @@
 """Hosts, debug servers and programs that behave badly: one sick peer must not cost the others anything."""
 
 import os
+import re
 import select
 import signal
 import tempfile
+import time
 
 from kit import *
 
@@ -162,16 +164,29 @@ def test_a_long_input_arrives_whole(host):
 
 
 def test_a_program_that_does_not_read_holds_nothing_up(host):
-    """Neither requests nor LLDB: while LLDB writes to a terminal it reports neither output nor stops."""
-    host.start_waiting()
+    """Neither requests nor LLDB, which would try again and again to write to a full terminal, or wait in it."""
     threads = lambda: len(os.listdir(f"/proc/{host.pid}/task"))
-    before = threads()
-    for _ in range(2):
-        host.ok("sendToApplication", data=list(b"nobody reads this line\n" * 20000))
-    for _ in range(3):
-        host.ok("breakExecution")
-        host.state("eStateStopped")
-        host.resume_only()
-    expect(threads(), before + 1)
-    host.ok("deleteProcess")
-    check(threads() < before, "the writer outlives its process")
+    for texts in ([b"nobody reads this line\n" * 20000] * 2, [b"x" * 255 + b"\n"] * 600):
+        host.start_waiting()
+        before = threads()
+        for text in texts:
+            host.ok("sendToApplication", data=list(text))
+        used = processor_seconds(host.pid)
+        time.sleep(1)  # the span that is measured
+        check(processor_seconds(host.pid) - used < 0.15, "the helper is busy although nothing can be written")
+        for number in os.listdir(f"/proc/{host.pid}/fd"):
+            if os.readlink(f"/proc/{host.pid}/fd/{number}").endswith("ptmx"):
+                flags = int(re.search(r"flags:\s+(\d+)", read(f"/proc/{host.pid}/fdinfo/{number}"))[1], 8)
+                check(flags & os.O_NONBLOCK, "a write to the terminal may wait")
+        for _ in range(3):
+            host.ok("breakExecution")
+            host.state("eStateStopped")
+            host.resume_only()
+        expect(threads(), before + 1)
+        host.ok("deleteProcess")
+        check(threads() < before, "the writer outlives its process")
+
+
+def processor_seconds(pid):
+    user, system = read(f"/proc/{pid}/stat").rsplit(")", 1)[1].split()[11:13]
+    return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
