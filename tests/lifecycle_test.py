@@ -10,6 +10,7 @@ import time
 from kit import *
 
 HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
+WAIT = HELLO | {"path": inferior("wait")}
 
 
 def attach(pid, executable=""):
@@ -82,12 +83,17 @@ def test_ending_right_after_a_step():
     """LLDB's public state is old here. A kill that trusts it crashes LLDB, or waits 20 seconds."""
     one_processor = lambda: os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})  # LLDB's events are taken late
     kill = {"command": "executeCommand", "cli": "process kill"}
-    for host in (Host(prepare=one_processor), Host(env=shim(SLOW_EVENTS="20"))):
-        for end in ("deleteProcess", "stopExecution", kill) * 7:
-            expect(host.ask_all(HELLO, "createProcess"), [OK] * 2)
+    steps = ["stepOver", "stepInstruction"]
+    for host, ends in (
+        (Host(prepare=one_processor), [[*steps, "deleteProcess"], [*steps, "stopExecution"], [*steps, kill]] * 5),
+        (Host(env=shim(SLOW_EVENTS="20")), [[*steps, "deleteProcess"], [*steps, "stopExecution"], [*steps, kill]] * 5),
+        (Host(env=shim(SLOW_EVENTS="5")), [["stepInstruction", "breakExecution", kill]] * 12),
+    ):
+        for requests in ends:
+            expect(host.ask_all(WAIT, "createProcess"), [OK] * 2)
             start = time.monotonic()
-            expect([answer["status"] for answer in host.ask_all("stepOver", "stepInstruction", end)], ["ok"] * 3)
-            check(time.monotonic() - start < 10, end)
+            expect([answer["status"] for answer in host.ask_all(*requests)], ["ok"] * 3)
+            check(time.monotonic() - start < 10, requests)
             host.ask("deleteProcess")
         host.end()
 
