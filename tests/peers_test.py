@@ -173,9 +173,7 @@ def test_a_program_that_does_not_read_holds_nothing_up(host):
         before = threads()
         for text in texts:
             host.ok("sendToApplication", data=list(text))
-        used = processor_seconds(host.pid)
-        time.sleep(1)  # the span that is measured
-        check(processor_seconds(host.pid) - used < 0.15, "the helper is busy although nothing can be written")
+        eventually(lambda: is_at_rest(host.pid), "the helper rests, because nothing can be written")
         for number in os.listdir(f"/proc/{host.pid}/fd"):
             if os.readlink(f"/proc/{host.pid}/fd/{number}").endswith("ptmx"):
                 flags = int(re.search(r"flags:\s+(\d+)", read(f"/proc/{host.pid}/fdinfo/{number}"))[1], 8)
@@ -189,6 +187,13 @@ def test_a_program_that_does_not_read_holds_nothing_up(host):
         check(threads() < before, "the writer outlives its process")
 
 
-def processor_seconds(pid):
-    user, system = read(f"/proc/{pid}/stat").rsplit(")", 1)[1].split()[11:13]
-    return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+def is_at_rest(pid):
+    """Whether the process hardly needs the processor, for a second."""
+
+    def seconds():
+        user, system = read(f"/proc/{pid}/stat").rsplit(")", 1)[1].split()[11:13]
+        return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+    start = seconds()
+    time.sleep(1)  # the span that is measured
+    return seconds() - start < 0.1
