@@ -3,6 +3,7 @@
 Usage: run.py PAGE|FILE NAME        (see machine.py for what the environment must hold; ctest knows it)
 """
 
+import contextlib
 import importlib
 import os
 import signal
@@ -40,7 +41,8 @@ def main(path, name):
         finally:
             while left := kit.descendants(os.getpid()):
                 for pid in left:
-                    os.kill(pid, signal.SIGKILL)
+                    with contextlib.suppress(ProcessLookupError):
+                        os.kill(pid, signal.SIGKILL)
 
 
 main(*sys.argv[1:])
