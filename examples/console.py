@@ -423,7 +423,7 @@ class Console:
         self.show("\n".join(lines[:1] * (first > 0) + lines[first : first + 17]))
 
     def do_x(self, words):
-        """x [ADDRESS [LENGTH]]: bytes of memory, 64 unless LENGTH says more; x alone goes on behind them."""
+        """x [ADDRESS [LENGTH]]: bytes of memory, 64 unless LENGTH says more; x alone continues after them."""
         self.need_a_stop()
         if len(words) > 2 or not words and self.next_address is None:
             raise Mistake("x ADDRESS [LENGTH], the address without spaces")
@@ -438,7 +438,7 @@ class Console:
     def do_regs(self, words):
         """regs: the general registers. regs NAME...: these. regs all: all. A star marks what the last step changed."""
         self.need_a_stop()
-        values = self.ask("getRegisters")["registers"]  # some with the place they point to behind them
+        values = self.ask("getRegisters")["registers"]  # some with the place they point to after them
         general = next((names for pc, names in GENERAL_REGISTERS.items() if pc in values), "").split()
         rest = sorted(values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
         names = [name.lstrip("$") for name in words] or general or rest
@@ -506,7 +506,7 @@ class Console:
             else:
                 raise Mistake(f"there is no command «{word}»; help lists them")
             if word in REPEATED:
-                self.last_line = word if word == "x" else line  # x goes on behind what it has shown
+                self.last_line = word if word == "x" else line  # x continues after what it has shown
         return True
 
     def interrupt(self, *_):
