@@ -70,9 +70,17 @@ def all_registers(host):
 def test_registers_read_at_once_are_those_read_one_by_one(host):
     at_once = list(all_registers(host))
     host.ok("deleteProcess")
-    host.ok("executeCommand", cli="settings set plugin.process.gdb-remote.use-g-packet-for-reading false")
+    host.ok("executeCommand", cli=f"settings set {AT_ONCE} false")
     for one_by_one, registers in zip(all_registers(host), at_once):
         expect(registers, one_by_one)
+
+
+def test_memory_is_read_in_large_pieces_unless_a_person_has_chosen_a_size(host):
+    for chosen, expected in (("512", "2048"), ("1024", "1024")):
+        host.ok("executeCommand", cli=f"settings set {PIECE_SIZE} {chosen}")
+        host.launch("hello")
+        expect(host.setting(PIECE_SIZE), expected)
+        host.ok("deleteProcess")
 
 
 def test_a_deep_call_stack_through_code_of_no_module(host):

@@ -68,6 +68,11 @@ class Conformance:
             self.check(part, text, message)
 
 
+# LLDB's settings for reading.
+AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"
+PIECE_SIZE = "target.process.memory-cache-line-size"
+
+
 class Host(Helper):
     """A host that checks all that is said, and takes events in order: none is dropped."""
 
@@ -199,6 +204,10 @@ class Host(Helper):
         status = self.resume("eStateExited")["exit_status"]
         self.ok("deleteProcess")
         return self.output, status
+
+    def setting(self, name):
+        """The value of a setting of LLDB's."""
+        return self.ok("executeCommand", cli=f"settings show {name}")["output"].split()[-1]
 
     def run_to(self, function):
         self.ok("setBreakpointAtVirtualAddress", address=self.address(function))

@@ -1,7 +1,9 @@
 // The registers of the selected thread's selected frame, as texts.
 
 #include <algorithm>
-#include <string_view>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "channel/Envelope.h"
 #include "json/HexDigits.h"
@@ -9,10 +11,6 @@
 #include "session/Outcome.h"
 
 namespace {
-
-/// Deliberate: the wide vector registers stay out. They hold the xmm registers, which are there,
-/// and would double the answer.
-bool isLeftOut(std::string_view name) { return name.starts_with("ymm") || name.starts_with("zmm"); }
 
 /// "0x" and the register's bytes, the last one in memory first: on a little-endian machine, as the
 /// number would be written. For registers that LLDB does not print as one value.
@@ -34,21 +32,20 @@ std::string registerValueToHex(lldb::SBValue value) {
   return text;
 }
 
-/// Adds one set's registers. A name that is there already takes the later set's value.
+/// Appends the registers of one set, each under its name. A register without a name is left out.
 ///
 /// A register has neither a dynamic type nor synthetic children. To look for them would cost a
 /// third of the time.
-void addRegisters(Json::object &registers, lldb::SBValue set) {
+void appendRegisters(std::vector<Json::object::value_type> &registers, lldb::SBValue set,
+                     const std::vector<std::string> &names) {
   constexpr bool canBeSynthetic = false;
-  set.SetPreferSyntheticValue(canBeSynthetic);
-  const std::uint32_t count = set.GetNumChildren();
-  for (std::uint32_t index = 0; index < count; ++index) {
+  set.SetPreferSyntheticValue(canBeSynthetic);  // holds for its children too
+  for (std::uint32_t index = 0; index < names.size(); ++index) {
+    if (names[index].empty()) continue;
     lldb::SBValue value = set.GetChildAtIndex(index, lldb::eNoDynamicValues, canBeSynthetic);
-    value.SetPreferSyntheticValue(canBeSynthetic);
-    const char *name = value.GetName();
-    if (name == nullptr || isLeftOut(name)) continue;
     const char *text = value.GetValue();
-    registers[name] = text != nullptr ? Json(text) : Json(registerValueToHex(value));
+    registers.emplace_back(names[index],
+                           text != nullptr ? Json(text) : Json(registerValueToHex(value)));
   }
 }
 
@@ -58,10 +55,13 @@ Json DebugSession::getRegisters() {
   process = currentProcess();
   if (!process.IsValid()) return errorResponse("getRegisters", "no process");
   lldb::SBValueList sets = process.GetSelectedThread().GetSelectedFrame().GetRegisters();
-  Json::object registers;
-  for (std::uint32_t index = 0; index < sets.GetSize(); ++index)
-    addRegisters(registers, sets.GetValueAtIndex(index));
-  return okResponseWith({{"registers", std::move(registers)}});
+  std::vector<Json::object::value_type> registers;
+  for (std::uint32_t index = 0; index < sets.GetSize(); ++index) {
+    lldb::SBValue set = sets.GetValueAtIndex(index);
+    appendRegisters(registers, set, registerNames.of(process, index, set));
+  }
+  // A name of more than one set keeps the last set's value.
+  return okResponseWith({{"registers", Json::object(std::move(registers))}});
 }
 
 Json DebugSession::setRegister(const std::string &name, const std::string &value) {

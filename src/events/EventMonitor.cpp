@@ -121,13 +121,14 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
 
 /// The log has every state, the host what it can act on: a stop that LLDB has resumed is none.
 void EventMonitor::reportState(lldb::StateType state, bool isRestarted) {
+  publicState.taken(state, isRestarted);
   const std::string name = stateName(state);
   LOG_RECORD("State changed to %{public}s", name.c_str());
   Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
   if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
   if (publicState.isForHost(state, isRestarted, process.GetUniqueID()))
     send("state", std::move(members));
-  publicState.handled(state, isRestarted);
+  publicState.handled(isRestarted);
 }
 
 void EventMonitor::reportModulesLoaded() {

@@ -42,12 +42,12 @@ class EventThread {
   void awaitFirstState();
 
   /// Returns when every state change of `process`, which may be invalid, has been taken from the
-  /// listener and handled.
+  /// listener.
   void awaitStates(lldb::SBProcess process);
 
   /// Whether `process` may be resumed. Not while it runs, also where LLDB would try: after a stop
   /// that LLDB resumed by itself it can have lost its record of that, and a second resume is kept
-  /// back and strands the process at its next stop. A stop that is just being handled is awaited.
+  /// back and strands the process at its next stop. A stop that is just being taken is awaited.
   bool mayResume(lldb::SBProcess process);
 
   /// The main thread resumes the process, or has failed to.

@@ -8,6 +8,10 @@ void PublicState::reset() {
   showStops();
 }
 
+void PublicState::taken(lldb::StateType state, bool isRestarted) {
+  running = isRestarted || state == lldb::eStateRunning || state == lldb::eStateStepping;
+}
+
 bool PublicState::isForHost(lldb::StateType state, bool isRestarted, std::uint32_t processId) {
   if (isRestarted) return false;
   if (state == lldb::eStateRunning && lastForHost == state) return false;
@@ -16,8 +20,7 @@ bool PublicState::isForHost(lldb::StateType state, bool isRestarted, std::uint32
   return state != lldb::eStateStopped || hiddenProcess != processId;
 }
 
-void PublicState::handled(lldb::StateType state, bool isRestarted) {
-  running = isRestarted || state == lldb::eStateRunning || state == lldb::eStateStepping;
+void PublicState::handled(bool isRestarted) {
   if (isRestarted) return;
   const std::lock_guard lock(mutex);
   anyHandled = true;

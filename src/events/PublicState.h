@@ -20,7 +20,11 @@ class PublicState {
   /// For the main thread, while there is no event thread: nothing has been handled.
   void reset();
 
-  // For the event thread.
+  // For the event thread, for each state in this order.
+
+  /// The state has been taken from the listener. A process that stands may be resumed from here on:
+  /// the host has the stop before its request arrives, or did not wait for it.
+  void taken(lldb::StateType state, bool isRestarted);
 
   /// Whether the host should be sent this state of the process with this unique id. Every state
   /// but: a restarted stop, the running state that only repeats what the host was sent last, and a
@@ -28,7 +32,7 @@ class PublicState {
   bool isForHost(lldb::StateType state, bool isRestarted, std::uint32_t processId);
 
   /// The state has been handled: it was sent, or is not the host's.
-  void handled(lldb::StateType state, bool isRestarted);
+  void handled(bool isRestarted);
 
   // For the main thread.
 
@@ -41,7 +45,7 @@ class PublicState {
   /// The host, or LLDB's command line, is about to resume a process: stops are the host's.
   void showStops() { hiddenProcess = noProcess; }
 
-  /// Whether the process runs: the last state handled is no stop, or the host has resumed it since.
+  /// Whether the process runs: the last state taken is no stop, or the host has resumed it since.
   bool isRunning() const { return running; }
 
   /// The main thread resumes the process, or has failed to.

@@ -8,6 +8,7 @@
 #include "platform/Process.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
+#include "session/ReadSettings.h"
 
 namespace {
 
@@ -66,6 +67,7 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
     discardTarget();
     return errorResponse("attachToProcess", "cannot attach to process: " + errorText(error));
   }
+  readMemoryInLargePieces(debugger);
   eventThread.start(target);
   waitUntilSettled();
   return okResponseWith(executablePlace(target));

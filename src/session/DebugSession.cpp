@@ -6,6 +6,7 @@
 #include "channel/Envelope.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
+#include "session/ReadSettings.h"
 
 namespace {
 
@@ -20,13 +21,6 @@ void keepFromStandardStreams(lldb::SBDebugger &debugger) {
   debugger.SetInputFileHandle(std::fopen(nullDevice, "re"), handOver);
   debugger.SetOutputFileHandle(std::fopen(nullDevice, "we"), handOver);
   debugger.SetErrorFileHandle(std::fopen(nullDevice, "we"), handOver);
-}
-
-/// Has LLDB read all registers of a thread by one packet, in place of one packet for each. A person
-/// can change the setting again. An LLDB that does not know it reads registers one by one.
-void readRegistersAtOnce(lldb::SBDebugger &debugger) {
-  lldb::SBDebugger::SetInternalVariable("plugin.process.gdb-remote.use-g-packet-for-reading",
-                                        "true", debugger.GetInstanceName());
 }
 
 /// While one lives, the triple of a new target chooses that target's platform. LLDB would go on

@@ -14,6 +14,7 @@
 #include "commands/ApplicationInput.h"
 #include "events/EventThread.h"
 #include "json/Json.h"
+#include "session/RegisterNames.h"
 
 /// The one session: the channel to the host, LLDB's debugger, and at most one target and process.
 ///
@@ -157,6 +158,7 @@ class DebugSession {
   std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB's choice
   bool is64Bits = true;                        ///< only logged
 
+  RegisterNames registerNames;
   std::unique_ptr<ApplicationInput> applicationInput;  ///< null until the process is sent something
 
   EventThread eventThread;  ///< the last member: while it runs nothing else may go

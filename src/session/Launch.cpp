@@ -9,6 +9,7 @@
 #include "platform/Process.h"
 #include "session/DebugSession.h"
 #include "session/Outcome.h"
+#include "session/ReadSettings.h"
 
 namespace {
 
@@ -36,6 +37,7 @@ Json DebugSession::createProcess() {
     return errorResponse("createProcess", "cannot create process: " + errorText(error));
   }
 
+  readMemoryInLargePieces(debugger);
   eventThread.start(target);
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());

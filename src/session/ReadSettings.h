@@ -1,0 +1,17 @@
+#pragma once
+
+#include <lldb/API/LLDB.h>
+
+// LLDB's settings for reading registers and memory. A person sees them with "settings show" and
+// changes them with "settings set". An LLDB that does not know a setting goes on without it.
+
+/// Has LLDB read all registers of a thread by one packet, not one packet for each.
+void readRegistersAtOnce(lldb::SBDebugger &debugger);
+
+/// Has LLDB read the memory of the selected process in pieces of 2048 bytes, not 512, from its next
+/// stop on: a stack is unwound in fewer packets. LLDB leaves out a piece that crosses the end of a
+/// mapping, so the size must divide the smallest page. A debugger's size that is not LLDB's default
+/// is a person's, and stays.
+///
+/// Not for connections: one may be slow, and its memory may hold a device's registers.
+void readMemoryInLargePieces(lldb::SBDebugger &debugger);
