@@ -13,7 +13,7 @@
 namespace noProcess {
 
 void start() {
-  platform::startEnvironment();
+  platform::initialEnvironment();
   platform::forgetPythonHome();
   platform::setLogSink([](const std::string &) {});
   lldb::SBDebugger::Initialize();

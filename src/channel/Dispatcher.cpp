@@ -11,22 +11,22 @@
 
 namespace {
 
-using Session = DebugSession &;
-using Request = const Json &;
-
 struct Command {
   std::string_view name;
-  /// Takes the command's arguments out of the request. An absent argument, or one of another kind,
-  /// arrives as the accessor's default; only the handler can tell whether that is an error.
-  Json (*handle)(Session session, Request request);
+  /// Takes the command's arguments from the request and calls the handler. An argument that is
+  /// missing or of another kind becomes the accessor's default. The handler decides whether that is
+  /// an error.
+  Json (*handle)(DebugSession &session, const Json &request);
 };
 
-/// Deliberate: higher bits are cut off, not refused.
-std::uint32_t low32(const Json &number) { return static_cast<std::uint32_t>(number.uint64Value()); }
+/// Deliberate: drops the higher bits. A host may extend the sign of a 32-bit number.
+std::uint32_t truncateToUint32(const Json &number) {
+  return static_cast<std::uint32_t>(number.uint64Value());
+}
 
-Json prepareExecutable(Session session, Request request) {
+Json prepareExecutable(DebugSession &session, const Json &request) {
   std::vector<EnvironmentEntry> environment;
-  // Deliberate: a malformed text keeps the entries before the mistake and is no error.
+  // Deliberate: a malformed text is no error. The entries before the mistake count.
   parseEnvironment(request["env"].stringValue(), environment);
   return session.prepareExecutable(request["path"].stringValue(), request["is64Bits"].boolValue(),
                                    request["triple"].stringValue(), request["cwd"].stringValue(),
@@ -36,47 +36,47 @@ Json prepareExecutable(Session session, Request request) {
 
 // clang-format off
 const Command commands[] = {
-    {"ping",              [](Session, Request) { return okResponse(); }},
+    {"ping",              [](DebugSession &, const Json &) { return okResponse(); }},
     {"prepareExecutable", prepareExecutable},
-    {"createProcess",     [](Session s, Request) { return s.createProcess(); }},
-    {"attachToProcess",   [](Session s, Request r) {
+    {"createProcess",     [](DebugSession &s, const Json &) { return s.createProcess(); }},
+    {"attachToProcess",   [](DebugSession &s, const Json &r) {
         return s.attachToProcess(r["pid"].uint64Value(), r["executable"].stringValue(),
                                  r["is64Bits"].boolValue(), r["triple"].stringValue()); }},
-    {"detach",            [](Session s, Request) { return s.detach(); }},
-    {"deleteProcess",     [](Session s, Request) { return s.deleteProcess(); }},
-    {"hasProcess",        [](Session s, Request) { return s.hasProcess(); }},
-    {"getProcessState",   [](Session s, Request) { return s.getProcessState(); }},
-    {"continueExecution", [](Session s, Request) { return s.continueExecution(); }},
-    {"stopExecution",     [](Session s, Request) { return s.stopExecution(); }},
-    {"breakExecution",    [](Session s, Request) { return s.breakExecution(); }},
-    {"getThreadIDList",   [](Session s, Request) { return s.getThreadIDList(); }},
-    {"selectThreadID",    [](Session s, Request r) { return s.selectThreadID(r["tid"].uint64Value()); }},
-    {"getRegisters",      [](Session s, Request) { return s.getRegisters(); }},
-    {"setBreakpointAtVirtualAddress", [](Session s, Request r) {
+    {"detach",            [](DebugSession &s, const Json &) { return s.detach(); }},
+    {"deleteProcess",     [](DebugSession &s, const Json &) { return s.deleteProcess(); }},
+    {"hasProcess",        [](DebugSession &s, const Json &) { return s.hasProcess(); }},
+    {"getProcessState",   [](DebugSession &s, const Json &) { return s.getProcessState(); }},
+    {"continueExecution", [](DebugSession &s, const Json &) { return s.continueExecution(); }},
+    {"stopExecution",     [](DebugSession &s, const Json &) { return s.stopExecution(); }},
+    {"breakExecution",    [](DebugSession &s, const Json &) { return s.breakExecution(); }},
+    {"getThreadIDList",   [](DebugSession &s, const Json &) { return s.getThreadIDList(); }},
+    {"selectThreadID",    [](DebugSession &s, const Json &r) { return s.selectThreadID(r["tid"].uint64Value()); }},
+    {"getRegisters",      [](DebugSession &s, const Json &) { return s.getRegisters(); }},
+    {"setBreakpointAtVirtualAddress", [](DebugSession &s, const Json &r) {
         return s.setBreakpointAtVirtualAddress(r["address"].uint64Value()); }},
-    {"removeBreakpoint",  [](Session s, Request r) { return s.removeBreakpoint(r["bkpt_id"].intValue()); }},
-    {"removeAllBreakpoints", [](Session s, Request) { return s.removeAllBreakpoints(); }},
-    {"stepInstruction",   [](Session s, Request) { return s.stepInstruction(); }},
-    {"stepOver",          [](Session s, Request) { return s.stepOver(); }},
-    {"stepOut",           [](Session s, Request) { return s.stepOut(); }},
-    {"readMemory",        [](Session s, Request r) {
+    {"removeBreakpoint",  [](DebugSession &s, const Json &r) { return s.removeBreakpoint(r["bkpt_id"].intValue()); }},
+    {"removeAllBreakpoints", [](DebugSession &s, const Json &) { return s.removeAllBreakpoints(); }},
+    {"stepInstruction",   [](DebugSession &s, const Json &) { return s.stepInstruction(); }},
+    {"stepOver",          [](DebugSession &s, const Json &) { return s.stepOver(); }},
+    {"stepOut",           [](DebugSession &s, const Json &) { return s.stepOut(); }},
+    {"readMemory",        [](DebugSession &s, const Json &r) {
         return s.readMemory(r["address"].uint64Value(), r["length"].intValue()); }},
-    {"writeByte",         [](Session s, Request r) {
+    {"writeByte",         [](DebugSession &s, const Json &r) {
         return s.writeByte(r["address"].uint64Value(),
                            static_cast<std::uint8_t>(r["value"].intValue() & 0xff)); }},
-    {"getCallstack",      [](Session s, Request) { return s.getCallstack(); }},
-    {"selectFrame",       [](Session s, Request r) { return s.selectFrame(low32(r["index"])); }},
-    {"setRegister",       [](Session s, Request r) {
+    {"getCallstack",      [](DebugSession &s, const Json &) { return s.getCallstack(); }},
+    {"selectFrame",       [](DebugSession &s, const Json &r) { return s.selectFrame(truncateToUint32(r["index"])); }},
+    {"setRegister",       [](DebugSession &s, const Json &r) {
         return s.setRegister(r["register"].stringValue(), r["value"].stringValue()); }},
-    {"executeCommand",    [](Session s, Request r) { return s.executeCommand(r["cli"].stringValue()); }},
-    {"completeCommand",   [](Session s, Request r) {
-        return s.completeCommand(r["cli"].stringValue(), low32(r["pos"])); }},
-    {"sendToApplication", [](Session s, Request r) { return s.sendToApplication(r["data"].arrayItems()); }},
-    {"moduleCount",       [](Session s, Request) { return s.moduleCount(); }},
-    {"moduleAtIndex",     [](Session s, Request r) { return s.moduleAtIndex(low32(r["index"])); }},
-    {"moduleForFile",     [](Session s, Request r) { return s.moduleForFile(r["file"].stringValue()); }},
-    // "platform" is part of this request and not used.
-    {"connectRemote",     [](Session s, Request r) {
+    {"executeCommand",    [](DebugSession &s, const Json &r) { return s.executeCommand(r["cli"].stringValue()); }},
+    {"completeCommand",   [](DebugSession &s, const Json &r) {
+        return s.completeCommand(r["cli"].stringValue(), truncateToUint32(r["pos"])); }},
+    {"sendToApplication", [](DebugSession &s, const Json &r) { return s.sendToApplication(r["data"].arrayItems()); }},
+    {"moduleCount",       [](DebugSession &s, const Json &) { return s.moduleCount(); }},
+    {"moduleAtIndex",     [](DebugSession &s, const Json &r) { return s.moduleAtIndex(truncateToUint32(r["index"])); }},
+    {"moduleForFile",     [](DebugSession &s, const Json &r) { return s.moduleForFile(r["file"].stringValue()); }},
+    // The request also has "platform", which is not used.
+    {"connectRemote",     [](DebugSession &s, const Json &r) {
         return s.connectRemote(r["is64Bits"].boolValue(), r["triple"].stringValue(),
                                r["url"].stringValue(), r["plugin"].stringValue(),
                                r["file"].stringValue()); }},

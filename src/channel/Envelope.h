@@ -8,7 +8,7 @@
 /// {"status": "ok"}, with "message" only when a text is given.
 Json okResponse(const std::optional<std::string> &message = std::nullopt);
 
-/// {"status": "ok"} with more members. `members` must not hold a "status".
+/// {"status": "ok"} and `members`, which must not contain "status".
 Json okResponseWith(Json::object members);
 
 /// {"message": text, "status": "error"}. Logs the error under the name of the operation that

@@ -9,19 +9,19 @@
 
 namespace {
 
-/// Frames of this length and longer are refused before anything is allocated for them.
-constexpr std::uint32_t refusedLength = 0x80000000;  // 2 GiB
+/// A frame of this length or more is refused before any memory is allocated for it.
+constexpr std::uint32_t messageLengthLimit = 0x80000000;  // 2 GiB
 
 /// Room for a console line of 1,023 bytes and its terminating zero.
 constexpr std::size_t lineBufferSize = 1024;
 
-/// As much as a pipe takes at once: a message of usual size is one write, and wakes the host once.
+/// A pipe's capacity. A message of usual size is one write, and wakes the host once.
 constexpr std::size_t outputBufferSize = 65536;
 
 }  // namespace
 
 MessageChannel::MessageChannel(FILE *input, FILE *output, bool consoleMode)
-    : input(input), output(output), consoleMode(consoleMode) {
+    : input(input), consoleMode(consoleMode), output(output) {
   if (!consoleMode) std::setvbuf(output, nullptr, _IOFBF, outputBufferSize);
 }
 
@@ -32,11 +32,11 @@ std::optional<std::string> MessageChannel::readMessage() {
 std::optional<std::string> MessageChannel::readFrame() {
   std::uint32_t length = 0;
   if (std::fread(&length, sizeof length, 1, input) != 1) return std::nullopt;
-  if (length >= refusedLength) {
+  if (length >= messageLengthLimit) {
     LOG_RECORD("Refusing a message of %u bytes\n", length);
     return std::nullopt;
   }
-  // Left uninitialised: a length that no payload follows costs no memory.
+  // Not initialised, so that a length without a payload takes no memory.
   const auto buffer = std::make_unique_for_overwrite<char[]>(std::size_t{length} + 1);
   for (std::size_t count = 0; count < length;) {
     const std::size_t more = std::fread(buffer.get() + count, 1, length - count, input);
@@ -50,7 +50,7 @@ std::optional<std::string> MessageChannel::readFrame() {
 std::optional<std::string> MessageChannel::readLine() {
   const auto buffer = std::make_unique<std::array<char, lineBufferSize>>();
   char *const line = buffer->data();
-  // At end of input fgets leaves the line as it is: empty.
+  // At the end of input fgets does not change the line, which stays empty.
   line[0] = '\0';
   if (std::fgets(line, lineBufferSize, input) == nullptr || line[0] == '\0') return std::nullopt;
   std::string text(line);

@@ -7,31 +7,32 @@
 #include <string>
 
 #include "json/Json.h"
+#include "platform/ThreadSafety.h"
 
-/// The two streams to the host and how messages are put on them.
+/// The two streams to the host, and the format of messages on them.
 ///
 /// In pipe mode a message, in either direction, is a frame: its length N as 4 bytes in this
 /// machine's byte order, then N bytes of JSON text. In console mode a request is one line of at
 /// most 1,023 bytes, echoed as "INPUT: " and the line, and an outgoing message is "OUTPUT: " and
 /// its text without a line end.
 ///
-/// The main thread reads. Any thread writes: every message leaves through writeMessage, whole.
+/// Only the main thread reads. Any thread may write: messages of different threads never mix.
 class MessageChannel {
  public:
-  /// A longer text does not fit a frame: its length has 32 bits.
-  static constexpr std::size_t longestText = 0xffffffff;
+  /// In bytes. A longer text does not fit a frame, whose length has 32 bits.
+  static constexpr std::size_t maxMessageSize = 0xffffffff;
 
-  /// The streams stay the caller's and must outlive the channel.
+  /// The caller keeps the streams. They must outlive the channel.
   MessageChannel(FILE *input, FILE *output, bool consoleMode);
   MessageChannel(const MessageChannel &) = delete;
   MessageChannel &operator=(const MessageChannel &) = delete;
 
-  /// The next request's text, or nothing at end of input. A text ends at its first zero byte. A
-  /// frame that is cut short, or that claims 2 GiB or more, is the end of input too.
+  /// Returns the text of the next request, or nothing at the end of input. A text ends at its first
+  /// zero byte. A frame that is cut short, or that claims 2 GiB or more, ends the input too.
   std::optional<std::string> readMessage();
 
-  /// Writes one message and flushes it. Messages of different threads never mix. A failure to write
-  /// is not reported: a host that closed its end wants no more messages.
+  /// Writes one message and flushes it. Ignores failures: a host that closed its end wants no more
+  /// messages.
   void writeMessage(const std::string &text);
 
   void sendResponse(const Json &response);
@@ -42,8 +43,8 @@ class MessageChannel {
   std::optional<std::string> readFrame();
   std::optional<std::string> readLine();
 
-  FILE *const input;
-  FILE *const output;
+  FILE *const input;  ///< the main thread's
   const bool consoleMode;
-  std::mutex writeMutex;
+  std::mutex writeMutex;  ///< held for one whole message
+  FILE *const output GUARDED_BY(writeMutex);
 };

@@ -1,4 +1,4 @@
-// run: read a request, decode it, have it handled, send the response.
+// run: reads a request, decodes it, calls its handler, sends the response.
 
 #include <exception>
 #include <string>
@@ -9,8 +9,8 @@
 
 namespace {
 
-/// The response with the request's "id" in it. Whatever kind of value the host sent, a number comes
-/// back: its unsigned 64-bit form, 0 for what is no number. A request without id gets none.
+/// Adds the request's "id" to the response, as an unsigned 64-bit number. An id that is no number
+/// becomes 0. A request without an id gets a response without one.
 Json withId(const Json &response, const Json &request) {
   const Json &id = request["id"];
   if (id.type() == JsonType::Null) return response;
@@ -44,8 +44,8 @@ void DebugSession::run() {
       if (response.type() == JsonType::Null) response = errorResponse("run", "empty response");
       channel.sendResponse(withId(response, request));
     } catch (const std::exception &) {
-      // Deliberate: whatever went wrong outside a handler is told by this one message, which hosts
-      // take as the sign that a request was lost.
+      // Deliberate: this one message reports every failure outside a handler. Hosts read it as a
+      // lost request.
       channel.sendOk("EOF");
     }
   }

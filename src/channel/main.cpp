@@ -1,5 +1,5 @@
-// lldb-helper: with two arguments, the numbers of an input and an output descriptor, it speaks
-// frames of JSON on those; otherwise a person types requests at its standard input.
+// lldb-helper. Two arguments are the numbers of an input and an output descriptor, for frames of
+// JSON. With any other number of arguments a person types requests at standard input.
 
 #include <lldb/API/LLDB.h>
 
@@ -21,8 +21,8 @@ struct Streams {
   FILE *output;
 };
 
-/// The channel on the two descriptors that the host named. Ends the program when one cannot be
-/// used: there is nobody to talk to then.
+/// Opens the two descriptors that the host named. Ends the program when one cannot be used, because
+/// nothing can be reported then.
 Streams openChannel(const char *inputNumber, const char *outputNumber) {
   const Streams streams{fdopen(std::atoi(inputNumber), "r"), fdopen(std::atoi(outputNumber), "w")};
   if (streams.input == nullptr || streams.output == nullptr) {
@@ -56,7 +56,7 @@ Example:
 The commands are in docs/protocol.md. examples/console.py is a debugger's command line on top of this.
 )";
 
-/// Answers the options that start no session. Returns whether the only argument is one.
+/// Answers an option that starts no session. Returns false for any other argument.
 bool answerOption(std::string_view argument) {
   if (argument == "--help")
     std::fputs(usage, stdout);
@@ -67,12 +67,12 @@ bool answerOption(std::string_view argument) {
   return true;
 }
 
-/// Standard output holds nothing but requests and messages, also at a terminal.
+/// On standard error: standard output carries only requests and messages, also at a terminal.
 void greet() {
   std::fputs(
-      "Type a request in one line, for example {\"command\": \"ping\"}; lldb-helper --help tells "
+      "Type a request in one line, for example {\"command\": \"ping\"}; lldb-helper --help shows "
       "more.\n"
-      "Ctrl-D ends; where there is a process, send {\"command\": \"deleteProcess\"} before.\n",
+      "Ctrl-D ends; to end a process first, send {\"command\": \"deleteProcess\"}.\n",
       stderr);
 }
 
@@ -82,8 +82,8 @@ int main(int argc, char **argv) {
   if (argc == 2 && answerOption(argv[1])) return 0;
 
   platform::blockBrokenPipeSignal();
-  platform::startEnvironment();
-  platform::provideDebugServer();
+  platform::initialEnvironment();
+  platform::setDebugServerPath();
   platform::forgetPythonHome();
 
   const bool consoleMode = argc != 3;
@@ -101,7 +101,7 @@ int main(int argc, char **argv) {
     DebugSession session(streams.input, streams.output, consoleMode);
     session.run();
   }
-  // From atexit alone it would run after LLDB's own static objects are gone, which crashes LLDB 22.
+  // atexit alone would run it after LLDB's static objects are destroyed, which crashes LLDB 22.
   lldb::SBDebugger::Terminate();
   return 0;
 }

@@ -8,8 +8,8 @@
 
 namespace {
 
-/// What a host is told of one location: its address in the process, or LLDB's invalid address, as
-/// lowercase hexadecimal digits.
+/// The text of one location: its load address, or LLDB's invalid address, in lowercase hexadecimal
+/// digits.
 std::string locationText(lldb::SBBreakpointLocation location) {
   char text[48];
   std::snprintf(text, sizeof text, "load addr: %llx",
@@ -32,7 +32,7 @@ Json DebugSession::setBreakpointAtVirtualAddress(std::uint64_t address) {
 
 Json DebugSession::removeBreakpoint(std::int32_t id) {
   if (!target.IsValid()) return errorResponse("removeBreakpoint", "no target");
-  // Deliberate: a breakpoint that is not there is removed as well as one that is.
+  // Deliberate: an unknown id is no error. Hosts remove breakpoints that LLDB may have removed.
   target.BreakpointDelete(id);
   return okResponse();
 }
@@ -44,19 +44,18 @@ Json DebugSession::removeAllBreakpoints() {
   return okResponse();
 }
 
-/// Has `begin` step the selected thread of a stopped process. A step that cannot begin, because no
-/// thread is selected or the process runs, is answered "ok" like any other: what tells the host is
-/// that no stopped event follows.
+/// Calls `begin` to step the selected thread of a stopped process.
+///
+/// Deliberate: answers "ok" also when no step can begin, because no thread is selected or the
+/// process runs. No stopped event follows then, and hosts go by that.
 Json DebugSession::step(const char *command,
                         const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin) {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse(command, "no process");
-  lldb::SBThread thread = current.GetSelectedThread();
-  // A running process has no valid thread. A thread that LLDB would step all the same, because it
-  // has not noticed yet that the process runs, must not be: the step is noted beside whatever
-  // LLDB's own thread does, and LLDB 14 to 19 show the next stop with the registers of an earlier
-  // one.
-  if (!thread.IsValid() || !eventThread.mayResume(current)) return okResponse();
+  if (!refreshProcess().IsValid()) return errorResponse(command, "no process");
+  lldb::SBThread thread = process.GetSelectedThread();
+  // The selected thread is invalid while the process runs. Stepping an invalid thread does nothing.
+  // Stepping a valid one then would queue a plan, and LLDB 14 to 19 show stale registers at the
+  // next stop.
+  if (!thread.IsValid() || !eventThread.mayResume(process)) return okResponse();
   lldb::SBError error;
   eventThread.setResumed(true);
   begin(thread, error);

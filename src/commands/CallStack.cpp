@@ -5,13 +5,13 @@
 
 namespace {
 
-/// What the frames of one module have in common. Neighbouring frames mostly lie in the same one,
-/// and LLDB makes a UUID's text anew each time it is asked: so it is asked once.
+/// Caches the last module's name and UUID: LLDB formats the UUID at every call, and neighbouring
+/// frames mostly belong to the same module.
 class ModuleNames {
  public:
-  /// Adds what is known of `module`, which may be none.
+  /// Adds the name and the UUID of `module`, if it has them. `module` may be invalid.
   void addTo(Json::object &members, lldb::SBModule module) {
-    // Not "module != last": where a module is invalid LLDB's comparisons are both false.
+    // Not "module != last": both of LLDB's comparisons are false for an invalid module.
     if (!(module == last)) {
       last = module;
       uuid = name = Json();
@@ -34,7 +34,7 @@ class ModuleNames {
   Json name;
 };
 
-/// What is known of a frame; its program counter always is.
+/// The members of a frame. Only its program counter is always there.
 Json frameToJson(lldb::SBFrame frame, ModuleNames &names) {
   Json::object members;
   names.addTo(members, frame.GetModule());
@@ -46,9 +46,8 @@ Json frameToJson(lldb::SBFrame frame, ModuleNames &names) {
 }  // namespace
 
 Json DebugSession::getCallstack() {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("getCallstack", "no process");
-  lldb::SBThread thread = current.GetSelectedThread();
+  if (!refreshProcess().IsValid()) return errorResponse("getCallstack", "no process");
+  lldb::SBThread thread = process.GetSelectedThread();
   const std::uint32_t count = thread.GetNumFrames();
   ModuleNames names;
   Json::array frames;
@@ -59,9 +58,9 @@ Json DebugSession::getCallstack() {
 }
 
 Json DebugSession::selectFrame(std::uint32_t index) {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("selectFrame", "no process");
-  // Deliberate: an index past the last frame is no error; LLDB keeps its selection then.
-  current.GetSelectedThread().SetSelectedFrame(index);
+  if (!refreshProcess().IsValid()) return errorResponse("selectFrame", "no process");
+  // Deliberate: an index past the last frame is no error. LLDB keeps its selection. Hosts
+  // take the index from getCallstack.
+  process.GetSelectedThread().SetSelectedFrame(index);
   return okResponse();
 }

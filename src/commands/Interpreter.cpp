@@ -9,23 +9,23 @@ Json DebugSession::executeCommand(const std::string &commandLine) {
   lldb::SBCommandInterpreter interpreter = debugger.GetCommandInterpreter();
   lldb::SBCommandReturnObject result;
   constexpr bool addToHistory = false;
-  const lldb::SBProcess before = currentProcess();
-  eventThread.awaitStates(before);  // the line may be "kill"
-  eventThread.showStops();          // or "continue"
+  const lldb::SBProcess before = refreshProcess();
+  eventThread.waitForPendingStateEvents(before);  // the line may be "kill"
+  eventThread.showStops();                        // or "continue"
   interpreter.HandleCommand(commandLine.c_str(), result, addToHistory);
   if (!target.IsValid()) forgetTarget(before);  // or "target delete"
   Json::object members;
   if (const char *output = result.GetOutput()) members["output"] = output;
   if (const char *error = result.GetError()) members["error"] = error;
   members["succeeded"] = result.Succeeded();
-  // Deliberate: a command that LLDB refuses is no failure of the request; "succeeded" tells.
+  // Deliberate: a command that LLDB refuses is no error of the request. Hosts read "succeeded".
   return okResponseWith(std::move(members));
 }
 
 void DebugSession::forgetTarget(const lldb::SBProcess &itsProcess) {
-  eventThread.awaitStates(itsProcess);  // its exit is the host's, if LLDB still knows of it
+  eventThread.waitForPendingStateEvents(itsProcess);  // the exit, if LLDB has queued it
   eventThread.stop();
-  applicationInput.reset();
+  inferiorInput.reset();
   target = lldb::SBTarget();
   process = lldb::SBProcess();
 }
@@ -35,8 +35,8 @@ Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t
   lldb::SBStringList matches;
   constexpr int firstMatch = 0;
   constexpr int allMatches = -1;
-  // Behind the end LLDB completes nothing, if it does not crash while looking at what lies there.
-  // To LLDB a zero byte is the end.
+  // LLDB reads the byte at the position. LLDB 22 crashes far past the end, and all others complete
+  // nothing there. LLDB ends the line at a zero byte.
   const char *const line = commandLine.c_str();
   if (position <= std::strlen(line))
     interpreter.HandleCompletion(line, position, firstMatch, allMatches, matches);
@@ -49,15 +49,14 @@ Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t
 }
 
 Json DebugSession::sendToApplication(const Json::array &data) {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("sendToApplication", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("sendToApplication", "no process");
   std::string bytes;
   bytes.reserve(data.size());
   for (const Json &item : data) bytes += static_cast<char>(item.intValue() & 0xff);
-  // LLDB's command line may have put a new process in place of the one that was written to.
-  if (applicationInput && !applicationInput->isFor(current)) applicationInput.reset();
-  process = current;  // the earlier one's terminal closes with its last handle
-  if (!applicationInput) applicationInput = std::make_unique<ApplicationInput>(current);
-  applicationInput->write(std::move(bytes));
+  // LLDB's command line may have replaced the process. The pty of the earlier one closes with the
+  // last handle of that process, which refreshProcess has dropped.
+  if (inferiorInput && !inferiorInput->isFor(process)) inferiorInput.reset();
+  if (!inferiorInput) inferiorInput = std::make_unique<InferiorInput>(process);
+  inferiorInput->write(std::move(bytes));
   return okResponse();
 }

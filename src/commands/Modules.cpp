@@ -11,7 +11,7 @@ Json describeSection(lldb::SBSection section, lldb::SBTarget &target) {
   members["byteSize"] = std::uint64_t{section.GetByteSize()};
   members["fileAddr"] = std::uint64_t{section.GetFileAddress()};
   members["fileByteSize"] = std::uint64_t{section.GetFileByteSize()};
-  // LLDB's invalid address, all bits set, where the section is not in memory.
+  // LLDB's invalid address, all bits set, if the section is not in memory.
   members["loadAddr"] = loadAddress;
   if (const char *name = section.GetName()) members["name"] = name;
   return Json(std::move(members));
@@ -33,12 +33,12 @@ Json DebugSession::describeModule(lldb::SBModule &module) {
 }
 
 Json DebugSession::moduleCount() {
-  if (!currentProcess().IsValid()) return errorResponse("moduleCount", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("moduleCount", "no process");
   return okResponseWith({{"count", static_cast<std::int32_t>(target.GetNumModules())}});
 }
 
 Json DebugSession::moduleAtIndex(std::uint32_t index) {
-  if (!currentProcess().IsValid()) return errorResponse("moduleAtIndex", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("moduleAtIndex", "no process");
   if (index >= target.GetNumModules()) return errorResponse("moduleAtIndex", "index out of range");
   lldb::SBModule module = target.GetModuleAtIndex(index);
   if (!module.IsValid()) return errorResponse("moduleAtIndex", "cannot get module");
@@ -46,7 +46,7 @@ Json DebugSession::moduleAtIndex(std::uint32_t index) {
 }
 
 Json DebugSession::moduleForFile(const std::string &file) {
-  if (!currentProcess().IsValid()) return errorResponse("moduleForFile", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("moduleForFile", "no process");
   constexpr bool resolve = true;
   lldb::SBModule module = target.FindModule(lldb::SBFileSpec(file.c_str(), resolve));
   if (!module.IsValid()) return errorResponse("moduleForFile", "can't find module");

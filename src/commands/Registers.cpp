@@ -8,17 +8,17 @@
 #include "channel/Envelope.h"
 #include "json/HexDigits.h"
 #include "session/DebugSession.h"
-#include "session/Outcome.h"
+#include "session/LldbError.h"
 
 namespace {
 
-/// "0x" and the register's bytes, the last one in memory first: on a little-endian machine, as the
-/// number would be written. For registers that LLDB does not print as one value.
+/// Returns "0x" and the register's bytes, the last byte in memory first. On a little-endian machine
+/// that is how the number is written. For registers that LLDB does not print as one value.
 std::string registerValueToHex(lldb::SBValue value) {
   lldb::SBData data = value.GetData();
   std::string text = "0x";
-  // A register that LLDB cannot recover in an outer frame has no bytes, and reading them fails: so
-  // zero bytes are read too.
+  // Reads even when there are zero bytes: a register that LLDB cannot recover in an outer frame has
+  // no bytes, and only the read fails.
   std::size_t end = data.GetByteSize();
   do {
     unsigned char piece[64];
@@ -34,8 +34,8 @@ std::string registerValueToHex(lldb::SBValue value) {
 
 /// Appends the registers of one set, each under its name. A register without a name is left out.
 ///
-/// A register has neither a dynamic type nor synthetic children. To look for them would cost a
-/// third of the time.
+/// A register has neither a dynamic type nor synthetic children. Looking for them takes a third of
+/// the time.
 void appendRegisters(std::vector<Json::object::value_type> &registers, lldb::SBValue set,
                      const std::vector<std::string> &names) {
   constexpr bool canBeSynthetic = false;
@@ -52,22 +52,20 @@ void appendRegisters(std::vector<Json::object::value_type> &registers, lldb::SBV
 }  // namespace
 
 Json DebugSession::getRegisters() {
-  process = currentProcess();
-  if (!process.IsValid()) return errorResponse("getRegisters", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("getRegisters", "no process");
   lldb::SBValueList sets = process.GetSelectedThread().GetSelectedFrame().GetRegisters();
   std::vector<Json::object::value_type> registers;
   for (std::uint32_t index = 0; index < sets.GetSize(); ++index) {
     lldb::SBValue set = sets.GetValueAtIndex(index);
     appendRegisters(registers, set, registerNames.of(process, index, set));
   }
-  // A name of more than one set keeps the last set's value.
+  // A name that several sets have keeps the last set's value.
   return okResponseWith({{"registers", Json::object(std::move(registers))}});
 }
 
 Json DebugSession::setRegister(const std::string &name, const std::string &value) {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("setRegister", "no process");
-  lldb::SBValue found = current.GetSelectedThread().GetSelectedFrame().FindRegister(name.c_str());
+  if (!refreshProcess().IsValid()) return errorResponse("setRegister", "no process");
+  lldb::SBValue found = process.GetSelectedThread().GetSelectedFrame().FindRegister(name.c_str());
   if (!found.IsValid()) return errorResponse("setRegister", "register not found");
   lldb::SBError error;
   if (!found.SetValueFromCString(value.c_str(), error))

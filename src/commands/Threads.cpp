@@ -14,7 +14,7 @@ constexpr const char *stopReasonNames[] = {
 };
 static_assert(std::size(stopReasonNames) == lldb::eStopReasonInstrumentation + 1);
 
-/// Deliberate: the reasons that later LLDBs added have no name here; hosts know these eleven.
+/// Deliberate: reasons that later LLDBs added have no name here. Hosts know these eleven.
 const char *stopReasonName(lldb::StopReason reason) {
   const auto index = static_cast<std::uint32_t>(reason);
   return index < std::size(stopReasonNames) ? stopReasonNames[index] : "<unknown>";
@@ -23,8 +23,7 @@ const char *stopReasonName(lldb::StopReason reason) {
 }  // namespace
 
 Json DebugSession::getThreadIDList() {
-  process = currentProcess();
-  if (!process.IsValid()) return errorResponse("getThreadIDList", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("getThreadIDList", "no process");
   const std::uint32_t count = process.GetNumThreads();
   Json::array threads;
   threads.reserve(count);
@@ -37,8 +36,7 @@ Json DebugSession::getThreadIDList() {
 }
 
 Json DebugSession::selectThreadID(std::uint64_t id) {
-  process = currentProcess();
-  if (!process.IsValid()) return errorResponse("selectThreadID", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("selectThreadID", "no process");
   lldb::SBThread thread = process.GetThreadByID(id);
   if (!thread.IsValid()) return errorResponse("selectThreadID", "no thread " + std::to_string(id));
   process.SetSelectedThread(thread);

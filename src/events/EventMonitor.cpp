@@ -21,7 +21,7 @@ constexpr std::uint32_t waitSeconds = 1;
 /// The most output that one message carries, in bytes.
 constexpr std::size_t outputPiece = 256;
 
-/// Two lowercase digits for each byte: output may be anything, JSON text may not.
+/// Two lowercase hexadecimal digits for each byte: output may be any bytes, JSON text may not.
 std::string hexText(std::string_view bytes) {
   std::string text;
   text.reserve(2 * bytes.size());
@@ -31,11 +31,11 @@ std::string hexText(std::string_view bytes) {
 
 const char *textOrEmpty(const char *text) { return text != nullptr ? text : ""; }
 
-/// A module that LLDB has placed in memory, as the host hears of it. Null when its section lies
-/// below its address in the file.
+/// The description of a module that LLDB has placed in memory. Null when its load address is below
+/// its file address.
 Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
   const lldb::SBFileSpec file = module.GetFileSpec();
-  lldb::SBSection section = module.GetSectionAtIndex(EventMonitor::placingSection);
+  lldb::SBSection section = module.GetSectionAtIndex(EventMonitor::imageBaseSection);
   const std::uint64_t fileAddress = section.GetFileAddress();
   const std::uint64_t loadAddress = section.GetLoadAddress(target);
   if (loadAddress < fileAddress) return Json();
@@ -50,30 +50,29 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
                            MessageChannel &channel, std::atomic<bool> &stop,
-                           PublicState &publicState, std::optional<lldb::StateType> silentState)
+                           PublicState &publicState,
+                           std::optional<lldb::StateType> unreportedInitialState)
     : target(target),
       process(target.GetProcess()),
       listener(debugger.GetListener()),
       channel(channel),
       stop(stop),
       publicState(publicState),
-      silentState(silentState) {}
+      unreportedInitialState(unreportedInitialState) {}
 
 void EventMonitor::run(std::promise<void> &listening) {
   listener.StartListeningForEvents(target.GetBroadcaster(), targetEvents);
   listener.StartListeningForEvents(process.GetBroadcaster(), processEvents);
   stop = false;
   listening.set_value();
-  if (silentState) reportState(*silentState, false);
+  if (unreportedInitialState) reportState(*unreportedInitialState, false);
   while (!stop) {
     if (listener.WaitForEvent(waitSeconds, event)) handleEvent();
   }
 }
 
-/// The listener is the debugger's: it hears of earlier processes, what they left in its queue, and
-/// of other targets that somebody made through LLDB's command line. Neither is news of this
-/// process. A process that the command line started anew in this target is, and takes the old one's
-/// place.
+/// The listener also receives events of earlier processes and of other targets; they are ignored. A
+/// newer process in this target replaces the current one.
 void EventMonitor::handleEvent() {
   const std::uint32_t type = event.GetType();
   if (lldb::SBProcess::EventIsProcessEvent(event)) {
@@ -107,9 +106,8 @@ void EventMonitor::handleTargetEvent(std::uint32_t type) {
   }
 }
 
-/// LLDB merges output events. A full piece may have more behind it, for which no event would come,
-/// so it counts as one more event right behind this one: all output is out before the exit is
-/// reported.
+/// LLDB merges output events: after a full buffer there may be more output and no further event, so
+/// this reads until a short read. All output is sent before the exit is reported.
 void EventMonitor::reportOutput(const char *type, OutputReader read) {
   std::size_t length = outputPiece;
   while (length == outputPiece) {
@@ -119,7 +117,7 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
   }
 }
 
-/// The log has every state, the host what it can act on: a stop that LLDB has resumed is none.
+/// The log records every state. The host receives those that it can act on.
 void EventMonitor::reportState(lldb::StateType state, bool isRestarted) {
   publicState.taken(state, isRestarted);
   const std::string name = stateName(state);
@@ -143,7 +141,7 @@ void EventMonitor::reportModulesLoaded() {
 }
 
 void EventMonitor::reportModulesUnloaded() {
-  // Deliberate: the list is always empty. Hosts ask for the modules that are left.
+  // Deliberate: the list is always empty. Hosts ask for the modules that remain.
   send("moduleUnloaded", {{"modules", Json::array{}}});
 }
 

@@ -10,30 +10,29 @@
 #include "channel/MessageChannel.h"
 #include "events/PublicState.h"
 
-/// What the event thread runs: takes LLDB's events for one target and its process and reports them
-/// to the host as messages with "status": "event".
+/// Takes LLDB's events for one target and its process, and reports them to the host as messages
+/// with "status": "event". The event thread runs it.
 ///
-/// Everything LLDB that it touches is its own copy, taken when it starts; a new process therefore
-/// gets a new monitor. Beside that it uses the channel's writer, which any thread may, the stop
-/// flag, and the public state.
+/// The monitor copies its LLDB handles when it is constructed, so a new process gets a new monitor.
+/// It shares three things with the main thread: the channel's writer, which any thread may use, the
+/// stop flag, and the public state.
 class EventMonitor {
  public:
-  /// An event of this type, from a broadcaster that the debugger's listener listens to, ends a wait
-  /// before its time. It matches nothing and is ignored.
+  /// The type of an event that ends a wait for events early. The monitor ignores the event itself.
   static constexpr std::uint32_t wakeupBit = 1;
 
-  /// The section by which a module's place is told: on macOS the one behind __PAGEZERO, __TEXT.
-  static constexpr std::size_t placingSection = 1;
+  /// The index of the section whose load address locates a module: __TEXT on macOS, after
+  /// __PAGEZERO.
+  static constexpr std::size_t imageBaseSection = 1;
 
-  /// `channel`, `stop` and `publicState` must outlive the monitor. `silentState`, if there is one,
-  /// is the state that the process reached without an event of LLDB's.
+  /// `channel`, `stop` and `publicState` must outlive the monitor. `unreportedInitialState` is the
+  /// state that the process reached without an event from LLDB, if there is such a state.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,
                std::atomic<bool> &stop, PublicState &publicState,
-               std::optional<lldb::StateType> silentState = std::nullopt);
+               std::optional<lldb::StateType> unreportedInitialState = std::nullopt);
 
-  /// Clears `stop`, and fulfils `listening` when no event can be missed any more and no stop
-  /// request lost. Then reports the silent state, and what LLDB's events are about, until `stop` is
-  /// set.
+  /// Clears `stop`, and fulfils `listening` when it can neither miss an event nor lose a request to
+  /// stop. Then reports the unreported initial state, and LLDB's events until `stop` is set.
   void run(std::promise<void> &listening);
 
  private:
@@ -41,14 +40,14 @@ class EventMonitor {
   void handleProcessEvent(std::uint32_t type);
   void handleTargetEvent(std::uint32_t type);
 
-  /// One message for each read of at most 256 bytes, until a read comes back shorter.
+  /// Sends one message for each read of at most 256 bytes, until a read returns fewer.
   using OutputReader = std::size_t (lldb::SBProcess::*)(char *, std::size_t) const;
   void reportOutput(const char *type, OutputReader read);
   void reportState(lldb::StateType state, bool isRestarted);
   void reportModulesLoaded();
   void reportModulesUnloaded();
 
-  /// Completes `members` with "status" and "type" and sends them.
+  /// Adds "status" and "type" to `members` and sends them.
   void send(const char *type, Json::object members);
 
   lldb::SBTarget target;
@@ -58,5 +57,5 @@ class EventMonitor {
   MessageChannel &channel;
   std::atomic<bool> &stop;
   PublicState &publicState;
-  std::optional<lldb::StateType> silentState;
+  std::optional<lldb::StateType> unreportedInitialState;
 };

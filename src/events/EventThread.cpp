@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 constexpr auto bound = 2s;
 constexpr auto pause = 100us;
 
-/// LLDB drops an interrupt that comes while it resumes a process by itself.
+/// LLDB drops an interrupt that arrives while it resumes the process after a restarted stop.
 constexpr auto interruptPeriod = 100ms;
 
 void waitWhile(const std::function<bool()> &holds) {
@@ -23,11 +23,11 @@ void waitWhile(const std::function<bool()> &holds) {
   while (holds() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(pause);
 }
 
-/// LLDB hands out no valid thread from the resume itself until the event of the next stop is taken.
+/// LLDB returns no valid thread from a resume until the event of the next stop is taken.
 bool hasNoThread(lldb::SBProcess &process) { return !process.GetSelectedThread().IsValid(); }
 
 bool runsForLldb(lldb::SBProcess &process) {
-  switch (process.GetState()) {  // once: it may move meanwhile
+  switch (process.GetState()) {  // read once: it may change
     case lldb::eStateRunning:
     case lldb::eStateStepping: return true;
     case lldb::eStateStopped: return hasNoThread(process);
@@ -37,7 +37,7 @@ bool runsForLldb(lldb::SBProcess &process) {
 
 }  // namespace
 
-bool stateChangeIsQueued(lldb::SBProcess process, lldb::SBListener listener) {
+bool isStateChangePending(lldb::SBProcess process, lldb::SBListener listener) {
   lldb::SBEvent event;
   return listener.PeekAtNextEventForBroadcasterWithType(
       process.GetBroadcaster(), lldb::SBProcess::eBroadcastBitStateChanged, event);
@@ -45,7 +45,7 @@ bool stateChangeIsQueued(lldb::SBProcess process, lldb::SBListener listener) {
 
 EventThread::EventThread(lldb::SBDebugger debugger, MessageChannel &channel)
     : debugger(debugger), channel(channel) {
-  this->debugger.GetListener().StartListeningForEvents(wakeup, EventMonitor::wakeupBit);
+  this->debugger.GetListener().StartListeningForEvents(wakeupBroadcaster, EventMonitor::wakeupBit);
 }
 
 void EventThread::start(lldb::SBTarget target) {
@@ -53,29 +53,31 @@ void EventThread::start(lldb::SBTarget target) {
   stop();
   publicState.reset();
   lldb::SBProcess process = target.GetProcess();
-  std::optional<lldb::StateType> silentState;
-  // Deliberate: LLDB 14 sends no event for the stop at entry, and hosts wait for one.
-  if (!stateChangeIsQueued(process, debugger.GetListener()) &&
+  std::optional<lldb::StateType> unreportedInitialState;
+  // Deliberate: LLDB 14 sends no event for the stop at entry, but hosts wait for one.
+  if (!isStateChangePending(process, debugger.GetListener()) &&
       process.GetState() != lldb::eStateAttaching)
-    silentState = process.GetState();
+    unreportedInitialState = process.GetState();
   std::promise<void> listening;
   std::future<void> listens = listening.get_future();
-  thread = std::thread([this, target, silentState, listening = std::move(listening)]() mutable {
-    EventMonitor(debugger, target, channel, stopRequested, publicState, silentState).run(listening);
-  });
-  // A stop requested before the thread has cleared the flag would be lost, so wait for it.
+  thread = std::thread(
+      [this, target, unreportedInitialState, listening = std::move(listening)]() mutable {
+        EventMonitor(debugger, target, channel, stopRequested, publicState, unreportedInitialState)
+            .run(listening);
+      });
+  // The thread clears stopRequested before it listens. A request made earlier would be lost.
   listens.wait();
 }
 
 void EventThread::stop() {
   if (!isRunning()) return;
   stopRequested = true;
-  wakeup.BroadcastEventByType(EventMonitor::wakeupBit);
+  wakeupBroadcaster.BroadcastEventByType(EventMonitor::wakeupBit);
   thread.join();
 }
 
-void EventThread::awaitFirstState() {
-  if (isRunning()) publicState.awaitFirst(bound);
+void EventThread::waitForFirstState() {
+  if (isRunning()) publicState.waitForFirst(bound);
 }
 
 void EventThread::takeEvents() {
@@ -83,14 +85,14 @@ void EventThread::takeEvents() {
   while (!isRunning() && debugger.GetListener().GetNextEvent(event)) continue;
 }
 
-void EventThread::awaitStates(lldb::SBProcess process) {
+void EventThread::waitForPendingStateEvents(lldb::SBProcess process) {
   takeEvents();
   if (!isRunning()) return;
   lldb::SBListener listener = debugger.GetListener();
   waitWhile([&] {
     const bool isStopped = process.GetState() == lldb::eStateStopped;
     return (isStopped && (publicState.isRunning() || hasNoThread(process))) ||
-           stateChangeIsQueued(process, listener);
+           isStateChangePending(process, listener);
   });
 }
 

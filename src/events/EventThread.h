@@ -8,74 +8,78 @@
 #include "channel/MessageChannel.h"
 #include "events/PublicState.h"
 
-/// The event thread: at most one at a time, for one target. It runs an EventMonitor. For the main
-/// thread only.
+/// The event thread. It runs an EventMonitor for one target. At most one event thread runs at a
+/// time. All members are for the main thread.
 ///
-/// What waits here waits for the event thread, and gives up after two seconds: then the host does
-/// not read, or the process does not stop, and LLDB's own bounds hold. A process that LLDB's
-/// command line has launched after a refused connection has no event thread: nobody is waited for
-/// then, and LLDB's events are taken here, unreported, so that its state follows the process.
+/// The functions that wait give up after two seconds. By then the host does not read, or the
+/// process does not stop, and LLDB's own limits apply.
+///
+/// A process that LLDB's command line launches after a refused connection has no event thread. Then
+/// nothing waits, and these functions take LLDB's events themselves and drop them, so that LLDB's
+/// public state follows the process.
 class EventThread {
  public:
   /// `channel` must outlive the object.
   EventThread(lldb::SBDebugger debugger, MessageChannel &channel);
-  /// Deliberate: a thread that runs is not joined, so destroying the object under one ends the
-  /// program through std::terminate. A host sees from the abnormal end that it forgot
-  /// deleteProcess.
+  /// Deliberate: does not join a running thread, so the program ends through std::terminate. The
+  /// abnormal end shows a host that it forgot deleteProcess.
   ~EventThread() = default;
   EventThread(const EventThread &) = delete;
   EventThread &operator=(const EventThread &) = delete;
 
-  /// Starts a thread for `target` and its process, in place of a running one, and returns once it
-  /// listens. Throws std::system_error when there can be none.
+  /// Stops a running thread, starts one for `target` and its process, and returns when it listens.
+  /// Throws std::system_error when no thread can be started.
   void start(lldb::SBTarget target);
 
-  /// Ends the thread, if there is one, and waits for it.
+  /// Ends a running thread and joins it.
   void stop();
 
-  /// Has the thread end after the event in hand, within a second. Does not wait for it.
+  /// Asks the thread to end after its current event, within a second. Does not wait for it.
   void requestStop() { stopRequested = true; }
 
   bool isRunning() const { return thread.joinable(); }
 
-  /// Returns when the host has been sent the first state of the process.
-  void awaitFirstState();
+  /// Returns when the first state of the process has been sent to the host.
+  void waitForFirstState();
 
-  /// Returns when every state change of `process`, which may be invalid, has been taken from the
-  /// listener.
-  void awaitStates(lldb::SBProcess process);
+  /// Returns when no state change of `process` waits in the listener. `process` may be invalid.
+  void waitForPendingStateEvents(lldb::SBProcess process);
 
-  /// Whether `process` may be resumed. Not while it runs, also where LLDB would try: after a stop
-  /// that LLDB resumed by itself it can have lost its record of that, and a second resume is kept
-  /// back and strands the process at its next stop. A stop that is just being taken is awaited.
+  /// Whether `process` may be resumed: not while it runs. Waits for a stop whose event is being
+  /// taken.
+  ///
+  /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
+  /// process runs. It then keeps that resume for the next stop, and the process never stops again.
   bool mayResume(lldb::SBProcess process);
 
-  /// The main thread resumes the process, or has failed to.
+  /// Records that the main thread resumes the process, or failed to.
   void setResumed(bool resumed);
 
-  /// LLDB's command line is about to do what it likes, resume a process too: stops are the host's.
+  /// Reports stops to the host again. Called before LLDB's command line runs, which may resume.
   void showStops() { publicState.showStops(); }
 
-  /// Stands `process` still, so that LLDB can end it, and hides its stops: the host asked for its
-  /// end. Called before SBProcess::Kill, Detach and Destroy, which go by LLDB's state of the
-  /// process. Right after a resume that still says "stopped", and they free what LLDB's own thread
-  /// works with, which ends the program (seen with LLDB 22); right after a stop it says
-  /// "running", and they wait 20 seconds for a stop that has been (14 to 22).
+  /// Stops `process` so that LLDB can end it, and hides its stops, because the host asked for its
+  /// end. Called before SBProcess::Kill, Detach and Destroy.
+  ///
+  /// These go by LLDB's public state. Right after a resume that is still "stopped": they free what
+  /// LLDB's own thread uses, and LLDB 22 crashes. Right after a stop it is still "running": LLDB 14
+  /// to 22 wait 20 seconds for a stop that has happened.
   void halt(lldb::SBProcess process);
 
  private:
   bool isResumed(lldb::SBProcess &process) const;
 
-  /// Takes what LLDB has queued, where there is no thread to do it.
+  /// Takes and drops all queued events if no thread runs.
   void takeEvents();
 
   lldb::SBDebugger debugger;
   MessageChannel &channel;
-  lldb::SBBroadcaster wakeup{"lldb-helper.wakeup"};  ///< its events only end a wait early
+  /// Its events end the thread's wait for an event early.
+  lldb::SBBroadcaster wakeupBroadcaster{"lldb-helper.wakeup"};
   PublicState publicState;
   std::atomic<bool> stopRequested = false;  ///< cleared by a new thread before start returns
   std::thread thread;
 };
 
-/// Whether LLDB has queued a state change of `process` that nobody has taken yet.
-bool stateChangeIsQueued(lldb::SBProcess process, lldb::SBListener listener);
+/// Whether LLDB has queued a state change of `process` that nobody has taken.
+bool isStateChangePending(lldb::SBProcess process, lldb::SBListener listener);

@@ -15,7 +15,7 @@ void PublicState::taken(lldb::StateType state, bool isRestarted) {
 bool PublicState::isForHost(lldb::StateType state, bool isRestarted, std::uint32_t processId) {
   if (isRestarted) return false;
   if (state == lldb::eStateRunning && lastForHost == state) return false;
-  // A hidden stop is a stop all the same: the run after it, should there be one, is news.
+  // A hidden stop counts: the host receives the running state after it.
   lastForHost = state;
   return state != lldb::eStateStopped || hiddenProcess != processId;
 }
@@ -27,7 +27,7 @@ void PublicState::handled(bool isRestarted) {
   changed.notify_all();
 }
 
-void PublicState::awaitFirst(std::chrono::milliseconds bound) {
+void PublicState::waitForFirst(std::chrono::milliseconds bound) {
   std::unique_lock lock(mutex);
   changed.wait_for(lock, bound, [this] { return anyHandled; });
 }

@@ -8,47 +8,47 @@
 #include <cstdint>
 #include <mutex>
 
-/// How far the event thread is with the state changes of the process, and which of them are the
-/// host's. The main thread and the event thread share it; it locks for itself.
+/// Which state changes of the process the event thread has taken and reported, and which of them
+/// the host receives. The main thread and the event thread share it. It locks for itself.
 ///
-/// LLDB's own state of a process cannot say this. It moves when an event is taken from the
-/// listener, which is before the event is handled. And it says "stopped" where LLDB has resumed the
-/// process already: such a stop is marked as restarted, and is no stop. LLDB makes them of forks,
-/// of signals that are set not to stop, and of breakpoints whose condition is false.
+/// LLDB's public state cannot answer this. It changes when an event is taken from the listener,
+/// before the event is reported. And it is "stopped" after a stop that LLDB has resumed already.
+/// The event of such a stop is marked as restarted. LLDB restarts after forks, after signals that
+/// are set not to stop, and at breakpoints whose condition is false.
 class PublicState {
  public:
-  /// For the main thread, while there is no event thread: nothing has been handled.
+  /// Forgets everything. For the main thread, while no event thread runs.
   void reset();
 
-  // For the event thread, for each state in this order.
+  // For the event thread, once for each state, in this order.
 
-  /// The state has been taken from the listener. A process that stands may be resumed from here on:
-  /// the host has the stop before its request arrives, or did not wait for it.
+  /// Records that the state was taken from the listener. From here on a stopped process may be
+  /// resumed: a host that waits for the stop has it before it sends its request.
   void taken(lldb::StateType state, bool isRestarted);
 
-  /// Whether the host should be sent this state of the process with this unique id. Every state
-  /// but: a restarted stop, the running state that only repeats what the host was sent last, and a
-  /// hidden stop.
+  /// Whether the host receives this state of the process with this unique id. It receives every
+  /// state except a restarted stop, a hidden stop, and a running state right after another one.
   bool isForHost(lldb::StateType state, bool isRestarted, std::uint32_t processId);
 
-  /// The state has been handled: it was sent, or is not the host's.
+  /// Records that the state was sent, or is not for the host.
   void handled(bool isRestarted);
 
   // For the main thread.
 
-  /// Returns once a state has been handled, or `bound` has passed.
-  void awaitFirst(std::chrono::milliseconds bound);
+  /// Returns when a state has been handled, or after `bound`.
+  void waitForFirst(std::chrono::milliseconds bound);
 
-  /// From here on no stop of this process is the host's: the host asked for its end.
+  /// Hides every later stop of this process from the host: the host asked for the process's end.
   void hideStopsOf(std::uint32_t processId) { hiddenProcess = processId; }
 
-  /// The host, or LLDB's command line, is about to resume a process: stops are the host's.
+  /// Ends the hiding. Called before the host or LLDB's command line resumes a process.
   void showStops() { hiddenProcess = noProcess; }
 
-  /// Whether the process runs: the last state taken is no stop, or the host has resumed it since.
+  /// Whether the process runs: the last state taken is no stop, or the host has resumed the process
+  /// since.
   bool isRunning() const { return running; }
 
-  /// The main thread resumes the process, or has failed to.
+  /// Records that the main thread resumes the process, or failed to.
   void setRunning(bool runs) { running = runs; }
 
  private:

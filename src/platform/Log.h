@@ -6,24 +6,24 @@
 #include <os/log.h>
 #endif
 
-/// The program's log: one process-wide handle, every record at the default level.
+/// The program's log. It has one handle for the process. Every record has the default level.
 ///
 /// On macOS records go to the unified log (subsystem "com.brimwick-soft.vantrel", category
-/// "lldb-helper"); elsewhere to syslog(3) (ident "lldb-helper", facility user, level notice), where
-/// the log mask says whether the level is enabled. Any thread may log once openLog has returned.
+/// "lldb-helper"). Elsewhere they go to syslog(3) (ident "lldb-helper", facility user, level
+/// notice), and the log mask enables the level. Any thread may log after openLog has returned.
 namespace platform {
 
-/// Creates the handle. Called once, before any other thread exists.
+/// Creates the handle. Call it once, before any other thread exists.
 void openLog();
 
 /// Whether a record at the default level would go anywhere.
 bool logEnabled();
 
-/// Receives each record as plain text, on the thread that logs it.
+/// Receives a record as plain text, on the thread that logs it.
 using LogSink = void (*)(const std::string &record);
 
-/// Sends every record to `sink` instead of the log; nullptr turns the log back on. For tests, which
-/// set it before they start other threads.
+/// Sends every record to `sink` instead of the log. nullptr restores the log. For tests, which call
+/// it before they start other threads.
 void setLogSink(LogSink sink);
 
 #if defined(__APPLE__)
@@ -35,7 +35,7 @@ os_log_t logHandle();
 #define LLDB_HELPER_LOG_FORMAT  // g++ knows no %{public}s
 #endif
 
-/// Writes a record to the sink, if there is one, and says so.
+/// Passes a record to the sink. Returns false when there is no sink.
 bool logToSink(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
 
 #if !defined(__APPLE__)
@@ -44,10 +44,9 @@ void logToSyslog(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
 
 }  // namespace platform
 
-/// LOG_RECORD(format, ...) writes one record if the level is enabled, and evaluates the arguments
-/// only then. A macro, because the unified log takes nothing but a literal as its format.
-/// "%{public}s" marks what may be shown to everybody; the unified log hides what a plain "%s"
-/// prints.
+/// LOG_RECORD(format, ...) writes one record, and evaluates its arguments, if the level is enabled.
+/// It is a macro because the unified log takes only a literal as its format. The unified log shows
+/// what "%{public}s" prints, and hides what a plain "%s" prints.
 #if defined(__APPLE__)
 #define LOG_RECORD(format, ...)                                                            \
   do {                                                                                     \

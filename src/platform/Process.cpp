@@ -1,6 +1,5 @@
 #include "platform/Process.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -9,6 +8,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 extern "C" char **environ;
 
@@ -16,10 +17,10 @@ namespace platform {
 
 namespace {
 
-/// What was open when the program started, or shortly after.
+/// The descriptors that were open when the program started.
 std::vector<int> inheritedDescriptors;
 
-/// Descriptors up to here are looked at where the system does not list the open ones.
+/// The bound of a list of possible descriptors where the system does not list the open ones.
 constexpr long highestGuess = 65536;
 
 void closeOnExec(int descriptor) {
@@ -31,22 +32,20 @@ void closeOnExec(int descriptor) {
 
 std::vector<int> openDescriptors() {
   std::vector<int> descriptors;
-  if (DIR *folder = opendir("/dev/fd")) {
-    while (const dirent *entry = readdir(folder)) {
-      const bool isNumber = entry->d_name[0] != '.';
-      const int descriptor = std::atoi(entry->d_name);
-      if (isNumber && descriptor != dirfd(folder)) descriptors.push_back(descriptor);
-    }
-    closedir(folder);
+  std::error_code error;
+  for (const auto &entry : std::filesystem::directory_iterator("/dev/fd", error))
+    descriptors.push_back(std::stoi(entry.path().filename().string()));
+  if (!error) {
+    // The iterator's own descriptor is in the list, and closed by now.
+    std::erase_if(descriptors, [](int number) { return fcntl(number, F_GETFD) < 0; });
     return descriptors;
   }
-  const long limit = sysconf(_SC_OPEN_MAX);
-  for (int descriptor = 0; descriptor < limit && descriptor < highestGuess; ++descriptor)
-    descriptors.push_back(descriptor);
+  const long limit = std::min(sysconf(_SC_OPEN_MAX), highestGuess);
+  for (int descriptor = 0; descriptor < limit; ++descriptor) descriptors.push_back(descriptor);
   return descriptors;
 }
 
-const std::vector<std::string> &startEnvironment() {
+const std::vector<std::string> &initialEnvironment() {
   static const std::vector<std::string> environment = [] {
     std::vector<std::string> entries;
     for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry)
@@ -64,7 +63,7 @@ void keepDescriptorsPrivate(int input, int output) {
     if (descriptor > STDERR_FILENO) closeOnExec(descriptor);
 }
 
-int openTerminal() {
+int duplicateInferiorPty() {
   for (const int descriptor : openDescriptors()) {
     const bool isInherited =
         std::count(inheritedDescriptors.begin(), inheritedDescriptors.end(), descriptor) > 0;
@@ -88,7 +87,7 @@ void shutDownSockets(const std::vector<int> &known) {
 
 bool isFileOrFolder(const std::string &path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return true;  // LLDB says what is wrong with it
+  if (stat(path.c_str(), &status) != 0) return true;  // LLDB reports what is wrong with it
   return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
 }
 

@@ -7,19 +7,19 @@
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "session/DebugSession.h"
-#include "session/Outcome.h"
+#include "session/LldbError.h"
 #include "session/ReadSettings.h"
 
 namespace {
 
-/// Where the executable lies: file and load address of the section by which modules are placed.
-/// Empty when the target's modules do not tell.
-Json::object executablePlace(lldb::SBTarget target) {
-  constexpr std::size_t placingSection = EventMonitor::placingSection;
+/// The file address and the load address of the executable's image base section. Empty when the
+/// target has no such section.
+Json::object executableLoadInfo(lldb::SBTarget target) {
+  constexpr std::size_t imageBaseSection = EventMonitor::imageBaseSection;
   if (target.GetNumModules() == 0) return {};
   lldb::SBModule module = target.FindModule(target.GetExecutable());
-  if (!module.IsValid() || module.GetNumSections() <= placingSection) return {};
-  lldb::SBSection section = module.GetSectionAtIndex(placingSection);
+  if (!module.IsValid() || module.GetNumSections() <= imageBaseSection) return {};
+  lldb::SBSection section = module.GetSectionAtIndex(imageBaseSection);
   const char *name = section.GetName();
   const std::uint64_t fileAddress = section.GetFileAddress();
   const std::uint64_t loadAddress = section.GetLoadAddress(target);
@@ -30,10 +30,11 @@ Json::object executablePlace(lldb::SBTarget target) {
           {"aslrSlide", loadAddress - fileAddress}};
 }
 
-/// Why LLDB must not be asked to attach to this number; null where it may. It takes 0 for any
-/// process of the executable's name, and cuts off what does not fit a process's number: somebody
-/// else is attached to then. It waits for ever for this program, or for the server that attaches,
-/// to stop itself.
+/// The reason to refuse this process number. Null when LLDB may attach to it.
+///
+/// LLDB attaches to another process when the number is 0 (to any process with the executable's
+/// name) or does not fit a pid_t (to the one whose number the low bits are). It never returns when
+/// it attaches to this program or to the debug server that does the attaching.
 const char *whyNotAttach(std::uint64_t pid) {
   if (pid == 0 || pid > static_cast<std::uint64_t>(std::numeric_limits<pid_t>::max()))
     return "No such process";
@@ -54,7 +55,7 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
     return errorResponse("attachToProcess", std::string("cannot attach to process: ") + reason);
   lldb::SBError error;
   target = buildTarget(error);
-  // LLDB finds the executable of a running process by itself.
+  // With an empty target LLDB finds the executable of a running process itself.
   if (!target.IsValid()) target = debugger.CreateTarget("");
   if (!target.IsValid())
     return errorResponse("attachToProcess", "cannot build target: " + errorText(error));
@@ -63,12 +64,12 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
   LOG_RECORD("About to attach to process %{public}llu", static_cast<unsigned long long>(pid));
   error.Clear();
   process = target.AttachToProcessWithID(listener, pid, error);
-  if (neverRan(process, error)) {
+  if (failedToStart(process, error)) {
     discardTarget();
     return errorResponse("attachToProcess", "cannot attach to process: " + errorText(error));
   }
   readMemoryInLargePieces(debugger);
   eventThread.start(target);
-  waitUntilSettled();
-  return okResponseWith(executablePlace(target));
+  waitForFirstStop();
+  return okResponseWith(executableLoadInfo(target));
 }

@@ -1,4 +1,4 @@
-// connectRemote: a process behind a remote debug server.
+// connectRemote: a process that a remote debug server holds.
 
 #include <chrono>
 #include <thread>
@@ -9,19 +9,20 @@
 #include "platform/Process.h"
 #include "session/ConnectionBound.h"
 #include "session/DebugSession.h"
-#include "session/Outcome.h"
+#include "session/LldbError.h"
 
 namespace {
 
-/// The plug-in that only LLDB's command line can be asked for.
+/// The plug-in that only LLDB's command line can load.
 constexpr char kernelPlugin[] = "kdp-remote";
 
 std::string quoted(const std::string &text) {
-  // Deliberate: quotes inside stay as they are; LLDB's command line has the last word.
+  // Deliberate: quotes in the text stay as they are. LLDB's command line interprets them, and a host
+  // escapes them for it.
   return "\"" + text + "\"";
 }
 
-/// Lets the connection settle for a second. The state is told, not tested.
+/// Gives the connection a second to complete. Logs the state; nothing depends on it.
 void watchFirstSecond(lldb::SBProcess &process) {
   for (int step = 0; step < 10; ++step) {
     LOG_RECORD("step %{public}d: %{public}s\n", step, stateName(process.GetState()).c_str());
@@ -33,7 +34,7 @@ void watchFirstSecond(lldb::SBProcess &process) {
 
 Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const std::string &url,
                                  const std::string &plugin, const std::string &file) {
-  if (currentProcess().IsValid()) return errorResponse("connectRemote", "already has a process");
+  if (refreshProcess().IsValid()) return errorResponse("connectRemote", "already has a process");
   this->is64Bits = is64Bits;
   this->triple = triple;
   executablePath = file;
@@ -53,14 +54,14 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
   }
   watchFirstSecond(process);
 
-  // LLDB may hand out a process that looks valid though nobody answered: it never leaves its first
-  // state. Of one that did the news is queued.
+  // LLDB may return a valid process although no server answered. That process stays unloaded. A
+  // process that a server holds has left that state, or the event for it is queued.
   const bool answered = process.GetState() != lldb::eStateUnloaded ||
-                        stateChangeIsQueued(process, debugger.GetListener());
+                        isStateChangePending(process, debugger.GetListener());
   bool isConnected = process.IsValid() && answered && !bound.wasReached();
   if (isConnected) {
     eventThread.start(target);
-    waitUntilSettled();
+    waitForFirstStop();
     isConnected = !bound.wasReached();
   }
   if (isConnected) return okResponse();
@@ -68,7 +69,7 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
   if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
   eventThread.stop();
   if (process.IsValid()) {
-    // Only with its target does LLDB forget it; the next attempt must not find a process.
+    // LLDB drops a process only with its target, and the next attempt must not find one.
     discardTarget();
     target = buildRemoteTarget();
     process = lldb::SBProcess();
@@ -77,13 +78,13 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
 }
 
 void DebugSession::connectThroughInterpreter(const std::string &plugin, const std::string &url) {
-  interpret("target create " + quoted(executablePath));
-  interpret("process connect --plugin " + plugin + " " + quoted(url));
+  runLoggedCommand("target create " + quoted(executablePath));
+  runLoggedCommand("process connect --plugin " + plugin + " " + quoted(url));
   target = debugger.GetSelectedTarget();
   process = target.GetProcess();
 }
 
-void DebugSession::interpret(const std::string &commandLine) {
+void DebugSession::runLoggedCommand(const std::string &commandLine) {
   LOG_RECORD("%{public}s\n", commandLine.c_str());
   lldb::SBCommandReturnObject result;
   constexpr bool addToHistory = false;

@@ -7,8 +7,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto patience = 60s;
-/// LLDB may connect again.
+constexpr auto timeToConnect = 60s;
 constexpr auto period = 1s;
 
 }  // namespace
@@ -27,9 +26,9 @@ ConnectionBound::~ConnectionBound() {
 
 void ConnectionBound::watch() {
   std::unique_lock lock(mutex);
-  for (std::chrono::seconds wait = patience; !changed.wait_for(lock, wait, [&] { return isOver; });
-       wait = period) {
-    if (!reached.exchange(true)) LOG_RECORD("Cutting a connection that does not come about\n");
+  for (std::chrono::seconds wait = timeToConnect;
+       !changed.wait_for(lock, wait, [&] { return isOver; }); wait = period) {
+    if (!reached.exchange(true)) LOG_RECORD("Cutting a connection that does not complete\n");
     platform::shutDownSockets(known);
   }
 }

@@ -7,24 +7,27 @@
 #include <thread>
 #include <vector>
 
-/// Bounds an attempt to connect, because LLDB does not: a peer that echoes, or sends without end,
-/// keeps it for ever. From a minute after the construction on, each second, the stream sockets that
-/// were opened since are shut down, until the object goes. LLDB waits for nothing else meanwhile.
+/// Bounds an attempt to connect. LLDB itself waits for ever for a peer that echoes, or that sends
+/// without end.
+///
+/// A minute after its construction the object shuts down every stream socket that was opened since,
+/// and does so again each second until it is destroyed: LLDB may connect again. LLDB waits for
+/// nothing else during an attempt.
 class ConnectionBound {
  public:
-  /// Throws std::system_error when there can be no thread.
+  /// Throws std::system_error when no thread can be started.
   ConnectionBound();
   ~ConnectionBound();
   ConnectionBound(const ConnectionBound &) = delete;
   ConnectionBound &operator=(const ConnectionBound &) = delete;
 
-  /// Whether a connection was cut: what LLDB has of it is of no use.
+  /// Whether a connection was cut. What LLDB has of it is useless then.
   bool wasReached() const { return reached; }
 
  private:
   void watch();
 
-  const std::vector<int> known;  ///< descriptors that were open before
+  const std::vector<int> known;  ///< the descriptors that were open before
   std::mutex mutex;
   std::condition_variable changed;
   bool isOver = false;  ///< guarded by the mutex

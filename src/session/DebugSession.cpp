@@ -14,17 +14,17 @@ using namespace std::chrono_literals;
 
 constexpr char nullDevice[] = "/dev/null";
 
-/// LLDB's prompts and command output must not touch the channel, which in console mode is on the
-/// standard streams: a prompt would swallow the next requests and hang on a silent host.
-void keepFromStandardStreams(lldb::SBDebugger &debugger) {
+/// Keeps LLDB's prompts and its commands' output off the standard streams. In console mode these
+/// are the channel: a prompt would read the next requests, or wait for ever for a silent host.
+void redirectLldbToDevNull(lldb::SBDebugger &debugger) {
   constexpr bool handOver = true;
   debugger.SetInputFileHandle(std::fopen(nullDevice, "re"), handOver);
   debugger.SetOutputFileHandle(std::fopen(nullDevice, "we"), handOver);
   debugger.SetErrorFileHandle(std::fopen(nullDevice, "we"), handOver);
 }
 
-/// While one lives, the triple of a new target chooses that target's platform. LLDB would go on
-/// with it: after one target of another platform it launches nothing here any more.
+/// Restores the selected platform at the end of the scope. Otherwise one foreign triple makes every
+/// later local launch fail.
 class PlatformGuard {
  public:
   explicit PlatformGuard(lldb::SBDebugger &debugger)
@@ -44,7 +44,7 @@ DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
     : channel(input, output, consoleMode),
       debugger(lldb::SBDebugger::Create()),
       eventThread(debugger, channel) {
-  keepFromStandardStreams(debugger);
+  redirectLldbToDevNull(debugger);
   readRegistersAtOnce(debugger);
   debugger.SetAsync(true);
 }
@@ -66,8 +66,9 @@ Json DebugSession::prepareExecutable(const std::string &path, bool is64Bits,
   return okResponse();
 }
 
-lldb::SBProcess DebugSession::currentProcess() {
-  return target.IsValid() ? target.GetProcess() : lldb::SBProcess();
+lldb::SBProcess &DebugSession::refreshProcess() {
+  process = target.IsValid() ? target.GetProcess() : lldb::SBProcess();
+  return process;
 }
 
 lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
@@ -94,9 +95,9 @@ void DebugSession::discardTarget() {
   target = lldb::SBTarget();
 }
 
-void DebugSession::waitUntilSettled() {
+void DebugSession::waitForFirstStop() {
   while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
-  // LLDB follows a stop only when it is taken from the listener; resuming before that would strand
-  // the process.
-  eventThread.awaitFirstState();
+  // LLDB's public state is "stopped" only after the event of the stop is taken. A process that is
+  // resumed before that never stops again.
+  eventThread.waitForFirstState();
 }

@@ -11,31 +11,32 @@
 
 #include "channel/LaunchArguments.h"
 #include "channel/MessageChannel.h"
-#include "commands/ApplicationInput.h"
 #include "events/EventThread.h"
 #include "json/Json.h"
+#include "session/InferiorInput.h"
 #include "session/RegisterNames.h"
 
 /// The one session: the channel to the host, LLDB's debugger, and at most one target and process.
 ///
 /// Two threads. The main thread reads requests, one at a time, and runs everything declared here.
-/// The event thread (EventThread) tells the host what happens to the process; it exists from a
-/// launch, attach or connection to the next one or to deleteProcess, and works on its own copies of
-/// the LLDB handles. LLDB's debugger is asynchronous: commands that resume or stop the process
-/// return at once and what comes of them arrives as events. LLDB's own idea of the process state
-/// moves only when the event thread takes an event from the debugger's listener, so nobody else may
-/// take any.
+/// The event thread (EventThread) reports the process's state changes, output and modules to the
+/// host. It runs from a launch, attach or connection to the next one or to deleteProcess, on its
+/// own copies of the LLDB handles.
+///
+/// LLDB's debugger is asynchronous: commands that resume or stop the process return at once, and
+/// their results arrive as events. LLDB's public state of the process changes only when the event
+/// thread takes an event from the debugger's listener, so no other code takes events.
 ///
 /// The session owns the debugger, the target, the process, the stored launch settings and the event
-/// thread's handle. The streams belong to main. Destroying the session neither kills nor detaches
-/// an inferior; a host sends deleteProcess first.
+/// thread. The streams belong to main. Destroying the session neither kills nor detaches an
+/// inferior; a host sends deleteProcess first.
 class DebugSession {
  public:
-  /// In console mode requests and messages are lines for a person, else frames (MessageChannel).
+  /// In console mode requests and messages are lines for a person. Otherwise they are frames. See
+  /// MessageChannel.
   DebugSession(FILE *input, FILE *output, bool consoleMode);
-  /// Deliberate: a running event thread is not joined, so destroying the session under one ends the
-  /// program through std::terminate. A host sees from the abnormal end that it forgot
-  /// deleteProcess.
+  /// Deliberate: does not join a running event thread, so the program ends through std::terminate.
+  /// The abnormal end shows a host that it forgot deleteProcess.
   virtual ~DebugSession();
   DebugSession(const DebugSession &) = delete;
   DebugSession &operator=(const DebugSession &) = delete;
@@ -43,10 +44,11 @@ class DebugSession {
   /// Answers requests until the end of input. Every request gets exactly one response.
   void run();
 
-  /// The response to one decoded request; never null. Exceptions of a handler pass through.
+  /// Returns the response to one decoded request, never null. Exceptions of a handler pass through.
   Json handleRequest(const Json &request);
 
-  // Handlers, named as their commands. docs/protocol.md says what each takes, answers and leaves.
+  // The handlers, named as their commands. docs/protocol.md describes the arguments, the response
+  // and the effect of each.
 
   // A process to debug.
   Json prepareExecutable(const std::string &path, bool is64Bits, const std::string &triple,
@@ -68,7 +70,7 @@ class DebugSession {
   Json stopExecution();
   Json breakExecution();
 
-  // Threads. The selected one is what registers, steps and the call stack are about.
+  // Threads. Registers, steps and the call stack belong to the selected one.
   Json getThreadIDList();
   Json selectThreadID(std::uint64_t id);
 
@@ -76,7 +78,7 @@ class DebugSession {
   Json getRegisters();
   Json setRegister(const std::string &name, const std::string &value);
 
-  // Breakpoints and steps. A step's result arrives as events.
+  // Breakpoints and steps. The result of a step arrives as events.
   Json setBreakpointAtVirtualAddress(std::uint64_t address);
   Json removeBreakpoint(std::int32_t id);
   Json removeAllBreakpoints();
@@ -103,26 +105,27 @@ class DebugSession {
   Json moduleForFile(const std::string &file);
 
  private:
-  /// The process that LLDB holds for the current target; invalid when there is no target or it has
-  /// no process. Handlers ask here each time rather than trust `process`.
-  lldb::SBProcess currentProcess();
+  /// Sets `process` to the process that LLDB holds for the target, and returns it. It is invalid
+  /// when there is no target or the target has no process. Each handler that needs the process
+  /// calls this first: LLDB's command line may have replaced it.
+  lldb::SBProcess &refreshProcess();
 
-  /// LLDB's target for `executablePath` and `triple`; invalid, and `error` filled, when there is
-  /// none.
+  /// Creates LLDB's target for `executablePath` and `triple`. Returns an invalid target and fills
+  /// `error` on failure.
   lldb::SBTarget buildTarget(lldb::SBError &error);
 
-  /// The same for a connection, in which the file may be missing or of another architecture.
+  /// The same for a connection. The file may be missing or of another architecture.
   lldb::SBTarget buildRemoteTarget();
 
-  /// Leaves the session without target, and takes the target out of LLDB's own list, which would
-  /// keep it for ever.
+  /// Leaves the session without a target, and removes the target from LLDB's list, which would keep
+  /// it for ever.
   void discardTarget();
 
-  /// Follows LLDB, which has deleted the target with this process by itself: the event thread ends
-  /// with its target, and the session has none.
+  /// Leaves the session without a target after LLDB's command line has deleted it. `itsProcess` was
+  /// the target's process. Ends the event thread.
   void forgetTarget(const lldb::SBProcess &itsProcess);
 
-  /// What the inferior of a launch gets: the program's own environment, then the requested entries.
+  /// The environment of a launch: the program's own, then the requested entries.
   std::vector<std::string> launchEnvironment() const;
 
   lldb::SBProcess launchTarget(lldb::SBError &error);
@@ -133,33 +136,33 @@ class DebugSession {
   /// A module with its top-level sections: where they lie in the file and in memory.
   Json describeModule(lldb::SBModule &module);
 
-  /// Connects through LLDB's command line, the only road to a kernel's debug stub.
+  /// Connects through LLDB's command line, the only way to reach a kernel's debug stub.
   void connectThroughInterpreter(const std::string &plugin, const std::string &url);
 
-  /// Runs one command line and logs it. Its result is not looked at.
-  void interpret(const std::string &commandLine);
+  /// Logs one command line and runs it. Ignores the result.
+  void runLoggedCommand(const std::string &commandLine);
 
-  /// Returns when LLDB has finished attaching to `process` and follows its stop, so that the host's
-  /// next request acts on the state that the process is really in. Needs the event thread.
-  void waitUntilSettled();
+  /// Returns when `process` is attached to and its first stop is taken and reported, so that the
+  /// host's next request acts on the state that the process is really in. Needs the event thread.
+  void waitForFirstStop();
 
   MessageChannel channel;
 
   // Main thread only.
-  lldb::SBDebugger debugger;  ///< made by the constructor, never replaced
-  lldb::SBTarget target;      ///< invalid when there is none
-  lldb::SBProcess process;    ///< as of the last command that refreshed it; may be a dead one
+  lldb::SBDebugger debugger;  ///< created by the constructor, never replaced
+  lldb::SBTarget target;      ///< invalid when there is no target
+  lldb::SBProcess process;    ///< as of the last refreshProcess; may be a dead process
 
-  // What the next launch uses; the later command's values replace the earlier one's wholesale.
+  // The settings of the next launch. A later command replaces all of an earlier one's values.
   std::string workingDirectory;
   std::vector<EnvironmentEntry> environment;
   std::vector<std::string> arguments;
   std::string executablePath;
-  std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB's choice
+  std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB chooses
   bool is64Bits = true;                        ///< only logged
 
   RegisterNames registerNames;
-  std::unique_ptr<ApplicationInput> applicationInput;  ///< null until the process is sent something
+  std::unique_ptr<InferiorInput> inferiorInput;  ///< null until the first sendToApplication
 
-  EventThread eventThread;  ///< the last member: while it runs nothing else may go
+  EventThread eventThread;  ///< the last member: it uses the channel while it runs
 };

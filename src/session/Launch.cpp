@@ -8,12 +8,12 @@
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "session/DebugSession.h"
-#include "session/Outcome.h"
+#include "session/LldbError.h"
 #include "session/ReadSettings.h"
 
 namespace {
 
-/// The texts as a C array of strings, with the null entry at its end. Lives as long as `texts`.
+/// The texts as a null-terminated array of C strings. Valid as long as `texts`.
 std::vector<const char *> cStrings(const std::vector<std::string> &texts) {
   std::vector<const char *> pointers;
   pointers.reserve(texts.size() + 1);
@@ -32,7 +32,7 @@ Json DebugSession::createProcess() {
     return errorResponse("createProcess", "cannot build target: " + errorText(error));
 
   process = launchTarget(error);
-  if (neverRan(process, error)) {
+  if (failedToStart(process, error)) {
     discardTarget();
     return errorResponse("createProcess", "cannot create process: " + errorText(error));
   }
@@ -41,7 +41,7 @@ Json DebugSession::createProcess() {
   eventThread.start(target);
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());
-  waitUntilSettled();
+  waitForFirstStop();
   LOG_RECORD("Process is ready with final state %s\n", stateName(process.GetState()).c_str());
 
   if (process.GetState() == lldb::eStateExited)
@@ -69,7 +69,7 @@ lldb::SBProcess DebugSession::launchTarget(lldb::SBError &error) {
 }
 
 std::vector<std::string> DebugSession::launchEnvironment() const {
-  std::vector<std::string> entries = platform::startEnvironment();
+  std::vector<std::string> entries = platform::initialEnvironment();
   for (const auto &[name, value] : environment) entries.push_back(name + "=" + value);
   return entries;
 }

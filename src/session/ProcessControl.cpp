@@ -3,45 +3,42 @@
 #include "channel/Envelope.h"
 #include "events/StateName.h"
 #include "session/DebugSession.h"
-#include "session/Outcome.h"
+#include "session/LldbError.h"
 
 namespace {
 
-/// LLDB's own words for a process that runs.
+/// LLDB's own message for a process that runs.
 constexpr char runsAlready[] = "resume request failed - process already running";
 
 }  // namespace
 
 Json DebugSession::detach() {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("detach", "no process");
-  // Deliberate: target and event thread stay, so that the host learns of the detached state as an
-  // event. The next run needs a deleteProcess first.
-  eventThread.halt(current);
-  current.Detach();
+  if (!refreshProcess().IsValid()) return errorResponse("detach", "no process");
+  // Deliberate: the target and the event thread stay, so that the host receives the detached state
+  // as an event. A host sends deleteProcess before the next run.
+  eventThread.halt(process);
+  process.Detach();
   return okResponse();
 }
 
 Json DebugSession::deleteProcess() {
-  lldb::SBProcess current = currentProcess();
-  if (!current.IsValid()) return errorResponse("deleteProcess", "no process");
-  eventThread.halt(current);
+  if (!refreshProcess().IsValid()) return errorResponse("deleteProcess", "no process");
+  eventThread.halt(process);
   eventThread.stop();
-  current.Destroy();
-  applicationInput.reset();
+  process.Destroy();
+  inferiorInput.reset();
   discardTarget();
   return okResponse();
 }
 
 Json DebugSession::hasProcess() {
-  if (!currentProcess().IsValid()) return errorResponse("hasProcess", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("hasProcess", "no process");
   return okResponse();
 }
 
 Json DebugSession::getProcessState() {
   if (!target.IsValid()) return errorResponse("getProcessState", "no target");
-  process = target.GetProcess();
-  if (!process.IsValid()) return errorResponse("getProcessState", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("getProcessState", "no process");
   const lldb::StateType state = process.GetState();
   return okResponseWith(
       {{"state", static_cast<std::int32_t>(state)}, {"state-string", stateName(state)}});
@@ -49,8 +46,7 @@ Json DebugSession::getProcessState() {
 
 Json DebugSession::continueExecution() {
   if (!target.IsValid()) return errorResponse("continueExecution", "no target");
-  process = target.GetProcess();
-  if (!process.IsValid()) return errorResponse("continueExecution", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("continueExecution", "no process");
   if (!eventThread.mayResume(process)) return errorResponse("continueExecution", runsAlready);
   eventThread.setResumed(true);
   const lldb::SBError error = process.Continue();
@@ -59,16 +55,14 @@ Json DebugSession::continueExecution() {
 }
 
 Json DebugSession::stopExecution() {
-  process = currentProcess();
-  if (!process.IsValid()) return errorResponse("stopExecution", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("stopExecution", "no process");
   eventThread.halt(process);
   process.Kill();
   return okResponse();
 }
 
 Json DebugSession::breakExecution() {
-  process = currentProcess();
-  if (!process.IsValid()) return errorResponse("breakExecution", "no process");
+  if (!refreshProcess().IsValid()) return errorResponse("breakExecution", "no process");
   process.SendAsyncInterrupt();
   return okResponse();
 }

@@ -2,8 +2,8 @@
 
 namespace {
 
-/// Deliberate: the wide vector registers stay out. They hold the xmm registers, which are there,
-/// and would double the answer.
+/// Deliberate: the wide vector registers are left out. They contain the xmm registers, which hosts
+/// show, and would double the response.
 bool isLeftOut(const std::string &name) {
   return name.starts_with("ymm") || name.starts_with("zmm");
 }

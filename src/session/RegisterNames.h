@@ -6,15 +6,16 @@
 #include <string>
 #include <vector>
 
-/// The names of a process's registers. To ask LLDB for each name again at each stop would take a
-/// tenth of getRegisters' time. For the main thread only.
+/// Keeps the names of a process's registers. Asking LLDB for each name at each stop takes a tenth
+/// of getRegisters' time. For the main thread only.
 class RegisterNames {
  public:
-  /// The names in `set`, which is the set number `index` of a frame of `process`. The name of a
-  /// register that getRegisters leaves out is empty. The reference is valid until the next call.
+  /// Returns the names of the registers in `set`, the set number `index` of a frame of `process`.
+  /// The name of a register that getRegisters leaves out is empty. The reference is valid until the
+  /// next call.
   ///
-  /// Asks LLDB for the names again when they can be others: for another process, and after an exec
-  /// into a program for another processor. Then the set's size or its first name differs.
+  /// Asks LLDB again for another process, and when the set's size or its first name has changed, as
+  /// after an exec into a program for another processor.
   const std::vector<std::string> &of(lldb::SBProcess process, std::uint32_t index,
                                      lldb::SBValue set);
 

@@ -2,6 +2,6 @@
 
 namespace platform {
 
-void provideDebugServer() {}
+void setDebugServerPath() {}
 
 }  // namespace platform

@@ -1,13 +1,12 @@
-// How jemalloc manages the memory of the program and of LLDB, where it is linked.
+// jemalloc's settings, for the program's memory and for LLDB's.
 
 #include <jemalloc/jemalloc.h>
 
-/// Read by jemalloc before main.
+/// jemalloc reads this before main.
 ///
-/// One arena: LLDB's threads mostly wait for one another, and a thread for which no arena of its
-/// own can be made when memory runs out would crash in jemalloc instead of being told.
+/// One arena: LLDB's threads mostly wait for one another. And when memory runs out, a thread that
+/// cannot get an arena of its own crashes in jemalloc instead of seeing a failed allocation.
 ///
-/// Each thread keeps blocks of up to 8 MiB (2^23) that it has freed: the text of a mebibyte of
-/// memory is one, and taking its pages from the system anew for each answer costs more than writing
-/// it.
+/// Each thread keeps freed blocks of up to 8 MiB (2^23). The text of a mebibyte of memory is such a
+/// block, and getting its pages from the system for each response takes longer than writing it.
 const char *malloc_conf = "narenas:1,lg_tcache_max:23";

@@ -22,8 +22,8 @@ std::string findInPath(const std::string &program) {
   return std::string();
 }
 
-/// The build knows where its LLDB keeps lldb-server; an installed copy may run where it is only
-/// in the PATH, under the name with LLDB's major version or without.
+/// Prefers the path that the build found. An installed copy may run where lldb-server is only in
+/// PATH, with or without LLDB's major version in its name.
 std::string findDebugServer() {
   if (isExecutable(LLDB_HELPER_DEBUG_SERVER)) return LLDB_HELPER_DEBUG_SERVER;
   const std::string versioned = findInPath("lldb-server-" LLDB_HELPER_LLDB_MAJOR);
@@ -32,7 +32,7 @@ std::string findDebugServer() {
 
 }  // namespace
 
-void provideDebugServer() {
+void setDebugServerPath() {
   const std::string server = findDebugServer();
   if (!server.empty()) setenv(variable, server.c_str(), 0);
 }

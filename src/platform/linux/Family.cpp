@@ -11,7 +11,7 @@ bool isOwnProcess(pid_t pid) {
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   for (std::string name; status >> name; status.ignore(4096, '\n')) {
     pid_t value = 0;
-    // A thread's number is as good as its process's.
+    // The number may also be a thread's: then Tgid is its process.
     if ((name == "Tgid:" || name == "PPid:") && status >> value && value == getpid()) return true;
   }
   return false;

@@ -9,15 +9,14 @@
 #include <cerrno>
 #include <cstdarg>
 
-#include "platform/LogText.h"
+#include "platform/LogFormat.h"
 
 namespace platform {
 
 namespace {
 
-/// Whether the log's daemon takes a record at once. syslog(3) would wait for one that does not
-/// read, and the host's requests with it; where there is none it would make a socket for every
-/// record before it finds that out.
+/// Whether the log daemon can take a record now. syslog(3) would block on a daemon that does not
+/// read, and so would the host's requests. Without a daemon it would open a socket for each record.
 bool daemonHasRoom() {
   if (access(_PATH_LOG, F_OK) != 0) return false;
   const int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -27,7 +26,7 @@ bool daemonHasRoom() {
   if (connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
     hasRoom = poll(&room, 1, 0) > 0 && (room.revents & POLLOUT) != 0;
   else
-    hasRoom = errno == EPROTOTYPE;  // it reads a stream, which cannot be asked
+    hasRoom = errno == EPROTOTYPE;  // a stream socket, which this cannot check
   close(probe);
   return hasRoom;
 }
@@ -42,7 +41,7 @@ void logToSyslog(const char *format, ...) {
   if (!daemonHasRoom()) return;
   std::va_list arguments;
   va_start(arguments, format);
-  syslog(LOG_USER | LOG_NOTICE, "%s", logText(format, arguments).c_str());
+  syslog(LOG_USER | LOG_NOTICE, "%s", formatRecord(format, arguments).c_str());
   va_end(arguments);
 }
 

@@ -1,4 +1,4 @@
-#include "platform/LogText.h"
+#include "platform/LogFormat.h"
 
 #include <cstdio>
 #include <string_view>
@@ -13,7 +13,7 @@ LogSink currentSink = nullptr;
 
 }  // namespace
 
-std::string logText(const char *format, std::va_list arguments) {
+std::string formatRecord(const char *format, std::va_list arguments) {
   constexpr std::string_view mark = "{public}";
   std::string plain = format;
   for (auto at = plain.find(mark); at != std::string::npos; at = plain.find(mark, at))
@@ -35,7 +35,7 @@ bool logToSink(const char *format, ...) {
   if (currentSink == nullptr) return false;
   std::va_list arguments;
   va_start(arguments, format);
-  currentSink(logText(format, arguments));
+  currentSink(formatRecord(format, arguments));
   va_end(arguments);
   return true;
 }

@@ -1,11 +1,11 @@
-#include "session/Outcome.h"
+#include "session/LldbError.h"
 
 std::string errorText(const lldb::SBError &error) {
   const char *text = error.GetCString();
   return text != nullptr ? text : "";
 }
 
-bool neverRan(lldb::SBProcess &process, const lldb::SBError &error) {
+bool failedToStart(lldb::SBProcess &process, const lldb::SBError &error) {
   if (!process.IsValid()) return true;
   if (error.Success()) return false;
   switch (process.GetState()) {

@@ -1,4 +1,4 @@
-#include "commands/ApplicationInput.h"
+#include "session/InferiorInput.h"
 
 #include <unistd.h>
 
@@ -16,40 +16,38 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// How long a thread that waits for room may take to notice that it should end.
+/// How long a thread that waits for room takes to notice that it must end.
 constexpr auto roomWait = 20ms;
 
-/// Texts up to this many bytes are written by one call, so that what a key or a line consists of
-/// comes to the program together. Longer ones are more than a terminal may have room for; they are
-/// written byte by byte, because one byte is what room that is there is sure to be enough for.
-constexpr std::size_t keptTogether = 256;
+/// Up to this many bytes one write keeps an escape sequence whole. Longer text goes byte by byte: a
+/// writable pty guarantees room for one byte only.
+constexpr std::size_t singleWriteLimit = 256;
 
-/// LLDB's own packets to a remote stub that does not answer can take longer than anybody should
-/// wait.
+/// LLDB may wait much longer than this for a remote stub that does not answer.
 constexpr auto endBound = 2s;
 
 }  // namespace
 
-/// Shared with the thread, which may have to be left behind.
-struct ApplicationInput::Queue {
+/// Shared with the thread, which may outlive the object.
+struct InferiorInput::Queue {
   std::mutex mutex;
   std::condition_variable changed;
   std::deque<std::string> texts;
   std::atomic<bool> closed = false;
   bool ended = false;
-  /// The master side of the program's terminal; -1 where LLDB talks to a remote stub instead.
-  const int terminal = platform::openTerminal();
+  /// The master side of the program's pty. -1 when LLDB talks to a remote stub instead.
+  const int pty = platform::duplicateInferiorPty();
   ~Queue() {
-    if (terminal >= 0) close(terminal);
+    if (pty >= 0) close(pty);
   }
 };
 
-ApplicationInput::ApplicationInput(lldb::SBProcess process)
+InferiorInput::InferiorInput(lldb::SBProcess process)
     : processId(process.GetUniqueID()),
       queue(std::make_shared<Queue>()),
       thread(run, queue, process) {}
 
-ApplicationInput::~ApplicationInput() {
+InferiorInput::~InferiorInput() {
   std::unique_lock lock(queue->mutex);
   queue->closed = true;
   queue->changed.notify_all();
@@ -63,13 +61,13 @@ ApplicationInput::~ApplicationInput() {
   }
 }
 
-void ApplicationInput::write(std::string bytes) {
+void InferiorInput::write(std::string bytes) {
   const std::lock_guard lock(queue->mutex);
   queue->texts.push_back(std::move(bytes));
   queue->changed.notify_all();
 }
 
-void ApplicationInput::run(std::shared_ptr<Queue> queue, lldb::SBProcess process) {
+void InferiorInput::run(std::shared_ptr<Queue> queue, lldb::SBProcess process) {
   std::unique_lock lock(queue->mutex);
   for (;;) {
     queue->changed.wait(lock, [&] { return queue->closed || !queue->texts.empty(); });
@@ -77,24 +75,25 @@ void ApplicationInput::run(std::shared_ptr<Queue> queue, lldb::SBProcess process
     const std::string text = std::move(queue->texts.front());
     queue->texts.pop_front();
     lock.unlock();
-    put(*queue, process, text);
+    writeWhenReady(*queue, process, text);
     lock.lock();
   }
   queue->ended = true;
   queue->changed.notify_all();
 }
 
-void ApplicationInput::put(const Queue &queue, lldb::SBProcess &process, std::string_view text) {
-  if (queue.terminal < 0) {
+void InferiorInput::writeWhenReady(const Queue &queue, lldb::SBProcess &process,
+                                   std::string_view text) {
+  if (queue.pty < 0) {
     process.PutSTDIN(text.data(), text.size());
     return;
   }
-  const std::size_t pieceSize = text.size() <= keptTogether ? keptTogether : 1;
+  const std::size_t pieceSize = text.size() <= singleWriteLimit ? singleWriteLimit : 1;
   do {
-    while (!platform::terminalHasRoom(queue.terminal, roomWait))
+    while (!platform::ptyHasRoom(queue.pty, roomWait))
       if (queue.closed) return;
     const std::string_view piece = text.substr(0, pieceSize);
-    // LLDB does not say how much it wrote: it returns 0.
+    // LLDB returns 0, however much it wrote.
     process.PutSTDIN(piece.data(), piece.size());
     text.remove_prefix(piece.size());
   } while (!text.empty() && !queue.closed);

@@ -4,8 +4,8 @@
 
 namespace platform {
 
-bool terminalHasRoom(int terminal, std::chrono::milliseconds time) {
-  pollfd state{terminal, POLLOUT, 0};
+bool ptyHasRoom(int pty, std::chrono::milliseconds time) {
+  pollfd state{pty, POLLOUT, 0};
   return poll(&state, 1, static_cast<int>(time.count())) != 0;
 }
 

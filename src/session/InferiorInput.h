@@ -1,0 +1,44 @@
+#pragma once
+
+#include <lldb/API/LLDB.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+/// Writes to a process's standard input from a thread of its own. A write waits while the program
+/// does not read, and requests must not wait for it.
+///
+/// LLDB must not wait either. While LLDB writes to the program's pty it neither reads the program's
+/// output nor reports its stops: LLDB 22 holds a lock during the write, and retries for ever on a
+/// full pty. So LLDB is asked to write only what the pty has room for.
+///
+/// For the main thread only.
+class InferiorInput {
+ public:
+  /// Starts the thread. Throws std::system_error if that fails.
+  explicit InferiorInput(lldb::SBProcess process);
+
+  /// Drops what has not been written, and ends the thread within milliseconds. Call it when the
+  /// process is gone. A thread that LLDB holds for two seconds is left running.
+  ~InferiorInput();
+  InferiorInput(const InferiorInput &) = delete;
+  InferiorInput &operator=(const InferiorInput &) = delete;
+
+  /// Whether the bytes go to this process.
+  bool isFor(lldb::SBProcess other) const { return other.GetUniqueID() == processId; }
+
+  /// Queues the bytes. Texts are written in the order of the calls.
+  void write(std::string bytes);
+
+ private:
+  struct Queue;
+  static void run(std::shared_ptr<Queue> queue, lldb::SBProcess process);
+  static void writeWhenReady(const Queue &queue, lldb::SBProcess &process, std::string_view text);
+
+  const std::uint32_t processId;
+  std::shared_ptr<Queue> queue;
+  std::thread thread;
+};
