@@ -1,4 +1,4 @@
-// The calls that lldb-helper makes for each job, and nothing else: no texts, no pipes.
+// LLDB used plainly, for each job: its default settings and the obvious calls. No texts, no pipes.
 
 #include <lldb/API/LLDB.h>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Adding to it keeps the compiler from leaving out calls whose results nobody looks at.
+/// Adding to it keeps the compiler from removing calls whose results are not used.
 volatile std::size_t sink;
 
 void use(const char *text) { sink = sink + (text != nullptr); }
@@ -47,18 +47,20 @@ class Floor : public Subject {
   void readMemory(std::uint64_t address, std::size_t size) override;
   void readRegisters() override;
   void readStack() override;
-  void listModules() override;
+  void listThreads() override;
+  void listModules(bool waits) override;
 
   std::string bytes() override { return memory; }
   std::string output() override { return outputSoFar; }
   std::vector<std::uint64_t> stack() override;
   std::size_t benchLibraries() override;
-  std::uint64_t programCounter() override {
-    return target.GetProcess().GetSelectedThread().GetSelectedFrame().GetPC();
-  }
+  std::size_t threads() override { return target.GetProcess().GetNumThreads(); }
+  std::uint64_t programCounter() override { return frame().GetPC(); }
+  std::uint64_t stackPointer() override { return frame().GetSP(); }
   std::string registers() override;
 
  private:
+  lldb::SBFrame frame() { return target.GetProcess().GetSelectedThread().GetSelectedFrame(); }
   void listen();
   template <typename Action>
   void awaitAfter(unsigned &counter, Action action);
@@ -93,7 +95,7 @@ Floor::~Floor() {
   lldb::SBDebugger::Terminate();
 }
 
-/// As lldb-helper's event thread: output is read in pieces of 256 bytes.
+/// Like lldb-helper's event thread, reads output in pieces of 256 bytes.
 void Floor::listen() {
   lldb::SBListener listener = debugger.GetListener();
   for (;;) {
@@ -133,6 +135,10 @@ void Floor::launch(const std::string &program, const std::vector<std::string> &a
   lldb::SBError error;
   target = debugger.CreateTarget(program.c_str(), "", nullptr, false, error);
   check(error);
+  debugger.GetListener().StartListeningForEvents(target.GetBroadcaster(),
+                                                 lldb::SBTarget::eBroadcastBitBreakpointChanged |
+                                                     lldb::SBTarget::eBroadcastBitModulesLoaded |
+                                                     lldb::SBTarget::eBroadcastBitModulesUnloaded);
   std::vector<const char *> words;
   for (const std::string &argument : arguments) words.push_back(argument.c_str());
   words.push_back(nullptr);
@@ -170,50 +176,52 @@ void Floor::readMemory(std::uint64_t address, std::size_t size) {
   check(error);
 }
 
-void Floor::readRegisters() {
-  lldb::SBValueList sets =
-      target.GetProcess().GetSelectedThread().GetSelectedFrame().GetRegisters();
+namespace {
+
+/// The bytes of a register that has no text, as lldb-helper writes them.
+std::string hexText(lldb::SBData data) {
+  std::string text = "0x";
+  for (std::size_t at = data.GetByteSize(); at > 0; --at) {
+    lldb::SBError error;
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", data.GetUnsignedInt8(error, at - 1));
+    text += digits;
+  }
+  return text;
+}
+
+template <typename Action>
+void forEachRegister(lldb::SBFrame frame, Action action) {
+  lldb::SBValueList sets = frame.GetRegisters();
   for (std::uint32_t index = 0; index < sets.GetSize(); ++index) {
     lldb::SBValue set = sets.GetValueAtIndex(index);
     const std::uint32_t count = set.GetNumChildren();
     for (std::uint32_t child = 0; child < count; ++child) {
       lldb::SBValue value = set.GetChildAtIndex(child);
       const std::string_view name = value.GetName();
-      if (name.starts_with("ymm") || name.starts_with("zmm")) continue;
-      if (value.GetValue() != nullptr) continue;
-      unsigned char raw[64];
-      lldb::SBData data = value.GetData();
-      lldb::SBError error;
-      data.ReadRawData(error, 0, raw, data.GetByteSize());
+      if (!name.starts_with("ymm") && !name.starts_with("zmm")) action(name, value);
     }
   }
 }
 
+}  // namespace
+
+void Floor::readRegisters() {
+  forEachRegister(frame(), [](std::string_view, lldb::SBValue &value) {
+    if (value.GetValue() != nullptr) return;
+    unsigned char raw[64];
+    lldb::SBData data = value.GetData();
+    lldb::SBError error;
+    data.ReadRawData(error, 0, raw, data.GetByteSize());
+  });
+}
+
 std::string Floor::registers() {
-  lldb::SBValueList sets =
-      target.GetProcess().GetSelectedThread().GetSelectedFrame().GetRegisters();
   std::map<std::string, std::string> all;
-  for (std::uint32_t index = 0; index < sets.GetSize(); ++index) {
-    lldb::SBValue set = sets.GetValueAtIndex(index);
-    for (std::uint32_t child = 0; child < set.GetNumChildren(); ++child) {
-      lldb::SBValue value = set.GetChildAtIndex(child);
-      const std::string name = value.GetName();
-      if (name.starts_with("ymm") || name.starts_with("zmm")) continue;
-      std::string &text = all[name];
-      if (value.GetValue() != nullptr) {
-        text = value.GetValue();
-        continue;
-      }
-      lldb::SBData data = value.GetData();
-      text = "0x";
-      for (std::size_t at = data.GetByteSize(); at > 0; --at) {
-        lldb::SBError error;
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", data.GetUnsignedInt8(error, at - 1));
-        text += digits;
-      }
-    }
-  }
+  forEachRegister(frame(), [&](std::string_view name, lldb::SBValue &value) {
+    const char *text = value.GetValue();
+    all[std::string(name)] = text != nullptr ? text : hexText(value.GetData());
+  });
   std::string text;
   for (const auto &[name, value] : all) text.append(name).append("=").append(value).append(" ");
   return text;
@@ -243,10 +251,19 @@ std::vector<std::uint64_t> Floor::stack() {
   return counters;
 }
 
-void Floor::listModules() {
+void Floor::listThreads() {
+  lldb::SBProcess process = target.GetProcess();
+  const std::uint32_t count = process.GetNumThreads();
+  for (std::uint32_t index = 0; index < count; ++index) {
+    lldb::SBThread thread = process.GetThreadAtIndex(index);
+    sink = sink + thread.GetThreadID() + thread.GetStopReason();
+  }
+}
+
+void Floor::listModules(bool) {
   const std::uint32_t count = target.GetNumModules();
   for (std::uint32_t index = 0; index < count; ++index) {
-    // Each module is a question of its own, which finds out first whether there is an answer.
+    // Each module is a request of its own, which first checks that there is a process.
     if (!target.IsValid() || !target.GetProcess().IsValid() || index >= target.GetNumModules())
       return;
     lldb::SBModule module = target.GetModuleAtIndex(index);

@@ -39,7 +39,8 @@ class Gdb : public Subject {
   }
   void readRegisters() override { ask("-data-list-register-values --skip-unavailable x"); }
   void readStack() override { ask("-stack-list-frames"); }
-  void listModules() override { ask("-file-list-shared-libraries"); }
+  void listThreads() override { ask("-thread-info"); }
+  void listModules(bool) override { ask("-file-list-shared-libraries"); }
   void roundTrip() override { ask("-gdb-show confirm"); }
 
   bool showsOutput() const override { return false; }
@@ -53,17 +54,14 @@ class Gdb : public Subject {
   std::string output() override { return ""; }
   std::vector<std::uint64_t> stack() override {
     std::vector<std::uint64_t> counters;
-    const std::string key = "addr=\"";
-    for (std::size_t at = answer.find(key); at != std::string::npos; at = answer.find(key, at + 1))
-      counters.push_back(std::stoull(std::string(answer.substr(at + key.size(), 18)), nullptr, 16));
+    for (const std::string &address : values("addr"))
+      counters.push_back(std::stoull(address, nullptr, 16));
     return counters;
   }
+  std::size_t threads() override { return values("target-id").size(); }
   std::size_t benchLibraries() override {
     std::size_t found = 0;
-    const std::string key = "id=\"";
-    for (std::size_t at = answer.find(key); at != std::string::npos; at = answer.find(key, at + 1))
-      found += answer.substr(at, answer.find('"', at + key.size()) - at).find("/libbench") !=
-               std::string::npos;
+    for (const std::string &file : values("id")) found += file.find("/libbench") != file.npos;
     return found;
   }
   std::uint64_t programCounter() override {
@@ -72,6 +70,18 @@ class Gdb : public Subject {
   }
 
  private:
+  /// The values of a key, wherever it is in the answer.
+  std::vector<std::string> values(const std::string &key) const {
+    std::vector<std::string> found;
+    const std::string start = key + "=\"";
+    for (std::size_t at = answer.find(start); at != std::string::npos;
+         at = answer.find(start, at)) {
+      at += start.size();
+      found.emplace_back(answer.substr(at, answer.find('"', at) - at));
+    }
+    return found;
+  }
+
   void ask(const std::string &command) {
     answer = {};
     child.write(command + "\n");

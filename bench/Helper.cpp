@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <utility>
 
 #include "Child.h"
 #include "Subject.h"
@@ -47,17 +48,21 @@ class Helper : public Subject {
   void readStack() override { ask(R"({"command": "getCallstack"})"); }
   void roundTrip() override { ask(R"({"command": "ping"})"); }
 
-  void listModules() override {
+  void listThreads() override { ask(R"({"command": "getThreadIDList"})"); }
+  void listModules(bool waits) override {
     ask(R"({"command": "moduleCount"})");
     const unsigned count = json::parse(answer)["count"];
-    // A host that knows its questions need not wait between them.
+    modules.clear();
     std::string requests;
-    for (unsigned index = 0; index < count; ++index)
+    for (unsigned index = 0; index < count; ++index) {
       requests +=
           frame("{\"command\": \"moduleAtIndex\", \"index\": " + std::to_string(index) + "}");
+      if (!waits) continue;
+      child.write(std::exchange(requests, ""));
+      modules.emplace_back(readFrame(child));
+    }
     child.write(requests);
-    modules.clear();
-    for (unsigned index = 0; index < count; ++index) modules.emplace_back(readFrame(child));
+    while (modules.size() < count) modules.emplace_back(readFrame(child));
   }
 
   std::size_t peakMemory() override { return child.peakMemory(); }
@@ -90,6 +95,7 @@ class Helper : public Subject {
     for (const json &frame : parsed["callstack"]) counters.push_back(frame["pc"]);
     return counters;
   }
+  std::size_t threads() override { return json::parse(answer)["threads"].size(); }
   std::size_t benchLibraries() override {
     std::size_t found = 0;
     for (const std::string &module : modules) found += contains(module, "\"libbench");

@@ -69,8 +69,9 @@ class LldbDap : public Subject {
       ask("variables", {{"variablesReference", set["variablesReference"]}});
   }
   void readStack() override { ask("stackTrace", {{"threadId", thread}}); }
-  void listModules() override { ask("modules"); }
-  /// Without a program the answer is a refusal, which is the least it can do.
+  void listThreads() override { ask("threads"); }
+  void listModules(bool) override { ask("modules"); }
+  /// Without a program lldb-dap refuses this, which is the least that it can do.
   void roundTrip() override { askWhatever("threads"); }
 
   std::string bytes() override {
@@ -96,6 +97,7 @@ class LldbDap : public Subject {
           std::stoull(frame["instructionPointerReference"].get<std::string>(), nullptr, 16));
     return counters;
   }
+  std::size_t threads() override { return body("threads").size(); }
   std::size_t benchLibraries() override {
     std::size_t found = 0;
     for (const json &module : body("modules"))

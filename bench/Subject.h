@@ -8,12 +8,11 @@
 #include <string>
 #include <vector>
 
-/// A debugger under measurement. Each action is one job's work and returns when its outcome has
-/// arrived in this process, as text or as LLDB's values; the clock runs meanwhile. What the outcome
-/// says is worked out by the accessors, when the clock has stopped.
+/// A debugger under measurement. Each action returns when its result has arrived in this process,
+/// as text or as LLDB's values. The accessors read the result, when the clock has stopped.
 ///
-/// A subject debugs one program after the other: launch, at most one program at a time, ends with
-/// deleteProcess. Failures throw std::runtime_error.
+/// A subject debugs one program at a time, from launch to deleteProcess. Failures throw
+/// std::runtime_error.
 class Subject {
  public:
   virtual ~Subject() = default;
@@ -22,43 +21,49 @@ class Subject {
 
   virtual void launch(const std::string &program, const std::vector<std::string> &arguments) = 0;
   virtual void deleteProcess() = 0;
-  /// What a subject needs to be ready for the next launch; not part of the deletion.
+  /// Makes the subject ready for the next launch. Not part of the deletion.
   virtual void afterDeletion() {}
   virtual void breakAt(std::uint64_t address) = 0;
   virtual void removeBreakpoints() = 0;
-  /// To the next stop.
+  /// Runs to the next stop.
   virtual void resume() = 0;
   virtual void step() = 0;
-  /// To the program's end. All output has arrived then.
+  /// Runs to the program's end. Returns when all output has arrived.
   virtual void runToExit() = 0;
 
   virtual void readMemory(std::uint64_t address, std::size_t size) = 0;
   virtual void readRegisters() = 0;
   virtual void readStack() = 0;
-  virtual void listModules() = 0;
-  /// A question that costs next to nothing to answer.
+  virtual void listThreads() = 0;
+  /// `waits`: each request waits for the response to the one before it, if there are several.
+  virtual void listModules(bool waits) = 0;
+  /// A request that takes next to no time to answer.
   virtual void roundTrip() {}
 
-  /// Whether the subject shows a program's output at all; gdb leaves it to the terminal.
+  /// Whether the subject reports a program's output. gdb leaves it to the terminal.
   virtual bool showsOutput() const { return true; }
 
-  /// Of the last action of its kind.
+  // The result of the last action of its kind.
+
   virtual std::string bytes() = 0;
   virtual std::string output() = 0;
   virtual std::vector<std::uint64_t> stack() = 0;
+  virtual std::size_t threads() = 0;
   /// How many of the libraries that the benchmark's program has opened are in the list.
   virtual std::size_t benchLibraries() = 0;
   /// rip's value.
   virtual std::uint64_t programCounter() = 0;
-  /// All registers, where the floor shows them too; else empty.
+  /// rsp's value, from the floor.
+  virtual std::uint64_t stackPointer() { return 0; }
+  /// All registers. Empty where the subject's form of them is another than the floor's.
   virtual std::string registers() { return ""; }
 
-  /// The most memory that the subject's process has used so far, in bytes; 0 for the floor.
+  /// The most memory that the subject's process has used so far, in bytes. 0 for the floor.
   virtual std::size_t peakMemory() { return 0; }
 };
 
-/// The same calls on LLDB as lldb-helper makes, in this process and without a protocol: what the
-/// others are measured by.
+/// LLDB used plainly: default settings, in this process, without a protocol. The measure for the
+/// others.
 std::unique_ptr<Subject> makeFloor();
 std::unique_ptr<Subject> makeHelper(const std::string &program);
 std::unique_ptr<Subject> makeLldbDap(const std::string &program);

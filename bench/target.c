@@ -1,11 +1,14 @@
 /* What the benchmarks debug. Usage: target work | target stack DEPTH | target modules FOLDER COUNT
-   | target output BYTES. Built without -pie, so that every debugger sees the same addresses. */
+   | target output BYTES | target threads COUNT. Built without -pie, so that every debugger sees the
+   same addresses. */
 #include <dlfcn.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 enum { blockSize = 128 << 20 };
 unsigned char block[blockSize];
@@ -19,8 +22,13 @@ __attribute__((noinline)) int descend(int depth) {
   for (;;) hit();
 }
 
+static void *waiting(void *unused) {
+  for (;;) pause();
+  return unused;
+}
+
 int main(int argc, char **argv) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL); /* not to run for ever when the benchmark is interrupted */
+  prctl(PR_SET_PDEATHSIG, SIGKILL); /* ends with the benchmark */
   const char *job = argc > 1 ? argv[1] : "";
   if (strcmp(job, "work") == 0) {
     for (unsigned at = 0; at < blockSize; ++at) block[at] = (unsigned char)(at * 2654435761u >> 24);
@@ -28,6 +36,14 @@ int main(int argc, char **argv) {
     for (;;) hit();
   }
   if (strcmp(job, "stack") == 0) return descend(atoi(argv[2]));
+  if (strcmp(job, "threads") == 0) {
+    for (int count = atoi(argv[2]); count > 1; --count) {
+      pthread_t thread;
+      if (pthread_create(&thread, NULL, waiting, NULL) != 0) return 1;
+    }
+    ready();
+    for (;;) hit();
+  }
   if (strcmp(job, "modules") == 0) {
     for (int index = 0; index < atoi(argv[3]); ++index) {
       char file[4096];
