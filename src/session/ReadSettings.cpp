@@ -7,7 +7,7 @@ namespace {
 constexpr char registersAtOnce[] = "plugin.process.gdb-remote.use-g-packet-for-reading";
 constexpr char pieceSize[] = "target.process.memory-cache-line-size";
 constexpr char defaultSize[] = "512";
-constexpr char largeSize[] = "2048";
+constexpr char largeSize[] = "1024";
 
 }  // namespace
 

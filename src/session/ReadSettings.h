@@ -8,10 +8,10 @@
 /// Has LLDB read all registers of a thread by one packet, not one packet for each.
 void readRegistersAtOnce(lldb::SBDebugger &debugger);
 
-/// Has LLDB read the memory of the selected process in pieces of 2048 bytes, not 512, from its next
-/// stop on: a stack is unwound in fewer packets. LLDB leaves out a piece that crosses the end of a
-/// mapping, so the size must divide the smallest page. A debugger's size that is not LLDB's default
-/// is a person's, and stays.
+/// Has LLDB read the memory of the selected process in pieces of 1024 bytes, not 512, from its next
+/// stop on: a stack is unwound in fewer packets. 2048 would make each stop dearer than it makes a
+/// stack cheaper. LLDB leaves out a piece that crosses the end of a mapping, so the size must
+/// divide the smallest page. A debugger's size that is not LLDB's default is a person's, and stays.
 ///
 /// Not for connections: one may be slow, and its memory may hold a device's registers.
 void readMemoryInLargePieces(lldb::SBDebugger &debugger);
