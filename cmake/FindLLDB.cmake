@@ -1,12 +1,11 @@
-# Finds LLDB's headers and library; the only file that knows where systems keep them.
+# Finds LLDB's headers and library. Only this file knows where systems keep them.
 #
-# LLDB_ROOT (an LLVM prefix, with include/lldb and lib/liblldb) decides when it is set. Otherwise the
-# newest of LLDB 22 to 14 that is installed is taken: Debian's and Ubuntu's llvm-N folders, Fedora's,
-# Homebrew's.
+# If LLDB_ROOT (an LLVM prefix, with include/lldb and lib/liblldb) is set, uses that LLDB. Otherwise
+# uses the newest installed LLDB, from 22 to 14, in the folders of Debian, Ubuntu, Fedora and Homebrew.
 #
-# Gives the target LLDB::LLDB and
-#   LLDB_VERSION_MAJOR  the major version, as far as the folder or the library's name tells it
-#   LLDB_SERVER         lldb-server, or empty where there is none (macOS has its own debugserver)
+# Defines the target LLDB::LLDB and
+#   LLDB_VERSION_MAJOR  the major version, if the name of the folder or the library contains it
+#   LLDB_SERVER         lldb-server, or empty if there is none (macOS has its own debugserver)
 
 set(_lldb_newest 22)
 set(_lldb_oldest 14)
@@ -24,7 +23,7 @@ if(LLDB_ROOT)
   set(_lldb_prefixes "${LLDB_ROOT}")
 endif()
 
-# Another LLDB_ROOT than the last time must not find the last time's LLDB.
+# A changed LLDB_ROOT must not find the LLDB of the last configuration.
 if(NOT "${LLDB_ROOT}" STREQUAL "${_LLDB_ROOT_OF_CACHE}")
   unset(LLDB_INCLUDE_DIR CACHE)
   unset(LLDB_LIBRARY CACHE)
@@ -58,7 +57,7 @@ endif()
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(LLDB
   REQUIRED_VARS LLDB_LIBRARY LLDB_INCLUDE_DIR
-  REASON_FAILURE_MESSAGE "Run script/bootstrap, or say where LLDB is with -DLLDB_ROOT=PREFIX.")
+  REASON_FAILURE_MESSAGE "Run script/bootstrap, or set -DLLDB_ROOT=PREFIX.")
 
 if(LLDB_FOUND AND NOT TARGET LLDB::LLDB)
   add_library(LLDB::LLDB SHARED IMPORTED)
@@ -66,7 +65,7 @@ if(LLDB_FOUND AND NOT TARGET LLDB::LLDB)
     IMPORTED_LOCATION "${LLDB_LIBRARY}"
     INTERFACE_INCLUDE_DIRECTORIES "${LLDB_INCLUDE_DIR}")
   if(LLDB_ROOT AND NOT APPLE)
-    # An LLDB unpacked by hand brings the libraries it needs itself.
+    # An LLDB that is unpacked by hand has its libraries beside it.
     get_filename_component(_lldb_folder "${_lldb_file}" DIRECTORY)
     target_link_options(LLDB::LLDB INTERFACE
       "LINKER:-rpath-link,${_lldb_folder}:${_lldb_prefix}/lib")

@@ -1,9 +1,8 @@
-# What "cmake --install" installs, and what CPack packs: the program, its man page, the documentation
-# and the examples.
+# Installs and packs the program, its man page, the documentation and the examples.
 
 include(GNUInstallDirs)
 
-# Where the system's linker finds LLDB by its name, no path to it is needed.
+# The program needs a path to LLDB only if the system's linker does not find LLDB by its name.
 get_filename_component(lldb_file "${LLDB_LIBRARY}" REALPATH)
 get_filename_component(lldb_folder "${lldb_file}" DIRECTORY)
 if(NOT lldb_folder IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
@@ -11,7 +10,8 @@ if(NOT lldb_folder IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
 endif()
 install(TARGETS lldb-helper)
 
-# The documents lie as in the sources, so that their links hold. The sources themselves are not installed.
+# The documents have the same folders as in the sources, so that their links work. The sources are not
+# installed, so links to them become plain text.
 file(READ README.md readme)
 string(REGEX REPLACE "\\[([^]]*)\\]\\(src/[^)]*\\)" "\\1" readme "${readme}")
 file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
@@ -20,13 +20,13 @@ install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json" P
 install(DIRECTORY examples TYPE DOC FILES_MATCHING
   PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.hpp" PATTERN "*.js" PATTERN "*.py")
 
-# Debian wants an address. This one is reserved for examples and reaches nobody.
+# Debian requires an address. This one is reserved for examples and reaches nobody.
 set(CPACK_PACKAGE_CONTACT "The lldb-helper developers <lldb-helper@example.org>")
 
-# The man page and Debian's changelog, compressed as Debian wants them.
+# The man page and Debian's changelog, compressed as Debian requires.
 find_program(GZIP gzip REQUIRED)
 mark_as_advanced(GZIP)
-string(TIMESTAMP CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)  # heeds SOURCE_DATE_EPOCH
+string(TIMESTAMP CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)  # uses SOURCE_DATE_EPOCH
 foreach(page lldb-helper.1 changelog)
   configure_file(packaging/${page}.in ${page} @ONLY)
   execute_process(COMMAND "${GZIP}" -9nf "${CMAKE_CURRENT_BINARY_DIR}/${page}" COMMAND_ERROR_IS_FATAL ANY)
@@ -47,8 +47,8 @@ if(DPKG_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
 "lldb-helper is a small debugger back-end. A host program starts it as a child
 process, sends requests, and gets responses and events as JSON.")
-  # The libraries from the program itself; lldb-server, without which nothing local is debugged, is in
-  # a package that no library depends on.
+  # dpkg-shlibdeps finds the libraries. lldb-server, which local debugging needs, is in a package that
+  # no library depends on.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "lldb-${LLDB_VERSION_MAJOR}")
   set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3")

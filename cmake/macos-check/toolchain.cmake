@@ -1,5 +1,5 @@
-# Cross-compiles for macOS on Linux with Zig, which brings clang, libc++ and macOS's headers. Only
-# script/check-macos uses it, and says in the environment where Zig is and for which processor.
+# Cross-compiles for macOS on Linux with Zig, which contains clang, libc++ and macOS's headers. Only
+# script/check-macos uses it. The environment has the path of Zig and the processor.
 
 set(CMAKE_SYSTEM_NAME Darwin)
 set(CMAKE_SYSTEM_PROCESSOR $ENV{MACOS_CHECK_PROCESSOR})
@@ -13,6 +13,5 @@ set(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool)
 
 # Zig lacks os/log.h.
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${CMAKE_CURRENT_LIST_DIR}")
-# LLDB for macOS is not here: what the program takes from it is looked up when it starts, and
-# script/check-macos looks it up itself.
+# LLDB for macOS is not available here, so its symbols stay undefined. script/check-macos checks them.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-undefined,dynamic_lookup")

@@ -1,6 +1,6 @@
-/* Stands in for macOS's <os/log.h> where script/check-macos compiles without Apple's SDK: the few
- * declarations that the program uses, with the same names, types and checks. Formats must be
- * literals, and the compiler checks the arguments against them. Nothing else may include it. */
+/* Replaces macOS's <os/log.h> for script/check-macos, which compiles without Apple's SDK. It has the
+ * few declarations that the program uses, with the same names, types and checks: formats must be
+ * literals, and the compiler checks the arguments. Do not include it anywhere else. */
 #ifndef LLDB_HELPER_MACOS_CHECK_OS_LOG_H
 #define LLDB_HELPER_MACOS_CHECK_OS_LOG_H
 
@@ -27,7 +27,7 @@ bool os_log_type_enabled(os_log_t log, os_log_type_t type);
 void _os_log_impl(void *image, os_log_t log, os_log_type_t type, const char *format,
                   uint8_t *arguments, uint32_t size);
 
-/* The linker's name for the image that this code is in. */
+/* The linker's name for the image that contains this code. */
 extern struct mach_header __dso_handle;
 
 #define os_log(log, format, ...)                                                          \
