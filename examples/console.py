@@ -1,12 +1,12 @@
-"""A debugger's command line on top of lldb-helper: the host for a person.
+"""A debugger's command line on top of lldb-helper: a host for a person.
 
 Usage: console.py [--helper PATH] [PROGRAM [ARGUMENTS...]]
 
-"help" shows what can be typed. Where standard input is no terminal, the lines of a script are taken from
-it; a script says "wait" where it goes on with the program's next stop or exit.
+"help" lists the commands. If standard input is not a terminal, it is a script of such lines. The command
+"wait" in a script waits for the program's next stop or exit.
 
-Two threads. The main one reads lines and asks the helper. The other one shows events as they come, and
-asks the helper where the program is when it has stopped.
+There are two threads. The main thread reads lines and sends requests. The other thread shows events as they
+arrive, and asks the helper where the program is after a stop.
 """
 
 import argparse
@@ -23,38 +23,38 @@ import signal
 import sys
 import threading
 
-sys.dont_write_bytecode = True  # examples may be run where they are installed, and leave nothing there
+sys.dont_write_bytecode = True  # leaves no file where the examples are installed
 from host import Helper  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 PROMPT = "(helper) "
-NOWHERE = 2**64 - 1  # LLDB's address of what is not in memory
+NOWHERE = 2**64 - 1  # LLDB's invalid address
 RUNNING = ("eStateLaunching", "eStateRunning", "eStateStepping")
 
 HELP = """\
 start   launch PROGRAM [ARGUMENTS]    run [ARGUMENTS]   attach PID   detach   kill
 leave   quit, or Ctrl-D (ends the program too)
-go on   c (continue)   s (one instruction)   n (the same, over calls)
+resume  c (continue)   s (one instruction)   n (the same, over calls)
         finish (to the caller)   step, next (a line of source)
         interrupt, or Ctrl-C     wait (for the stop)
 break   b (lists)   b FUNCTION   b FILE:LINE   b ADDRESS   delete [N]
-look    where (why and where it stopped)   bt [COUNT]   f N   up   down   threads
+inspect where (why and where it stopped)   bt [COUNT]   f N   up   down   threads
         thread N   code [ADDRESS]   source   p EXPRESSION   modules
         x [ADDRESS [LENGTH]]   regs   regs all   regs NAME...
-talk    < LINE (to the program)   ! LINE (to LLDB: !help)   raw on, raw off
+send    < LINE (to the program)   ! LINE (to LLDB: !help)   raw on, raw off
 
 ADDRESS is a number, a symbol, $REGISTER, or a sum without spaces: $sp+0x10. Tab
 completes. An empty line repeats s, n, step, next, c, x and code.
-help COMMAND says more. "help protocol" lists the protocol's own commands; their
-arguments are typed by name or in their order: readMemory main length=64.
+help COMMAND explains a command. "help protocol" lists the protocol's commands.
+Type their arguments in order or by name: readMemory main length=64.
 """
 
-# Words for one command of the protocol. Its arguments follow.
+# Other names for commands of the protocol. The arguments follow.
 ALIASES = {
     "attach": "attachToProcess", "c": "continueExecution", "continue": "continueExecution", "finish": "stepOut",
     "interrupt": "breakExecution", "kill": "stopExecution", "n": "stepOver", "s": "stepInstruction",
 }  # fmt: skip
-# Words for a line of LLDB's, which the rest of the line follows.
+# Other names for LLDB's commands. The rest of the line follows.
 LLDB_LINES = {
     "bt": "bt", "delete": "breakpoint delete --force", "down": "down", "f": "frame select",
     "frame": "frame select", "modules": "image list --header --basename", "next": "thread step-over",
@@ -70,7 +70,7 @@ GENERAL_REGISTERS = {  # by the name of the program counter
     "rip": "rax rbx rcx rdx rsi rdi rbp rsp r8 r9 r10 r11 r12 r13 r14 r15 rip rflags cs ss ds es fs gs fs_base gs_base",
     "pc": " ".join(f"x{n}" for n in range(31)) + " fp lr sp pc cpsr",
 }
-# How LLDB describes a thread: why it stopped, and function and offset, module, file and line.
+# LLDB's description of a thread: the stop reason, the module, function and offset, the file and line.
 WHERE = (
     "{${thread.stop-reason}; }thread ${thread.index}{ (${thread.name})}; ${frame.pc}"
     "{ ${module.file.basename}{`${function.name-with-args}${function.pc-offset}}}"
@@ -79,7 +79,7 @@ WHERE = (
 
 
 class Mistake(Exception):
-    """What the person typed cannot be done."""
+    """The typed line cannot be carried out."""
 
 
 def load_schema():
@@ -88,13 +88,13 @@ def load_schema():
 
 
 def find_helper(named):
-    """The one that is named, built beside this file, or installed."""
+    """Returns the named lldb-helper, or else the one built in this source tree, or else the installed one."""
     built = os.path.join(HERE, "..", "build", "release", "lldb-helper")
     installed = os.path.join(HERE, *[".."] * 4, "bin", "lldb-helper")
     for path in [named] if named else [built, installed, "lldb-helper"]:
         if found := shutil.which(path):
             return found
-    sys.exit(f"console.py: there is no {named or 'lldb-helper; script/build builds it, --helper PATH names one'}")
+    sys.exit(f"console.py: there is no {named or 'lldb-helper: script/build builds it, or --helper PATH names one'}")
 
 
 def address(number):
@@ -102,7 +102,7 @@ def address(number):
 
 
 def table(rows):
-    """Columns as wide as they must be."""
+    """Aligns the columns of the rows."""
     widths = [max(map(len, column)) for column in zip(*rows)]
     return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip() for row in rows)
 
@@ -117,7 +117,7 @@ def bytes_table(start, data):
 
 
 def show(response, request):
-    """What is answered, addresses in hexadecimal and lists of objects as tables; nothing for a plain ok."""
+    """The text of a response: addresses in hexadecimal, lists of objects as tables, nothing for a plain ok."""
     def text_of(key, value):
         is_address = key == "pc" or key.lower().endswith(("addr", "address", "slide"))
         return address(value) if is_address else value if isinstance(value, str) else json.dumps(value)
@@ -137,14 +137,14 @@ def show(response, request):
 
 
 def error_texts(response):
-    """The texts of errors that a response's schema allows, with … for what differs."""
+    """The error messages that a response's schema allows, with … for variable parts."""
     kinds = [kind["properties"]["message"] for kind in response["oneOf"] if "message" in kind["properties"]]
     texts = [text for kind in kinds for text in kind.get("anyOf", [kind])]
     return [word for text in texts for word in text.get("enum") or [text.get("const") or text["description"]]]
 
 
 class Screen:
-    """What is printed, above the line that is being typed."""
+    """Prints above the line that is being typed."""
 
     def __init__(self):
         self.lock = threading.Lock()
@@ -167,8 +167,8 @@ class Screen:
             sys.stdout.flush()
 
     def read_line(self):
-        """A line of the terminal's. Nothing is shown between the time the prompt is drawn, which readline
-        does, and the time at_prompt says so; else the prompt would be drawn twice, or not at all."""
+        """Reads a line from the terminal. Shows nothing after readline draws the prompt and before at_prompt is
+        set. Otherwise the prompt would be drawn twice, or not at all."""
         self.lock.acquire()
         readline.set_pre_input_hook(self.prompt_is_drawn)
         try:
@@ -189,22 +189,22 @@ class Console:
         self.schema = load_schema()
         self.screen = Screen()
         self.show = self.screen.show
-        # Ctrl-C is the main thread's alone. Threads inherit what is blocked; so would the helper and the
-        # programs that it starts.
+        # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and its programs
+        # must not.
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
         self.helper = Helper(helper, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT}))
         self.is_terminal = sys.stdin.isatty()
         self.raw = False
-        self.asking = threading.Lock()  # a request and its response belong together
-        self.changed = threading.Condition()  # guards the state, the ending and the count of stops
-        self.state = None  # of the process, None where there is none
+        self.asking = threading.Lock()  # held from a request to its response
+        self.changed = threading.Condition()  # guards state, ending and stops
+        self.state = None  # of the process; None without a process
         self.ending = None
-        self.stops = 0  # exits among them
-        self.is_entering = False  # its first stop is no signal, though LLDB says so
+        self.stops = 0  # includes exits
+        self.is_entering = False  # until the stop at entry, which LLDB reports as a signal
         self.program = []
-        self.thread = None  # the selected one
+        self.thread = None  # the selected thread's id
         self.registers = self.registers_before = {}  # at this stop and the one before
-        self.next_address = None  # where x goes on
+        self.next_address = None  # where x continues
         self.last_line = ""
         self.watcher = threading.Thread(target=self.watch, daemon=True)
         self.watcher.start()
@@ -212,13 +212,13 @@ class Console:
         signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
 
     def watch(self):
-        """The thread that shows events."""
+        """Shows events. The second thread runs this."""
         while event := self.helper.events.get():
             if isinstance(event, threading.Event):
                 event.set()
                 continue
             if isinstance(event, EOFError):
-                return self.enter("eStateExited")  # the helper is gone
+                return self.enter("eStateExited")  # the helper has ended
             self.show(json.dumps(event) * self.raw, 2)
             if event["type"] == "state":
                 self.take_state(event)
@@ -232,7 +232,7 @@ class Console:
         state = event["state_desc"]
         if state == "eStateStopped":
             if self.tell("getProcessState").get("state-string") in RUNNING:
-                return  # LLDB has resumed it by itself
+                return  # LLDB has resumed the process itself
             self.show("* stopped: " + self.where(), 33)
         elif state == "eStateExited":
             self.ending = event["exit_status"]
@@ -248,8 +248,8 @@ class Console:
             self.changed.notify_all()
 
     def where(self):
-        """Why and where the program has stopped. Selects the thread that has a reason, which a stop does not do,
-        and keeps the registers."""
+        """Returns why and where the program stopped. Selects the thread with the stop reason, because a stop selects
+        no thread. Stores the registers."""
         threads = self.tell("getThreadIDList").get("threads", [])
         stopped = [thread["thread-id"] for thread in threads if thread["state"] not in ("None", "Invalid")]
         if stopped and self.thread not in stopped:
@@ -260,7 +260,7 @@ class Console:
         if self.is_entering:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
         self.is_entering = False
-        return text or "no thread says why"
+        return text or "no thread has a stop reason"
 
     def tell(self, command, **arguments):
         """Sends a request and returns its response."""
@@ -273,7 +273,7 @@ class Console:
         return response
 
     def ask(self, command, **arguments):
-        """The same from the main thread, between the events that came before and after it."""
+        """The same for the main thread. Shows earlier events first, and waits until the events so far are shown."""
         self.catch_up()
         before = self.stops
         self.is_entering = command == "createProcess"
@@ -287,13 +287,13 @@ class Console:
         return response
 
     def resumed(self, stops_before):
-        """The event that says so may still be on its way."""
+        """Sets the running state. Its event may arrive later."""
         with self.changed:
             if self.stops == stops_before:
                 self.state = "eStateRunning"
 
     def catch_up(self):
-        """Returns when the events that have come so far have been shown."""
+        """Returns when all events that have arrived are shown."""
         mark = threading.Event()
         self.helper.events.put(mark)
         while not mark.wait(1):
@@ -301,7 +301,7 @@ class Console:
                 raise EOFError
 
     def perform(self, command, **arguments):
-        """Asks and shows what is answered. Returns whether it was ok."""
+        """Sends a request and shows the response. Returns whether it is ok."""
         if command in NEED_A_STOP:
             self.need_a_stop()
         elif command in ("attachToProcess", "connectRemote") and self.state in ("eStateExited", "eStateDetached"):
@@ -321,13 +321,13 @@ class Console:
             self.changed.wait_for(lambda: self.state not in RUNNING, seconds)
 
     def obstacle(self):
-        """Why the program cannot be looked at; None if it can."""
+        """Returns why the program cannot be inspected, or None if it can."""
         if self.state in RUNNING:
             return "The program is running. Ctrl-C or interrupt stops it, wait waits for its stop."
         return {
-            None: "There is no program. launch PROGRAM starts one, attach PID takes one that runs.",
+            None: "There is no program. launch PROGRAM starts one. attach PID attaches to a running one.",
             "eStateExited": f"The program has ended with status {self.ending}. run starts it again.",
-            "eStateDetached": "The program runs without this debugger. attach PID takes it back.",
+            "eStateDetached": "The program runs without this debugger. attach PID attaches again.",
         }.get(self.state)
 
     def need_a_stop(self):
@@ -336,27 +336,27 @@ class Console:
             raise Mistake(text)
 
     def number(self, text):
-        """A number, or what LLDB makes of symbols, registers and sums."""
+        """Returns the value of a number, symbol, register or sum. LLDB evaluates all but numbers."""
         try:
             return int(text, 0)
         except ValueError:
             self.need_a_stop()
-        # Without debug information LLDB's expressions do not know a symbol, and its list of symbols does.
+        # Without debug information LLDB's expressions do not know a symbol, but its symbol table does.
         for place in (text, re.sub(r"(?<![$\w])[A-Za-z_]\w*", self.symbol, text)):
             if found := self.search(r"^(0x\w+):", f'memory read --size 1 --count 1 --format x -- "{place}"'):
                 return int(found, 16)
-        raise Mistake(f"«{text}» is no number, symbol, $register or sum of them")
+        raise Mistake(f"«{text}» is not a number, symbol, $register or sum of them")
 
     def symbol(self, name):
         return self.search(r"range = \[(0x\w+)", f"image lookup --verbose --symbol {name[0]}") or name[0]
 
     def search(self, pattern, line):
-        """What a line of LLDB's prints, as far as the pattern's group matches it."""
+        """Runs an LLDB command. Returns the part of its output that matches the pattern's group, or None."""
         found = re.search(pattern, self.ask("executeCommand", cli=line).get("output", ""), re.M)
         return found and found[1]
 
     def arguments(self, command):
-        """The schemas of a command's arguments, by name, in their order."""
+        """Returns the schemas of a command's arguments, by name, in their order."""
         properties = self.schema["requests"].get(ALIASES.get(command, command), {}).get("properties", {})
         return {name: schema for name, schema in properties.items() if name not in ("command", "id")}
 
@@ -368,7 +368,7 @@ class Console:
             name, equals, text = word.partition("=")
             if not equals or name not in schemas:
                 if not order:
-                    raise Mistake(f"{command} takes no «{word}»; see help {command}")
+                    raise Mistake(f"{command} does not take «{word}»; see help {command}")
                 name, text = order[0], word
             order = [other for other in order if other != name]
             kind = schemas[name].get("type", "integer")  # as the schema wants it
@@ -377,7 +377,7 @@ class Console:
         return arguments
 
     def do_launch(self, words):
-        """launch PROGRAM [ARGUMENTS...]: starts a program, stopped at its entry, in place of the one before."""
+        """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at its entry."""
         if not words:
             raise Mistake("launch PROGRAM [ARGUMENTS...]")
         self.ask("deleteProcess")
@@ -387,11 +387,11 @@ class Console:
         self.perform("createProcess")
 
     def do_run(self, words):
-        """run [ARGUMENTS...]: starts the program again, with the arguments it had or with others."""
+        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these."""
         self.do_launch(self.program[:1] + (words or self.program[1:]))
 
     def do_wait(self, _):
-        """wait: waits while the program runs."""
+        """wait: waits until the program stops or exits."""
         self.catch_up()
         self.await_stop()
 
@@ -411,7 +411,7 @@ class Console:
         self.perform("executeCommand", cli=line)
 
     def do_code(self, words):
-        """code [ADDRESS]: instructions, around the program counter or from an address on."""
+        """code [ADDRESS]: shows the instructions around the program counter, or from an address on."""
         self.need_a_stop()
         if words:
             line = f"disassemble --count 16 --start-address {self.number(''.join(words))}"
@@ -423,7 +423,7 @@ class Console:
         self.show("\n".join(lines[:1] * (first > 0) + lines[first : first + 17]))
 
     def do_x(self, words):
-        """x [ADDRESS [LENGTH]]: bytes of memory, 64 unless LENGTH says more; x alone continues after them."""
+        """x [ADDRESS [LENGTH]]: shows LENGTH bytes of memory (default: 64). x alone continues after them."""
         self.need_a_stop()
         if len(words) > 2 or not words and self.next_address is None:
             raise Mistake("x ADDRESS [LENGTH], the address without spaces")
@@ -436,16 +436,16 @@ class Console:
         self.show(bytes_table(start, response["memory"]))
 
     def do_regs(self, words):
-        """regs: the general registers. regs NAME...: these. regs all: all. A star marks what the last step changed."""
+        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks changed ones."""
         self.need_a_stop()
-        values = self.ask("getRegisters")["registers"]  # some with the place they point to after them
+        values = self.ask("getRegisters")["registers"]  # some texts also have the place that the register points to
         general = next((names for pc, names in GENERAL_REGISTERS.items() if pc in values), "").split()
         rest = sorted(values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
         names = [name.lstrip("$") for name in words] or general or rest
         names = general + [name for name in rest if name not in general] if words == ["all"] else names
         if not (names := [name for name in names if name in values]):
-            raise Mistake("there is no such register; regs all shows all")
-        before = {**values, **self.registers_before}  # and self.registers is not what an outer frame shows
+            raise Mistake("there is no such register; regs all shows all registers")
+        before = {**values, **self.registers_before}  # self.registers has those of the innermost frame
         changed = {name for name in names if before[name] != values[name] == self.registers.get(name)}
         width = max(map(len, names))
         words = {name: re.sub(r"(?<=\w) .*", "", values[name]) for name in names}
@@ -456,11 +456,11 @@ class Console:
         self.show("\n".join("".join(shown[at : at + columns]).rstrip() for at in range(0, len(shown), columns)))
 
     def do_raw(self, words):
-        """raw on, raw off: shows the messages too."""
+        """raw on: also shows the messages. raw off: hides them again."""
         self.raw = words != ["off"]
 
     def do_help(self, words):
-        """help [COMMAND]: what can be typed."""
+        """help [COMMAND]: lists the commands, or explains one."""
         if not words:
             return self.show(HELP)
         if words == ["protocol"]:
@@ -469,7 +469,7 @@ class Console:
         if hasattr(self, f"do_{command}"):
             return self.show(getattr(self, f"do_{command}").__doc__)
         if command in LLDB_LINES:
-            return self.show(f"{command}: LLDB's «{LLDB_LINES[command]}». !help {LLDB_LINES[command]} says more.")
+            return self.show(f"{command}: LLDB's «{LLDB_LINES[command]}». !help {LLDB_LINES[command]} explains it.")
         if command not in self.schema["requests"]:
             raise Mistake(f"there is no command «{command}»")
         rows = []
@@ -480,7 +480,7 @@ class Console:
         self.show("\n".join(filter(None, [head, rows and table(rows), errors and "Errors: " + errors])))
 
     def obey(self, line):
-        """One line. Returns whether to go on."""
+        """Carries out one line. Returns whether to continue."""
         if not line and self.is_terminal:
             line = self.last_line
         self.last_line = ""
@@ -510,10 +510,10 @@ class Console:
         return True
 
     def interrupt(self, *_):
-        """Ctrl-C, in the main thread, wherever it is: it may be waiting for an answer itself."""
+        """Handles Ctrl-C, in the main thread, which may be waiting for a response."""
         if self.state in RUNNING:
             threading.Thread(target=self.tell, args=("breakExecution",), daemon=True).start()
-        elif self.screen.at_prompt or not self.is_terminal:  # a script ends
+        elif self.screen.at_prompt or not self.is_terminal:  # ends a script
             raise KeyboardInterrupt
 
     def run(self):
@@ -523,12 +523,12 @@ class Console:
                 line = self.screen.read_line() if self.is_terminal else sys.stdin.readline() or "quit"
             except EOFError:
                 line = "quit"
-            except KeyboardInterrupt:  # what was typed is dropped
+            except KeyboardInterrupt:  # drops the typed line
                 print()
                 continue
             try:
                 goes_on = self.obey(line.strip())
-            except (Mistake, ValueError) as mistake:  # shlex's missing quotes are ValueErrors
+            except (Mistake, ValueError) as mistake:  # shlex raises ValueError for a missing quote
                 self.show(str(mistake), 31)
         self.ask("deleteProcess")
         return self.helper.close()
@@ -557,7 +557,7 @@ class Console:
         return names + files
 
     def completions(self, cli, mark):
-        """LLDB's: first what all have in common, then the candidates."""
+        """Returns LLDB's candidates. Its list begins with their common beginning."""
         found = self.ask("completeCommand", cli=cli, pos=len(cli))["completions"]
         words = [mark + word for word in found[1:]]
         return [words[0] + " "] if len(words) == 1 and found[0].endswith(" ") else words
@@ -565,7 +565,7 @@ class Console:
     def use_readline(self):
         state = os.environ.get("XDG_STATE_HOME") or os.path.expanduser("~/.local/state")
         history = os.path.join(state, "lldb-helper", "history")
-        with contextlib.suppress(OSError):  # a home that cannot be written to is no reason not to debug
+        with contextlib.suppress(OSError):  # the console works without a writable home folder
             os.makedirs(os.path.dirname(history), exist_ok=True)
             open(history, "a", encoding="utf-8").close()
             readline.read_history_file(history)
@@ -580,7 +580,7 @@ def main():
     parser.add_argument("--helper")
     parser.add_argument("program", nargs=argparse.REMAINDER)
     options = parser.parse_args()
-    for stream in (sys.stdin, sys.stdout):  # names of files may hold bytes that are not UTF-8
+    for stream in (sys.stdin, sys.stdout):  # file names may have bytes that are not UTF-8
         stream.reconfigure(errors="surrogateescape")
     console = Console(find_helper(options.helper))
     if console.is_terminal:

@@ -1,11 +1,11 @@
-/* A host for lldb-helper in C without libraries (POSIX): debugs a small program from its launch to
-   its exit, and shows all that goes over the two pipes. host.py says what a host has to know.
+/* A host for lldb-helper in C without libraries (POSIX). It debugs a small program from its launch
+   to its exit, and shows every message on the two pipes. host.py explains the rules for hosts.
 
    Usage: host HELPER PROGRAM
 
-   It has one thread, and may: it sends a request only when the one before is answered, so the
-   helper always finds either a host that reads, or an empty pipe to write to. A host that does
-   other things between its requests needs a thread that reads. */
+   One thread is enough here. This host sends a request only after the response to the one before,
+   so it is reading whenever the helper writes, or the pipe is empty. A host that does other work
+   between its requests needs a thread that reads. */
 #define _XOPEN_SOURCE 700
 
 #include <errno.h>
@@ -22,12 +22,13 @@
 
 static int requests, messages; /* descriptors: to the helper, from the helper */
 static uint64_t next_id = 1;
-static char output[65536]; /* what the program wrote, decoded */
+static char output[65536]; /* the program's output, decoded */
 static size_t output_size;
 static char state[32]; /* of the last state event, until await_state has seen it */
 static int exit_status = -1;
 
-/* The helper sees the end of its input, and takes the program along, when this process ends. */
+/* When this process ends, the helper's input ends. The helper then aborts, and ends a stopped
+   program. */
 static void fail(const char *what) {
   fprintf(stderr, "%s\n", what);
   exit(1);
@@ -36,17 +37,17 @@ static void fail(const char *what) {
 static void start(const char *program) {
   int down[2], up[2];
   if (pipe(down) != 0 || pipe(up) != 0) fail("no pipe");
-  /* No child may hold our ends: the helper itself would keep its input from ending. */
+  /* No child may hold our ends. Otherwise the helper itself would keep its input open. */
   fcntl(down[1], F_SETFD, FD_CLOEXEC);
   fcntl(up[0], F_SETFD, FD_CLOEXEC);
-  signal(SIGPIPE, SIG_IGN); /* else a write to a helper that is gone ends the host */
+  signal(SIGPIPE, SIG_IGN); /* otherwise a write after the helper's end ends the host */
   char in[16], out[16];
   snprintf(in, sizeof in, "%d", down[0]);
   snprintf(out, sizeof out, "%d", up[1]);
   const pid_t child = fork();
   if (child < 0) fail("no child");
   if (child == 0) {
-    signal(SIGPIPE, SIG_DFL); /* what is ignored stays so in a new program */
+    signal(SIGPIPE, SIG_DFL); /* exec keeps ignored signals ignored */
     execlp(program, program, in, out, (char *)NULL);
     _exit(127);
   }
@@ -56,7 +57,7 @@ static void start(const char *program) {
   messages = up[0];
 }
 
-/* Reads or writes may stop short of what they were asked for. */
+/* A read or a write may transfer less than requested. */
 static void write_all(const void *bytes, size_t size) {
   for (size_t done = 0; done < size;) {
     const ssize_t count = write(requests, (const char *)bytes + done, size - done);
@@ -75,10 +76,10 @@ static void read_all(void *bytes, size_t size) {
   }
 }
 
-/* The value behind the first member of this name, at any depth, or NULL. It looks at names only,
-   never into texts, and relies on how the helper writes: `"name": value`, names without escapes,
-   members in byte order of their names. It is good for what is unique in a message; anything else
-   wants a parser. */
+/* Returns the text of the first value with this name, at any depth, or NULL. Compares only names,
+   and skips strings. Relies on the helper's form: `"name": value`, names without escapes, members
+   in byte order of their names. Use it only for names that are unique in a message. Anything else
+   needs a parser. */
 static const char *member(const char *text, const char *name) {
   const size_t length = strlen(name);
   while ((text = strchr(text, '"')) != NULL) {
@@ -97,13 +98,13 @@ static int member_is(const char *text, const char *name, const char *value) {
          found[1 + strlen(value)] == '"';
 }
 
-/* Integers are unsigned 64-bit: a double would garble those above 2^53. */
+/* Integers are unsigned 64-bit numbers. A double cannot hold all of those above 2^53. */
 static uint64_t member_number(const char *text, const char *name) {
   const char *found = member(text, name);
   return found != NULL ? strtoull(found + (*found == '"'), NULL, 0) : 0;
 }
 
-/* The next message. The caller frees it. */
+/* Returns the next message. The caller frees it. */
 static char *receive(void) {
   uint32_t length; /* in the machine's byte order */
   read_all(&length, sizeof length);
@@ -127,8 +128,8 @@ static void take_event(const char *event) {
   }
 }
 
-/* Sends a request: a command, and its arguments as printf writes them, each with a comma before it.
-   Returns the response, which the caller frees. Events that come before it are taken. */
+/* Sends a request: a command and its arguments in printf's form, each after a comma. Handles the
+   events that arrive first. Returns the response, which the caller frees. */
 static char *ask(const char *command, const char *format, ...) {
   char text[16384];
   int size =
@@ -170,10 +171,10 @@ static void await_state(const char *wanted) {
     take_event(event);
     free(event);
   }
-  state[0] = '\0'; /* seen: the next run begins anew */
+  state[0] = '\0'; /* the next run starts without a state */
 }
 
-/* A text as JSON has it, with its quotes. The caller frees it. */
+/* Returns the text as a JSON string, with its quotes. The caller frees it. */
 static char *quoted(const char *text) {
   char *json = malloc(6 * strlen(text) + 3), *at = json;
   if (json == NULL) fail("no memory");
@@ -214,7 +215,7 @@ int main(int argc, char **argv) {
   free(ask("continueExecution", ""));
   await_state("eStateExited");
   free(ask("deleteProcess", ""));
-  close(requests); /* the end of its input ends the helper */
+  close(requests); /* the helper ends at the end of its input */
   int ending = 0;
   while (wait(&ending) < 0 && errno == EINTR) continue;
   printf("%sexit status %d\nthe helper ended with %d\n", output, exit_status, ending);

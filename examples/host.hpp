@@ -1,6 +1,6 @@
 // A host for lldb-helper in one header: C++17, POSIX, and nlohmann/json, whose numbers hold all 64
-// bits. Copy it, or read it before you write your own. host.py says what a host has to know; here a
-// thread reads all the time, so that the helper never waits for the host.
+// bits. Copy it, or read it before you write your own. host.py explains the rules for hosts. A
+// thread reads all the time, so the helper never waits for the host.
 
 #pragma once
 
@@ -34,7 +34,7 @@ class Helper {
     child = fork();
     if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0) {
-      // Between fork and exec in a program with threads: nothing that allocates.
+      // Nothing may allocate between fork and exec in a program with threads.
       fcntl(down.theirs, F_SETFD, 0);
       fcntl(up.theirs, F_SETFD, 0);
       execlp(program.c_str(), program.c_str(), in.c_str(), out.c_str(), nullptr);
@@ -51,13 +51,13 @@ class Helper {
   Helper(const Helper &) = delete;
   Helper &operator=(const Helper &) = delete;
 
-  /// Sends a request and returns its response, also one with status "error". Throws when the helper
-  /// is gone. Any thread may ask.
+  /// Sends a request and returns its response, also if its status is "error". Throws if the helper
+  /// has ended. Any thread may call it.
   json ask(const std::string &command, json arguments = json::object()) {
     arguments["command"] = command;
     std::future<json> response;
     {
-      const std::lock_guard lock(writing);  // requests go out in the order of their ids, and whole
+      const std::lock_guard lock(writing);  // keeps requests whole and in the order of their ids
       const std::uint64_t id = nextId++;
       arguments["id"] = id;
       const std::string text = dump(arguments);
@@ -74,7 +74,7 @@ class Helper {
     return response.get();
   }
 
-  /// The next event. Throws when there is none within `patience`, or the helper is gone.
+  /// Returns the next event. Throws if none arrives within `patience`, or if the helper has ended.
   json nextEvent(std::chrono::seconds patience = std::chrono::seconds(60)) {
     std::unique_lock lock(mutex);
     news.wait_for(lock, patience, [this] { return ended || !events.empty(); });
@@ -84,15 +84,15 @@ class Helper {
     return event;
   }
 
-  /// Ends the helper: the end of its input is its only signal to stop, and a process that still
-  /// exists must be deleted before. Returns its exit status, 128 and more for a signal. Nobody may
-  /// be asking.
+  /// Deletes the process and ends the helper, which stops only at the end of its input. Returns the
+  /// helper's exit status, or 128 plus the number of the signal that ended it. No other thread may
+  /// use the object.
   int close() {
     if (child < 0) return status;
     try {
-      ask("deleteProcess");  // an error where there is no process
+      ask("deleteProcess");  // answers with an error if there is no process
     } catch (const std::exception &) {
-      // It has ended by itself.
+      // The helper has ended already.
     }
     ::close(requests);
     reader.join();
@@ -103,8 +103,8 @@ class Helper {
     return status = WIFEXITED(ending) ? WEXITSTATUS(ending) : 128 + WTERMSIG(ending);
   }
 
-  /// As json::dump and json::parse, but for names of files, which may hold bytes that are not
-  /// UTF-8: those would throw. Here a text has the bytes that the helper has sent.
+  /// Like json::dump and json::parse, but these do not throw for file names with bytes that are not
+  /// UTF-8. The texts keep the bytes that the helper sent.
   static std::string dump(json value) {
     try {
       return value.dump();
@@ -129,7 +129,7 @@ class Helper {
       for (json &item : value) changeTexts(item, change);
   }
 
-  /// Each byte as the character of its number, U+0000 to U+00FF, in UTF-8.
+  /// Returns UTF-8 with the characters U+0000 to U+00FF for the bytes 0x00 to 0xff.
   static std::string widened(const std::string &bytes) {
     std::string text;
     for (const char byte : bytes) {
@@ -155,9 +155,9 @@ class Helper {
     return bytes;
   }
 
-  /// Sockets rather than pipes: a write to a pipe whose reader is gone raises SIGPIPE, which ends a
-  /// host that does not ignore it. Both ends close on exec, so that no other child of the host
-  /// holds them: the helper would not see the end of its input.
+  /// A socket pair. A write to a pipe without a reader would raise SIGPIPE, which ends a host that
+  /// does not ignore it. Both ends close on exec, so that no other child of the host holds them.
+  /// Otherwise the helper would not see the end of its input.
   struct Channel {
     int ours, theirs;
     Channel() {
@@ -178,7 +178,7 @@ class Helper {
     }
   };
 
-  /// A write may take less than it is given. An error needs no report: the reader sees the end too.
+  /// A write may transfer less than requested. Ignores errors: the reader sees the end too.
   void write(const std::string &bytes) const {
 #ifdef MSG_NOSIGNAL
     const int flags = MSG_NOSIGNAL;
@@ -193,7 +193,7 @@ class Helper {
     }
   }
 
-  /// A read may give less than it is asked for. False at the end.
+  /// A read may transfer less than requested. Returns false at the end.
   bool read(void *to, std::size_t size) const {
     for (std::size_t done = 0; done < size;) {
       const ssize_t count = ::read(messages, static_cast<char *>(to) + done, size - done);
@@ -212,7 +212,7 @@ class Helper {
         if (!read(text.data(), length)) break;
         sort(parse(text));
       }
-    } catch (const std::exception &) {  // out of memory: as if the helper had ended
+    } catch (const std::exception &) {  // out of memory counts as the helper's end
     }
     const std::lock_guard lock(mutex);
     ended = true;
@@ -229,7 +229,7 @@ class Helper {
       news.notify_one();
       return;
     }
-    // An answer without id (the request could not be read) belongs to the oldest: order is kept.
+    // Responses keep their order: one without an id, to an unreadable request, is for the oldest.
     const auto found = message.contains("id") ? pending.find(message["id"]) : pending.begin();
     if (found == pending.end()) return;
     found->second.set_value(std::move(message));

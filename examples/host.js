@@ -1,16 +1,16 @@
 // A host for lldb-helper in Node.js (18 or newer, no packages). Copy it, or read it before you write
-// your own. host.py says what a host has to know; this is the same, with promises.
+// your own. host.py explains the rules for hosts. This host uses promises.
 //
-// Numbers: the helper writes addresses and ids as plain integers of up to 64 bits, of which JSON.parse
-// loses the low digits. Here an integer that a number does not hold safely becomes a BigInt, in both
-// directions; compute with BigInt(value), which takes either. Runtimes that show a reviver the source
-// of a number (Node 21 and newer) do not need the rewriting of the text below, older ones do.
+// The helper writes addresses and ids as integers of up to 64 bits. JSON.parse loses their low digits.
+// Here an integer that is not safe as a number is a BigInt, in requests and messages. BigInt(value)
+// accepts both. Node 21 and newer pass a number's source to a reviver, and could do without rewriting
+// the text below.
 
 'use strict';
 
 const { spawn } = require('node:child_process');
 
-// Finds numbers outside of strings, and wraps those that a number would garble: 2^53 and above.
+// Wraps the integers outside of strings that a number cannot hold: 2^53 and above.
 function parse(text) {
   let inString = false;
   let wrapped = false;
@@ -22,7 +22,7 @@ function parse(text) {
     }
     return token;
   });
-  // A reviver is slow on a long answer, such as a megabyte of memory.
+  // A reviver is slow for a long response, such as a megabyte of memory.
   return wrapped ? JSON.parse(safe, (_, value) => unwrap(value)) : JSON.parse(text);
 }
 
@@ -39,8 +39,8 @@ function stringify(value) {
   return `{${members.map(([key, member]) => `${JSON.stringify(key)}:${stringify(member)}`).join()}}`;
 }
 
-// Names of files may hold bytes that are not UTF-8. Each such byte becomes a lone surrogate, U+DC80 to
-// U+DCFF, and the byte again on its way out.
+// File names may have bytes that are not UTF-8. decode turns each such byte into a lone surrogate, U+DC80
+// to U+DCFF, and encode turns it back.
 const utf8 = new TextDecoder('utf-8', { fatal: true, ignoreBOM: true });
 
 function decode(bytes) {
@@ -63,7 +63,7 @@ function decode(bytes) {
   }
 }
 
-// Of JSON text, in which stringify has written a lone surrogate as \udcxx.
+// Takes JSON text, in which stringify has written a lone surrogate as \udcxx.
 function encode(text) {
   const pieces = [];
   let start = 0;
@@ -77,14 +77,14 @@ function encode(text) {
 
 class Helper {
   #nextId = 1;
-  #pending = new Map(); // id -> { resolve, reject } of the requests that wait for their responses
+  #pending = new Map(); // id -> { resolve, reject }, for each request without a response yet
   #events = [];
-  #wake = () => {}; // tells events() that there is news
-  #failure = null; // why nothing can be asked any more
-  #length = null; // of the frame whose text is awaited
+  #wake = () => {}; // wakes events()
+  #failure = null; // why no more requests are possible
+  #length = null; // of the frame whose text has not arrived yet
 
   constructor(program) {
-    // Node makes descriptors 3 and 4 of the child from the last two, and hands down no others.
+    // The last two become the child's descriptors 3 and 4. Node passes no others.
     this.child = spawn(program, ['3', '4'], {
       stdio: ['inherit', 'inherit', 'inherit', 'pipe', 'pipe'],
     });
@@ -92,12 +92,12 @@ class Helper {
     this.messages = this.child.stdio[4];
     this.ended = new Promise((resolve) => {
       this.child.on('error', (error) => {
-        this.#fail(error); // there is no such program
+        this.#fail(error); // the program does not exist
         resolve(error);
       });
       this.child.on('close', (code, signal) => resolve(code ?? signal));
     });
-    // Reads all the time: the helper waits for a host that does not.
+    // Reads all the time, because the helper waits for a host that does not read.
     this.messages.on('readable', () => this.#read());
     this.messages.on('end', () => this.#fail(new Error('the helper has ended')));
     for (const stream of [this.requests, this.messages]) {
@@ -110,10 +110,10 @@ class Helper {
       if (this.#length === null) {
         const prefix = this.messages.read(4);
         if (prefix?.length !== 4) return;
-        // In the machine's byte order, as a Uint32Array has it.
+        // The length is in the machine's byte order, and so is a Uint32Array.
         this.#length = new Uint32Array(Uint8Array.from(prefix).buffer)[0];
       }
-      const text = this.messages.read(this.#length); // null until all of it is there
+      const text = this.messages.read(this.#length); // null until all bytes have arrived
       if (text?.length !== this.#length) return;
       this.#length = null;
       this.#sort(parse(decode(text)));
@@ -126,7 +126,7 @@ class Helper {
       this.#wake();
       return;
     }
-    // An answer without id (the request could not be read) belongs to the oldest: order is kept.
+    // Responses keep their order, so one without an id (to an unreadable request) is for the oldest.
     const id = message.id ?? this.#pending.keys().next().value;
     this.#pending.get(id)?.resolve(message);
     this.#pending.delete(id);
@@ -139,8 +139,8 @@ class Helper {
     this.#wake();
   }
 
-  // Sends a request. Resolves with its response, also one with status "error"; rejects when the
-  // helper is gone.
+  // Sends a request. Resolves with its response, also if its status is "error". Rejects if the helper
+  // has ended.
   ask(command, args = {}) {
     if (this.#failure) return Promise.reject(this.#failure);
     const id = this.#nextId++;
@@ -152,8 +152,8 @@ class Helper {
     });
   }
 
-  // for await (const event of helper.events()): each event once, in order. A loop that was left may
-  // be followed by another one, which goes on where the first stopped. One loop at a time.
+  // for await (const event of helper.events()) gets each event once, in order. A later loop continues
+  // where the one before ended. Use only one loop at a time.
   async *events() {
     for (;;) {
       while (this.#events.length > 0) yield this.#events.shift();
@@ -162,10 +162,10 @@ class Helper {
     }
   }
 
-  // Ends the helper: the end of its input is its only signal to stop, and a process that still exists
-  // must be deleted before. Resolves with its exit status, or the name of the signal that ended it.
+  // Deletes the process and ends the helper, which stops only at the end of its input. Resolves with the
+  // helper's exit status, or with the name of the signal that ended it.
   async close() {
-    await this.ask('deleteProcess').catch(() => {}); // an error where there is no process
+    await this.ask('deleteProcess').catch(() => {}); // answers with an error if there is no process
     this.requests.end();
     return this.ended;
   }

@@ -1,15 +1,15 @@
 """A host for lldb-helper in one screen of code. Copy it, or read it before you write your own.
 
-What a host has to know:
+The rules for hosts:
 
-* The helper is a child process. It gets the numbers of two descriptors: it reads requests from the
-  first and writes messages to the second. Each message is a frame: the length of its JSON text as 4
+* The helper is a child process. Its arguments are the numbers of two descriptors. It reads requests
+  from the first and writes messages to the second. Each is a frame: the length of its JSON text as 4
   bytes in this machine's byte order, then the text.
-* A request is an object with "command", the command's arguments beside it, and an "id" (a number).
-  Every request gets exactly one response, in order, with the same "id".
-* Messages with "status": "event" are news about the debugged process. They come at any time, even
-  before the response to the request that caused them, so keep them apart from the responses.
-* Read all the time. The helper waits for a host that does not.
+* A request is an object with "command", the command's arguments, and an "id" (a number). Every request
+  gets exactly one response, in order, with the same "id".
+* A message with "status": "event" reports a change of the debugged process. Events arrive at any time,
+  even before the response to the request that caused them, so keep them apart from the responses.
+* Read all the time. The helper waits for a host that does not read.
 """
 
 import json
@@ -25,7 +25,7 @@ class Helper:
         """Starts the helper. `options` go to subprocess.Popen: env, cwd, stderr and so on."""
         requests_out, requests_in = os.pipe()
         messages_out, messages_in = os.pipe()
-        options.setdefault("start_new_session", True)  # Ctrl-C at this program's terminal is not for the helper
+        options.setdefault("start_new_session", True)  # keeps Ctrl-C at this program's terminal from the helper
         self.child = subprocess.Popen(
             [program, str(requests_out), str(messages_in)],
             pass_fds=(requests_out, messages_in),
@@ -41,21 +41,21 @@ class Helper:
         threading.Thread(target=self._run, daemon=True).start()
 
     def _run(self):
-        """The thread that reads. Nobody who waits for a message waits for a helper that is gone."""
+        """Reads messages in a thread. At the end, wakes everyone who waits for a message."""
         self._read()
         for messages in (self.responses, self.events):
             messages.put(EOFError("the helper has ended"))
 
     def _read(self):
-        """Sorts what the helper sends into responses and events, until it is gone."""
+        """Sorts messages into responses and events, until the helper ends."""
         while text := self.receive():
-            # File names may hold bytes that are not UTF-8. os.fsencode() turns such a text into the bytes again.
+            # File names may have bytes that are not UTF-8. os.fsencode() turns such a text back into the bytes.
             message = json.loads(text.decode(errors="surrogateescape"))
             is_event = message["status"] == "event"
             (self.events if is_event else self.responses).put(message)
 
     def receive(self):
-        """The text of the next message; empty at the end."""
+        """Returns the text of the next message, or an empty one at the end."""
         if len(prefix := self.messages.read(4)) < 4:
             return b""
         (length,) = struct.unpack("=I", prefix)
@@ -69,12 +69,12 @@ class Helper:
     def _take(self, messages):
         message = messages.get(timeout=60)
         if isinstance(message, EOFError):
-            messages.put(message)  # for whoever asks next
+            messages.put(message)  # for the next call
             raise message
         return message
 
     def ask(self, command, **arguments):
-        """Sends a request and returns its response, also one with status "error"."""
+        """Sends a request and returns its response, also if its status is "error"."""
         request = {"command": command, "id": self.next_id, **arguments}
         self.send(json.dumps(request, ensure_ascii=False).encode(errors="surrogateescape"))
         response = self._take(self.responses)
@@ -86,7 +86,6 @@ class Helper:
         return self._take(self.events)
 
     def close(self):
-        """Ends the helper: the end of its input is its only signal to stop. A process that still
-        exists must be deleted before."""
+        """Ends the helper, which stops only at the end of its input. Send deleteProcess first if there is a process."""
         self.requests.close()
         return self.child.wait(timeout=60)

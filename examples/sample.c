@@ -1,4 +1,4 @@
-/* What script/demo debugs: says something on both of its output streams and exits with status 3. */
+/* The program that script/demo debugs. It writes to both output streams and exits with status 3. */
 #include <stdio.h>
 #include <stdlib.h>
 

@@ -1,4 +1,4 @@
-// Debugs a small program from its launch to its exit and shows what goes over the two pipes.
+// Debugs a small program from its launch to its exit, and shows the messages on the two pipes.
 //
 // Usage: session HELPER PROGRAM
 
@@ -29,7 +29,7 @@ static std::string decoded(const std::string &digits) {
   return bytes;
 }
 
-// Reads events up to the one with this state and returns it. Collects the output on the way.
+// Reads events up to the one with this state, and returns that event. Collects the output.
 static json readUntil(Helper &helper, const std::string &state, std::string &output) {
   for (;;) {
     const json event = helper.nextEvent();
@@ -41,7 +41,7 @@ static json readUntil(Helper &helper, const std::string &state, std::string &out
     if (event["type"] != "state") continue;
     if (event["state_desc"] == state) return event;
     if (event["state_desc"] == "eStateExited")
-      throw std::runtime_error("the program never came to " + state);
+      throw std::runtime_error("the program did not reach " + state);
   }
 }
 
@@ -57,7 +57,7 @@ static bool debug(Helper &helper, const std::string &program) {
   ask(helper, "createProcess");
   readUntil(helper, "eStateStopped", output);
 
-  // 64-bit numbers must be read as such: as double, or int, they lose digits.
+  // Read 64-bit numbers as such. A double or an int loses digits.
   const auto pc = ask(helper, "getCallstack")["callstack"][0]["pc"].get<std::uint64_t>();
   const json registers = ask(helper, "getRegisters")["registers"];
   const std::string counter = registers[registers.contains("rip") ? "rip" : "pc"];
@@ -66,7 +66,7 @@ static bool debug(Helper &helper, const std::string &program) {
 
   ask(helper, "continueExecution");
   const int status = readUntil(helper, "eStateExited", output)["exit_status"];
-  // The program runs on a terminal of its own, which ends lines with "\r\n".
+  // The program runs on its own terminal, which ends lines with "\r\n".
   std::cout << output << "exit status " << status << std::endl;
   ask(helper, "deleteProcess");
   return output.find("Good morning, world!") != std::string::npos && status == 3;

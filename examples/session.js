@@ -1,4 +1,4 @@
-// Debugs a small program from its launch to its exit and shows what goes over the two pipes.
+// Debugs a small program from its launch to its exit, and shows the messages on the two pipes.
 //
 // Usage: node session.js HELPER PROGRAM
 
@@ -16,23 +16,23 @@ async function ask(helper, command, args = {}) {
   return response;
 }
 
-// Reads events up to the one with this state; returns that and the output on the way.
+// Reads events up to the one with this state. Returns that event and the output before it.
 async function readUntil(helper, state) {
   const output = [];
   for await (const event of helper.events()) {
     if (event.type === 'stdout' || event.type === 'stderr') {
-      output.push(Buffer.from(event.output, 'hex')); // a character may be cut in two between events
+      output.push(Buffer.from(event.output, 'hex')); // two events may have the parts of one character
     } else {
       console.log(' *', stringify(event));
     }
-    // The program runs on a terminal of its own, which ends lines with "\r\n".
+    // The program runs on its own terminal, which ends lines with "\r\n".
     if (event.state_desc === state) return [event, Buffer.concat(output).toString()];
     if (event.state_desc === 'eStateExited') break;
   }
-  throw new Error(`the program never came to ${state}`);
+  throw new Error(`the program did not reach ${state}`);
 }
 
-const hex = (number) => `0x${number.toString(16)}`; // of a number or a BigInt
+const hex = (number) => `0x${number.toString(16)}`; // for a number or a BigInt
 
 async function debug(helper, program) {
   await ask(helper, 'prepareExecutable', {
@@ -46,7 +46,7 @@ async function debug(helper, program) {
   const { registers } = await ask(helper, 'getRegisters');
   console.log('   pc', hex(pc));
   if (BigInt(pc) !== BigInt(registers.rip ?? registers.pc)) throw new Error('pc is not exact');
-  // Sections that are not in memory are at 2^64 - 1, which only a BigInt holds.
+  // A section that is not in memory has the address 2^64 - 1, which only a BigInt can hold.
   const { module } = await ask(helper, 'moduleAtIndex', { index: 0 });
   const absent = module.sections.find((section) => section.loadAddr === 0xffffffffffffffffn);
   if (absent) console.log('   not in memory:', absent.name, hex(absent.loadAddr));

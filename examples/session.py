@@ -1,4 +1,4 @@
-"""Debugs a small program from its launch to its exit and shows all that goes over the two pipes.
+"""Debugs a small program from its launch to its exit, and shows every message on the two pipes.
 
 Usage: session.py HELPER PROGRAM
 """
@@ -7,7 +7,7 @@ import json
 import os
 import sys
 
-sys.dont_write_bytecode = True  # examples may be run where they are installed, and leave nothing there
+sys.dont_write_bytecode = True  # leaves no file where the examples are installed
 from host import Helper  # noqa: E402
 
 COLOURS = {"request": "36", "ok": "32", "error": "31", "event": "33", "note": "1"}
@@ -17,7 +17,7 @@ HELP = 'docs/troubleshooting.md says under "Launching" what this text means and 
 
 
 class Failure(Exception):
-    """What this session cannot go on after."""
+    """An error that ends this session."""
 
 
 def show(kind, mark, text):
@@ -37,7 +37,7 @@ def ask(helper, command, **arguments):
 
 def show_event(event):
     if event["type"] in ("stdout", "stderr"):
-        # The program runs on a terminal of its own, which ends lines with "\r\n".
+        # The program runs on its own terminal, which ends lines with "\r\n".
         for line in bytes.fromhex(event["output"]).decode(errors="replace").splitlines():
             show("event", " *", f"output: {line}")
     elif event["type"] == "state":
@@ -49,14 +49,14 @@ def show_event(event):
 
 
 def show_events_until(helper, state):
-    """Shows events up to the one with this state and returns that."""
+    """Shows events up to the one with this state, and returns that event."""
     while True:
         event = helper.next_event()
         show_event(event)
         if event.get("state_desc") == state:
             return event
         if event.get("state_desc") == "eStateExited":
-            raise Failure(f"the program never came to {state}")
+            raise Failure(f"the program did not reach {state}")
 
 
 def debug(helper, program, greeting, arguments):
@@ -83,7 +83,7 @@ def run(helper, program):
 def main():
     if len(sys.argv) != 3:
         sys.exit("usage: session.py HELPER PROGRAM")
-    sys.stdout.reconfigure(errors="surrogateescape")  # names of files may hold bytes that are not UTF-8
+    sys.stdout.reconfigure(errors="surrogateescape")  # file names may have bytes that are not UTF-8
     try:
         helper = Helper(sys.argv[1])
     except OSError as problem:
@@ -91,7 +91,7 @@ def main():
     try:
         as_expected = run(helper, os.path.abspath(sys.argv[2]))
     except Failure as failure:
-        helper.ask("deleteProcess")  # an error where there is no process
+        helper.ask("deleteProcess")  # answers with an error if there is no process
         helper.close()
         sys.exit(str(failure))
     except (EOFError, BrokenPipeError):

@@ -41,7 +41,7 @@ def test_a_script():
         ("x $sp", r"(0x[0-9a-f]{16}(  [0-9a-f ]{47}).*\n){4}"),
         ("x main+4 2\nx leaf 2", r"(0x\S+  [0-9a-f]{2} [0-9a-f]{2} .*\n){2}"),
         ("code", r"\n-> +0x[0-9a-f]+ <\+\d+>"),
-        ("readMemory length=4 address=nowhere", r"«nowhere» is no number"),
+        ("readMemory length=4 address=nowhere", r"«nowhere» is not a number"),
         ("help readMemory", r"readMemory: .*\n +address +integer .*\n.*\nErrors: no process · unable to read memory\n"),
         ("raw on\nping\nraw off", r'\{"command": "ping"\}\n\{"id": \d+, "status": "ok"\}\n'),
         ("delete\nc\nwait", r"counted 20\n(?s:.*)\* exited, status 0\n"),
