@@ -200,7 +200,7 @@ class Console:
         self.state = None  # of the process; None without a process
         self.ending = None
         self.stops = 0  # includes exits
-        self.is_entering = False  # until the stop at entry, which LLDB reports as a signal
+        self.is_entering = False  # whether the next stop is at the entry, where LLDB reports a signal
         self.program = []
         self.thread = None  # the selected thread's id
         self.registers = self.registers_before = {}  # at this stop and the one before
@@ -436,7 +436,7 @@ class Console:
         self.show(bytes_table(start, response["memory"]))
 
     def do_regs(self, words):
-        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks changed ones."""
+        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks changes by the last step."""
         self.need_a_stop()
         values = self.ask("getRegisters")["registers"]  # some texts also have the place that the register points to
         general = next((names for pc, names in GENERAL_REGISTERS.items() if pc in values), "").split()
