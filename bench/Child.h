@@ -9,11 +9,10 @@
 #include <string_view>
 #include <vector>
 
-/// A program under measurement and two pipes to it. Every failure throws std::runtime_error: a
-/// benchmark that lost its subject has nothing to say.
+/// A program under measurement and two pipes to it. Every failure throws std::runtime_error.
 class Child {
  public:
-  /// How the program learns of its ends of the pipes.
+  /// How the program gets its ends of the pipes.
   enum class Pipes {
     StandardStreams,  ///< as its standard input and output
     Arguments,        ///< as two descriptor numbers, its last two arguments
@@ -27,16 +26,16 @@ class Child {
 
   void write(std::string_view bytes);
 
-  /// Exactly `count` bytes; they stay where they are until the next read.
+  /// Returns exactly `count` bytes, valid until the next read.
   std::string_view read(std::size_t count);
-  /// Up to and including the next line feed; the same holds.
+  /// Returns the bytes up to and including the next line feed, valid until the next read.
   std::string_view readLine();
 
   /// The most memory the program has used so far, in bytes.
   std::size_t peakMemory() const;
 
  private:
-  /// Reads more behind what has been read already, in a buffer for at least `room` unread bytes.
+  /// Appends to what has been read, in a buffer for at least `room` unread bytes.
   void fill(std::size_t room);
 
   pid_t process = -1;
@@ -44,7 +43,7 @@ class Child {
   int output = -1;  ///< what the program reads
   // Never cleared: a byte of an answer is written once, by the system.
   std::unique_ptr<char[]> buffer;
-  std::size_t capacity = 0, begin = 0, end = 0;  ///< from begin to end nobody has read it
+  std::size_t capacity = 0, begin = 0, end = 0;  ///< unread from begin to end
 };
 
 /// Message frames of lldb-helper's pipe mode.

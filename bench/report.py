@@ -132,6 +132,7 @@ set style histogram clustered gap 1
 set style fill solid noborder
 set yrange [0:6]
 set grid y
+set bmargin 4
 set key top right
 set ylabel "time, LLDB used plainly = 1"
 set arrow from graph 0, first 1 to graph 1, first 1 nohead lw 2

@@ -4,7 +4,7 @@
 
 class JsonWriter;
 
-/// The payload behind a Json: one concrete class for each kind and number form. The base class
+/// The payload of a Json: one concrete class for each kind and number form. The base class
 /// answers every question with the default; a concrete class overrides only what its kind answers.
 class JsonValue {
  public:

@@ -56,7 +56,7 @@ InferiorInput::~InferiorInput() {
   if (ended) {
     thread.join();
   } else {
-    LOG_RECORD("Leaving a write to the application's input behind\n");
+    LOG_RECORD("Leaving a write to the application's input running\n");
     thread.detach();
   }
 }
