@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// Ends the run when a rule is broken: libFuzzer keeps the input then.
+/// Aborts when a rule is broken. libFuzzer then keeps the input.
 inline void check(bool holds, const char *rule) {
   if (holds) return;
   std::fprintf(stderr, "BROKEN RULE: %s\n", rule);

@@ -21,7 +21,7 @@ void start() {
 
 FILE *makeStream() {
   FILE *stream = std::tmpfile();
-  check(stream != nullptr, "there is room for a temporary file");
+  check(stream != nullptr, "a temporary file can be created");
   return stream;
 }
 
@@ -58,7 +58,7 @@ void checkResponse(const Json &request, const Json &response) {
     check(text == R"({"status": "ok"})" ||
               text == R"({"message": "no target", "status": "error"})" ||
               text == R"({"message": "no process", "status": "error"})",
-          "a command needs a target or a process, or nothing");
+          "a known command answers ok, no target or no process");
   }
 }
 

@@ -7,20 +7,20 @@
 
 #include "json/Json.h"
 
-/// A session without target and process: what the targets need that have one.
+/// Shared by the fuzzers whose session has no target and no process.
 namespace noProcess {
 
-/// Starts LLDB and discards the log. Called once, before the first session.
+/// Starts LLDB and discards the log. Call it once, before the first session.
 void start();
 
-/// An empty temporary file, open to read and write.
+/// Returns an empty temporary file, open for reading and writing.
 FILE *makeStream();
 
-/// The commands of docs/protocol.schema.json, each with the names of its arguments.
+/// Returns the commands of docs/protocol.schema.json, each with the names of its arguments.
 const std::map<std::string, std::vector<std::string>> &commands();
 
-/// Whether the command uses what is outside: files, processes, the network, or LLDB's own command
-/// line, which can do anything.
+/// Whether the command uses files, processes, the network, or LLDB's own command line, which can do
+/// anything.
 bool reachesOutside(const Json &request);
 
 /// Checks the response, without its "id", to a request that does not reach outside.

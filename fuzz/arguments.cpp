@@ -1,4 +1,4 @@
-// The texts of arguments and environments: what has been read can be written and read again.
+// The argument and environment texts: a parsed text can be written and parsed again.
 
 #include <algorithm>
 #include <cstdint>
@@ -19,14 +19,14 @@ using Entries = std::vector<EnvironmentEntry>;
 constexpr std::string_view spaces = " \t\n\v\f\r";
 constexpr std::string_view nameBytes = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
 
-/// A text that splits into these words.
+/// Returns a text that splits into these words.
 std::string joined(const Words &words) {
   std::string text;
   for (const std::string &word : words) {
     text += " \"";
     for (const char byte : word) {
       text += byte;
-      if (byte == '\\') text += '"';  // dropped again
+      if (byte == '\\') text += '"';  // splitArguments drops this byte
     }
     text += '"';
   }
@@ -53,7 +53,7 @@ std::string quoted(const EnvironmentEntry &entry) {
   return text + '"';
 }
 
-/// Without quotes. The first byte of a value cannot be escaped.
+/// Returns the entry without quotes if possible. The first byte of a value cannot be escaped.
 std::string unquoted(const EnvironmentEntry &entry) {
   const std::string &value = entry.second;
   if (value.empty()) return entry.first + '=';
@@ -65,7 +65,7 @@ std::string unquoted(const EnvironmentEntry &entry) {
 
 void checkParse(const std::string &text, const Entries &expected, bool isWellFormed) {
   Entries entries{{"BEFORE", ""}};
-  check(parseEnvironment(text, entries) == isWellFormed, "a mistake is noticed, nothing else is");
+  check(parseEnvironment(text, entries) == isWellFormed, "exactly the mistakes are reported");
   check(entries.front() == EnvironmentEntry("BEFORE", ""), "entries are appended");
   entries.erase(entries.begin());
   check(entries == expected, "entries survive joining");

@@ -1,4 +1,4 @@
-// Requests with arguments of every kind, to a session without process.
+// Requests with arguments of every type, to a session without a process.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Lines for LLDB's command line that change nothing outside the line.
+/// Lines for LLDB's command line that have no effect.
 constexpr const char *harmlessLines[] = {"", "help", "breakpoint list", "nonsense", "\xff"};
 
 constexpr int deepest = 6;
@@ -67,7 +67,7 @@ class RequestMaker {
   FuzzedDataProvider bytes;
 };
 
-/// Never destroyed, like LLDB.
+/// Never destroyed: LLDB is not either.
 DebugSession *session;
 
 void checkCompletions(const Json &request, const Json &response) {
@@ -77,7 +77,7 @@ void checkCompletions(const Json &request, const Json &response) {
     check(completion.type() == JsonType::String, "a completion is a text");
   const std::uint64_t position = request["pos"].uint64Value() & 0xffffffff;
   if (position > request["cli"].stringValue().size())
-    check(completions.arrayItems().empty(), "after the end there is nothing to complete");
+    check(completions.arrayItems().empty(), "a position after the end has no completions");
 }
 
 }  // namespace
@@ -97,11 +97,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   const Json response = session->handleRequest(request);
   const std::string text = response.dump();
   std::string error;
-  check(Json::parse(text, error).dump() == text && error.empty(), "a response survives writing");
+  check(Json::parse(text, error).dump() == text && error.empty(), "a response can be parsed");
   if (isCommandLine) {
     check(
         response["status"].stringValue() == "ok" && response["succeeded"].type() == JsonType::Bool,
-        "a command line is no error");
+        "a command line is answered with ok");
   } else if (isCompletion) {
     checkCompletions(request, response);
   } else {

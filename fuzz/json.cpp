@@ -1,4 +1,4 @@
-// Texts through the JSON parser and the writer. What the parser accepts and reads is compared with
+// The JSON parser and the writer. The accepted texts and their values are compared with those of
 // nlohmann-json.
 
 #include "json/Json.h"
@@ -29,7 +29,7 @@ std::optional<Json> parse(const std::string &text, JsonParseMode mode = JsonPars
 }
 
 void checkNumber(const Json &value, const nlohmann::json &other) {
-  // A long literal without fraction ends at its exponent, and at the largest number.
+  // A long literal without a fraction ends at its exponent. Its value is at most 2^64 - 1.
   const bool isUnsigned = value.dump().find_first_not_of("0123456789") == std::string::npos;
   const double number = value.numberValue();
   check(number == other.get<double>() || (other.is_number_float() && isUnsigned),
@@ -53,7 +53,7 @@ void checkSame(const Json &value, const nlohmann::json &other) {
     check(value.arrayItems().size() == other.size(), "an array has all items");
     for (std::size_t index = 0; index < other.size(); ++index)
       checkSame(value[index], other[index]);
-    check(value[other.size()] == Json(), "after the last item is null");
+    check(value[other.size()] == Json(), "an index after the last item gives null");
   } else if (other.is_object()) {
     check(value.objectItems().size() == other.size(), "an object has all members");
     for (const auto &[key, member] : other.items()) {
@@ -65,7 +65,7 @@ void checkSame(const Json &value, const nlohmann::json &other) {
   }
 }
 
-/// The number that docs/protocol.md makes of a literal.
+/// Returns the number for a literal, by the rules of docs/protocol.md.
 Json expectedNumber(const std::string &literal) {
   if (literal.find_first_of(".eE") == std::string::npos && literal.size() <= 9)
     return Json(std::atoi(literal.c_str()));
@@ -80,7 +80,7 @@ void collectScalars(const Json &value, std::vector<Json> &scalars) {
   for (const Json &item : value.arrayItems()) collectScalars(item, scalars);
 }
 
-/// Of a text that holds nothing but numbers in arrays, each number is known exactly.
+/// Checks each number exactly, if the text holds only numbers in arrays.
 void checkNumbers(std::string text, const Json &value) {
   constexpr std::string_view betweenNumbers = "[], \t\r\n", inNumbers = "0123456789+-.eE";
   for (char &byte : text) {
@@ -107,8 +107,8 @@ int depth(const nlohmann::json &value) {
   return deepest;
 }
 
-/// What nlohmann-json refuses on purpose and lldb-helper accepts: strings that are not Unicode, and
-/// numbers that no double can hold.
+/// Whether nlohmann-json's error is about a text that lldb-helper accepts on purpose: strings that
+/// are not Unicode, and numbers that do not fit a double.
 bool isRefusedOnPurpose(const nlohmann::json::exception &error) {
   const std::string_view message = error.what();
   return error.id == 406 || message.find("surrogate") != std::string_view::npos ||
@@ -116,19 +116,19 @@ bool isRefusedOnPurpose(const nlohmann::json::exception &error) {
 }
 
 void checkAgreement(const std::string &text, const std::optional<Json> &value, bool allowComments) {
-  // nlohmann-json takes a zero byte for the end, skips a byte order mark, and ends a comment at a
-  // carriage return too.
+  // nlohmann-json ends a text at a zero byte, skips a byte order mark, and also ends a comment at a
+  // carriage return.
   if (text.find('\0') != std::string::npos || text.starts_with('\xef')) {
-    check(!value || allowComments, "a zero byte and a byte order mark are no JSON");
+    check(!value || allowComments, "a zero byte or a byte order mark is refused");
     return;
   }
   if (allowComments && text.find('\r') != std::string::npos) return;
   try {
     const auto other = nlohmann::json::parse(text, nullptr, true, allowComments);
-    check(value.has_value() == (depth(other) <= maximumDepth), "what is JSON is accepted");
+    check(value.has_value() == (depth(other) <= maximumDepth), "valid JSON is accepted");
     if (value) checkSame(*value, other);
   } catch (const nlohmann::json::exception &error) {
-    check(!value || isRefusedOnPurpose(error), "what is no JSON is refused");
+    check(!value || isRefusedOnPurpose(error), "invalid JSON is refused");
   }
 }
 
@@ -138,11 +138,12 @@ void checkRoundTrip(const Json &value) {
             text.find("\xe2\x80\xa8") == std::string::npos,
         "a text is one line");
   const std::optional<Json> again = parse(text);
-  check(again.has_value(), "what is written can be read");
-  // JSON has no word for an infinity, which becomes null.
-  check(*again == value || text.find("null") != std::string::npos, "a value survives");
+  check(again.has_value(), "a written text can be parsed");
+  // JSON cannot express infinity. It becomes null.
+  check(*again == value || text.find("null") != std::string::npos,
+        "a written value parses to the same value");
   checkAgreement(text, again, false);
-  // A text is written through a buffer of 4096 bytes, which ends here in the middle of the value.
+  // The writer has a buffer of 4096 bytes. It ends in the middle of this value.
   const std::string filler(4092 - std::min<std::size_t>(text.size() / 2, 4000), 'x');
   check(Json(Json::array{filler, value}).dump() == "[\"" + filler + "\", " + text + ']',
         "a value is written the same wherever the buffer ends");
@@ -157,7 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   const std::optional<Json> commented = parse(text, JsonParseMode::Comments);
   checkAgreement(text, commented, true);
   if (value) {
-    check(commented == value, "comments change no JSON");
+    check(commented == value, "a text without comments has the same value in both modes");
     checkNumbers(text, *value);
   }
   if (commented) checkRoundTrip(*commented);

@@ -1,5 +1,5 @@
-// Bytes that a host might send, through the request loop of a session without process. Each text
-// gets the response that the session's handleRequest gives, in its frame or line.
+// The request loop, with any bytes, in a session without a process. Each text must get the response
+// of handleRequest, in a frame or a line.
 
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
@@ -17,7 +17,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-/// Replaces what the stream holds, and rewinds it.
+/// Replaces the stream's content, and rewinds the stream.
 void fill(FILE *stream, const std::string &bytes) {
   std::rewind(stream);
   check(ftruncate(fileno(stream), 0) == 0 &&
@@ -27,7 +27,7 @@ void fill(FILE *stream, const std::string &bytes) {
   std::rewind(stream);
 }
 
-/// What has been written since then. Standard output is not open for reading: pread goes around it.
+/// Returns the bytes written since. Uses pread, because standard output is not open for reading.
 std::string written(FILE *stream) {
   std::fflush(stream);
   std::string bytes(static_cast<std::size_t>(std::ftell(stream)), '\0');
@@ -36,8 +36,8 @@ std::string written(FILE *stream) {
   return bytes;
 }
 
-/// A session with the streams of all its runs. LLDB takes milliseconds to make a debugger, and
-/// keeps each until the end.
+/// A session and its streams, for all runs. LLDB takes milliseconds to create a debugger, and never
+/// frees one.
 struct Runner {
   FILE *const input = noProcess::makeStream();
   FILE *const output;
@@ -50,7 +50,7 @@ struct Runner {
   void run(const std::string &bytes, const Texts &texts);
 };
 
-/// Never destroyed, like LLDB.
+/// Never destroyed: LLDB is not either.
 Runner *frames;
 Runner *console;
 
@@ -70,7 +70,7 @@ Json expectedResponse(DebugSession &session, const std::string &text) {
   return members;
 }
 
-/// Sends `bytes`, of which the session must read `texts`.
+/// Sends `bytes`. The session must read exactly `texts` from them.
 void Runner::run(const std::string &bytes, const Texts &texts) {
   for (const std::string &text : texts) {
     std::string error;
@@ -84,11 +84,11 @@ void Runner::run(const std::string &bytes, const Texts &texts) {
   fill(input, bytes);
   fill(output, "");
   session.run();
-  check(written(output) == expected, "each text gets its one response, whole");
+  check(written(output) == expected, "each text gets one complete response");
 }
 
-/// Sends each line as a frame, so that a change in a line does not ruin the lengths. The bytes end
-/// after `cut` bytes, or go on with a length that is refused.
+/// Sends each line as a frame, so that a change in a line does not break the lengths. The input
+/// ends after `cut` bytes, or continues with a length that is refused.
 void checkFrames(const std::string &lines, std::size_t cut) {
   std::string bytes;
   Texts texts;
@@ -107,7 +107,7 @@ void checkFrames(const std::string &lines, std::size_t cut) {
   frames->run(bytes, texts);
 }
 
-/// Sends lines for a person, which the C library splits.
+/// Sends the lines to a session in console mode. The C library splits them.
 void checkConsole(const std::string &bytes) {
   static FILE *const stream = noProcess::makeStream();
   fill(stream, bytes);
@@ -131,7 +131,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-  // What chooses comes from the end, so that a seed is a text.
+  // The choices come from the end of the data, so that a seed begins with the text.
   FuzzedDataProvider input(data, size);
   const bool isConsole = input.ConsumeIntegralInRange(0, 3) == 0;
   const std::size_t cut = input.ConsumeIntegralInRange<std::size_t>(0, 0xffff);
