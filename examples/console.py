@@ -231,7 +231,7 @@ class Console:
     def take_state(self, event):
         state = event["state_desc"]
         if state == "eStateStopped":
-            if self.tell("getProcessState").get("state-string") in RUNNING:
+            if self.request("getProcessState").get("state-string") in RUNNING:
                 return  # LLDB has resumed the process itself
             self.show("* stopped: " + self.where(), 33)
         elif state == "eStateExited":
@@ -250,19 +250,19 @@ class Console:
     def where(self):
         """Returns why and where the program stopped. Selects the thread with the stop reason, because a stop selects
         no thread. Stores the registers."""
-        threads = self.tell("getThreadIDList").get("threads", [])
+        threads = self.request("getThreadIDList").get("threads", [])
         stopped = [thread["thread-id"] for thread in threads if thread["state"] not in ("None", "Invalid")]
         if stopped and self.thread not in stopped:
             self.thread = stopped[0]
-            self.tell("selectThreadID", tid=self.thread)
-        self.registers_before, self.registers = self.registers, self.tell("getRegisters").get("registers", {})
-        text = self.tell("executeCommand", cli="thread info").get("output", "").strip()
+            self.request("selectThreadID", tid=self.thread)
+        self.registers_before, self.registers = self.registers, self.request("getRegisters").get("registers", {})
+        text = self.request("executeCommand", cli="thread info").get("output", "").strip()
         if self.is_entering:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
         self.is_entering = False
         return text or "no thread has a stop reason"
 
-    def tell(self, command, **arguments):
+    def request(self, command, **arguments):
         """Sends a request and returns its response."""
         if self.raw:
             self.show(json.dumps({"command": command, **arguments}), 2)
@@ -277,7 +277,7 @@ class Console:
         self.catch_up()
         before = self.stops
         self.is_entering = command == "createProcess"
-        response = self.tell(command, **arguments)
+        response = self.request(command, **arguments)
         if response["status"] == "ok" and command in ("continueExecution", *STEPS[:3]):
             self.resumed(before)
         elif response["status"] == "ok" and command in ("deleteProcess", "detach"):
@@ -512,7 +512,7 @@ class Console:
     def interrupt(self, *_):
         """Handles Ctrl-C, in the main thread, which may be waiting for a response."""
         if self.state in RUNNING:
-            threading.Thread(target=self.tell, args=("breakExecution",), daemon=True).start()
+            threading.Thread(target=self.request, args=("breakExecution",), daemon=True).start()
         elif self.screen.at_prompt or not self.is_terminal:  # ends a script
             raise KeyboardInterrupt
 

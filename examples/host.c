@@ -152,9 +152,7 @@ static char *ask(const char *command, const char *format, ...) {
         const char *end = reason ? strstr(reason, "\", \"status\"") : NULL; /* the next member */
         if (end != NULL)
           fprintf(stderr, "%s: %.*s\n", command, (int)(end - reason - 1), reason + 1);
-        fail(
-            "docs/troubleshooting.md says under \"Launching\" what this text means and what "
-            "helps.");
+        fail("docs/troubleshooting.md explains this message under \"Launching\".");
       }
       next_id++;
       return message;

@@ -16,8 +16,7 @@ static json ask(Helper &helper, const std::string &command,
   if (response["status"] != "ok")
     throw std::runtime_error(
         command + ": " + response["message"].get<std::string>() +
-        "\ndocs/troubleshooting.md says under \"Launching\" what this text means "
-        "and what helps.");
+        "\ndocs/troubleshooting.md explains this message under \"Launching\".");
   return response;
 }
 

@@ -7,7 +7,7 @@
 const path = require('node:path');
 const { Helper, stringify } = require('./host.js');
 
-const HELP = 'docs/troubleshooting.md says under "Launching" what this text means and what helps.';
+const HELP = 'docs/troubleshooting.md explains this message under "Launching".';
 
 async function ask(helper, command, args = {}) {
   console.log('->', command, stringify(args));

@@ -13,7 +13,7 @@ from host import Helper  # noqa: E402
 COLOURS = {"request": "36", "ok": "32", "error": "31", "event": "33", "note": "1"}
 
 
-HELP = 'docs/troubleshooting.md says under "Launching" what this text means and what helps.'
+HELP = 'docs/troubleshooting.md explains this message under "Launching".'
 
 
 class Failure(Exception):
@@ -95,7 +95,7 @@ def main():
         helper.close()
         sys.exit(str(failure))
     except (EOFError, BrokenPipeError):
-        sys.exit('the helper has ended; docs/troubleshooting.md says under "No text at all" why that may be')
+        sys.exit('the helper has ended; docs/troubleshooting.md explains this under "No text at all"')
     sys.exit(0 if as_expected else 1)
 
 

@@ -66,7 +66,7 @@ def test_a_failure_is_a_sentence_and_comes_at_once():
         (CONSOLE[:-1] + ["/bin/true"], {}, "lldb-helper has ended"),
         (session + ["/nonexistent", sample], {}, "the helper does not start"),
         (session + ["/bin/true", sample], {}, "the helper has ended; docs/troubleshooting.md"),
-        (session + [settings["helper"], "/nonexistent"], {}, "docs/troubleshooting.md says under"),
+        (session + [settings["helper"], "/nonexistent"], {}, "docs/troubleshooting.md explains"),
         (session + [settings["helper"], sample], {"LLDB_DEBUGSERVER_PATH": "/nonexistent"}, "cannot create process: "),
     ):
         output, status = run(command, env=os.environ | environment)
