@@ -17,8 +17,8 @@ namespace {
 constexpr char kernelPlugin[] = "kdp-remote";
 
 std::string quoted(const std::string &text) {
-  // Deliberate: quotes in the text stay as they are. LLDB's command line interprets them, and a host
-  // escapes them for it.
+  // Deliberate: quotes in the text stay as they are. LLDB's command line interprets them, and a
+  // host escapes them for it.
   return "\"" + text + "\"";
 }
 

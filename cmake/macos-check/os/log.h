@@ -1,6 +1,6 @@
-/* Replaces macOS's <os/log.h> for script/check-macos, which compiles without Apple's SDK. It has the
- * few declarations that the program uses, with the same names, types and checks: formats must be
- * literals, and the compiler checks the arguments. Do not include it anywhere else. */
+/* Replaces macOS's <os/log.h> for script/check-macos, which compiles without Apple's SDK. It has
+ * the few declarations that the program uses, with the same names, types and checks: formats must
+ * be literals, and the compiler checks the arguments. Do not include it anywhere else. */
 #ifndef LLDB_HELPER_MACOS_CHECK_OS_LOG_H
 #define LLDB_HELPER_MACOS_CHECK_OS_LOG_H
 
