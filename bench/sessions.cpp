@@ -2,16 +2,13 @@
 // and other debuggers if they are given. Writes medians as JSON. script/bench builds and calls it.
 
 #include <lldb/API/LLDB.h>
-#include <sched.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
 #include "Start.h"
+#include "System.h"
 #include "Timing.h"
 
 namespace {
@@ -25,28 +22,6 @@ struct Options {
   std::string only = ".*";  ///< jobs, as a regular expression
   double effort = 1;        ///< multiplies the rounds
 };
-
-/// The addresses of a program's symbols. The program is linked to run at them.
-std::map<std::string, std::uint64_t> symbolsOf(const std::string &program) {
-  FILE *pipe = popen(("nm '" + program + "' 2>&1 || nm -D '" + program + "'").c_str(), "re");
-  std::map<std::string, std::uint64_t> symbols;
-  unsigned long long address = 0;
-  char kind = 0, name[256], line[4096];
-  while (std::fgets(line, sizeof line, pipe) != nullptr)
-    if (std::sscanf(line, "%llx %c %255s", &address, &kind, name) == 3) symbols[name] = address;
-  pclose(pipe);
-  return symbols;
-}
-
-/// How many processes run the program.
-int runningTargets(const std::string &program) {
-  int count = 0;
-  for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-    std::error_code none;  // a zombie's link cannot be read
-    count += std::filesystem::read_symlink(entry.path() / "exe", none) == program;
-  }
-  return count;
-}
 
 // Actions and results of several jobs.
 
@@ -232,7 +207,7 @@ void Bench::stacks() {
 /// One thread comes to the breakpoint, the others wait.
 void Bench::threads() {
   for (const int count : {1, 100, 1000}) {
-    const std::string suffix = ", " + std::to_string(count) + " threads";
+    const std::string suffix = ", " + std::to_string(count) + (count == 1 ? " thread" : " threads");
     const int rounds = count < 1000 ? 5 : 2, times = count < 1000 ? 10 : 3;
     const auto breakOnce = [this](Subject &subject, int number) {
       if (number == 0) subject.breakAt(symbols.at("hit"));
@@ -274,13 +249,6 @@ void Bench::output() {
     return found;
   };
   timing.measure({"1 MB of output", 1, 8, 1, launch, run, drop}, subjects);
-}
-
-void stayOnCpu(int cpu) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(static_cast<unsigned>(cpu), &set);
-  if (sched_setaffinity(0, sizeof set, &set) != 0) throw std::runtime_error("no such CPU");
 }
 
 }  // namespace

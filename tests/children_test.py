@@ -1,4 +1,4 @@
-"""Programs that LLDB stops and resumes by itself, and processes that LLDB's command line replaces."""
+"""Programs that LLDB stops and resumes itself, and processes that LLDB's command line replaces."""
 
 import time
 
@@ -14,7 +14,7 @@ def cli(host, line):
 
 
 def test_a_stop_that_lldb_resumes_is_no_stop(host):
-    """Each of these programs stops for LLDB dozens of times; the host gets running and exited."""
+    """LLDB stops each of these programs dozens of times. The host receives running and exited."""
     for how in ("fork", "vfork", "spawn", "shell", "timer"):
         expect(host.run("forks", f"{how} 20"), ("done\r\n", 5), how)
     host.launch("forks", "calls 100")
@@ -100,7 +100,7 @@ def test_a_target_deleted_by_hand_takes_its_event_thread_along():
 
 
 def test_without_an_event_thread_nothing_waits_for_it(host):
-    """A refused connection leaves a target, in which the command line may launch: nobody takes LLDB's events then."""
+    """A refused connection leaves a target, in which the command line may launch. No thread takes LLDB's events then."""
     refused = {"url": f"connect://127.0.0.1:{free_port()}", "plugin": "gdb-remote", "file": inferior("wait")}
     expect(host.ask("connectRemote", **refused), error("cannot connect to remote, invalid process"))
     cli(host, "process launch")

@@ -1,5 +1,5 @@
-"""The host for a person, as a script and at a terminal; what lldb-helper itself says to one; and how the
-example sessions fail."""
+"""examples/console.py, as a script and at a terminal; lldb-helper's own texts for a person; and the failures of the
+example sessions."""
 
 import fcntl
 import os
@@ -111,7 +111,7 @@ def test_a_terminal():
             ("delete\rc\r", "ready"),
         ):
             terminal.type(text, pattern)
-        terminal.type("half", "half")  # news come while a line is typed, and leave it there
+        terminal.type("half", "half")  # an event arrives while a line is typed, and the line stays
         program = kit.eventually(lambda: kit.descendants(terminal.child.pid, "wait"), "the program")[0]
         os.kill(program, signal.SIGUSR1)
         terminal.type("", r"\* stopped: signal SIGUSR1.*\r\n\(helper\) half$")

@@ -1,4 +1,4 @@
-"""The example hosts, each with its session on examples/sample.c, and killed in the middle of it."""
+"""The example hosts: each runs its session on examples/sample.c, and is killed in the middle of it."""
 
 import os
 import re
@@ -14,7 +14,7 @@ EXACT_PC = r"pc 0x[0-9a-f]{5,16}\b"
 
 
 def helper_with_odd_library():
-    """A helper whose programs have a library loaded whose name is not UTF-8."""
+    """A helper that loads a library into its programs whose name is not UTF-8."""
     folder = tempfile.mkdtemp().encode()
     library = shutil.copy(inferior("libplugin.so").encode(), folder + b"/b\xff.so")
     script = os.path.join(folder, b"helper")

@@ -1,4 +1,4 @@
-"""Registers, memory, call stack and modules, compared with what the kernel and the files have."""
+"""Registers, memory, call stack and modules, compared with the kernel's view and with the files."""
 
 import os
 import signal
@@ -9,7 +9,7 @@ NOWHERE = 2**64 - 1  # LLDB's invalid address
 
 
 def test_steps_go_into_over_and_out_of_calls(host):
-    """The same program, linked in each way that changes where its code lies or what is known of it."""
+    """The same program, linked in ways that change the place of its code, and without symbols."""
     for program in ("steps", "steps-fixed", "steps-static", "steps-stripped"):
         host.launch(program)
         host.symbols = inferior("steps") if program == "steps-stripped" else None

@@ -1,4 +1,4 @@
-"""A host whose every message is checked, for sessions and Python tests; and all of machine.py."""
+"""A host that checks every message, for sessions and Python tests. Exports all of machine.py."""
 
 import collections
 import functools
@@ -31,7 +31,7 @@ def validator(part):
 class Conformance:
     """Checks each message of one conversation against docs/protocol.schema.json, a response by its request."""
 
-    LONGEST = 1 << 18  # what is longer is counted, not read: it says nothing that a shorter one does not
+    LONGEST = 1 << 18  # a longer message is counted, not read: shorter ones have the same form
 
     def __init__(self, checks_requests):
         self.checks_requests = checks_requests
@@ -74,7 +74,7 @@ PIECE_SIZE = "target.process.memory-cache-line-size"
 
 
 class Host(Helper):
-    """A host that checks all that is said, and takes events in order: none is dropped."""
+    """A host that checks every message, and takes events in order. None is dropped."""
 
     def __init__(self, program=settings["helper"], reads=True, checks_requests=True, prepare=lambda: None, **options):
         self.conformance = Conformance(checks_requests)
@@ -144,7 +144,7 @@ class Host(Helper):
         return response
 
     def ok(self, command, **arguments):
-        """Asks, wants ok, and returns the other members."""
+        """Sends a request whose response must be ok. Returns the other members."""
         response = self.ask(command, **arguments)
         expect(response.pop("status"), "ok", f"{command} {arguments} {response}")
         return response
@@ -193,7 +193,7 @@ class Host(Helper):
         return self.state(to)
 
     def start_waiting(self):
-        """A program that runs, and waits."""
+        """Starts a program that waits."""
         self.launch("wait")
         self.resume_only()
         self.await_output("ready\r\n")
@@ -228,7 +228,7 @@ class Host(Helper):
         return self.ok("getCallstack")["callstack"]
 
     def rest(self):
-        """The events that have come and that nobody has taken."""
+        """The events that have arrived and were not taken."""
         while not self.events.empty():
             yield self.next_event()
 
@@ -241,7 +241,7 @@ class Host(Helper):
 
 
 def launched(name, **options):
-    """A host whose program stands at its entry."""
+    """A host whose program is stopped at its entry."""
     host = Host(**options)
     host.launch(name)
     return host

@@ -1,4 +1,4 @@
-"""Starting, stopping and ending, in orders and at speeds that a debugger's threads dislike."""
+"""Starting, stopping and ending, in orders and at speeds that are hard for a debugger's threads."""
 
 import os
 import shutil
@@ -69,7 +69,7 @@ def test_delete_does_not_wait_for_the_event_thread(host):
 
 
 def test_a_running_process_is_deleted_or_stopped_and_gone(host):
-    """Of a process that the host ends only the exit is reported, never the stop before it."""
+    """Only the exit of a process that the host ends is reported, not the stop before it."""
     for round in range(10):
         host.start_waiting()
         if round % 2:
@@ -97,7 +97,7 @@ def test_end_of_input_under_a_process_is_an_abort():
 
 
 def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
-    """The shim holds back each of the helper's threads for longer than any wait of the helper's."""
+    """The shim delays each of the helper's threads for longer than the helper waits for anything."""
     host = Host(env=shim(SLOW_THREADS="3"))
     expect(host.ask_all(HELLO, "createProcess", "deleteProcess"), [OK] * 3)
     host.end()

@@ -1,4 +1,4 @@
-"""More is asked for than there is: descriptors, processes, memory, depth, requests; and odd surroundings.
+"""Requests that need more than there is: descriptors, processes, memory, depth; and odd surroundings.
 
 The answer is an error, or the end that docs/reliability.md has, and the next request is answered as usual."""
 
@@ -70,7 +70,7 @@ def test_processes_run_out():
 
 
 def test_address_space_runs_out_in_a_launch():
-    """LLVM's own code ends the program where it gets no memory. Where ours does it answers."""
+    """LLVM's code ends the program when it gets no memory. Ours answers with an error."""
     needs_no_sanitizer("needs the address space itself")
     for megabytes in (0, 8, 16, 24, 32, 64, 128, 1024):
         host = Host()

@@ -1,4 +1,4 @@
-"""What tests know of this machine without asking the helper: processes, programs, memory as the kernel has it.
+"""What tests learn from the machine, not from the helper: processes, programs, memory as the kernel shows it.
 
 LLDB_HELPER_TESTS names a JSON file that the build writes: where the helper, the inferiors and the rest are.
 """
@@ -61,7 +61,7 @@ def die_with_parent():
 
 
 def stat(pid):
-    """Name, state letter and parent of a process. One that is gone is "X" and nobody's."""
+    """Name, state letter and parent of a process. A process that is gone has the state "X" and the parent 0."""
     try:
         name, state, parent = re.match(r"\d+ \((.*)\) (\w) (\d+)", read(f"/proc/{pid}/stat"), re.S).groups()
         return name, state, int(parent)
@@ -74,7 +74,7 @@ def is_gone(pid):
 
 
 def descendants(ancestor, name=None):
-    """The processes below one, itself left out, nearest first; only those of this name. No zombies."""
+    """The descendants of a process, nearest first, only those with this name. No zombies."""
     everybody = {int(pid): stat(pid) for pid in os.listdir("/proc") if pid.isdigit()}
     family = [ancestor]
     for elder in family:
@@ -88,7 +88,7 @@ def status_figure(pid, name):
 
 
 class Program(subprocess.Popen):
-    """A program that a test starts itself, beside the helper, and that says that it is ready. It ends with the test."""
+    """A program that a test starts beside the helper, and that prints a line when it is ready. It ends with the test."""
 
     def __init__(self, *command, speaks=True):
         super().__init__(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, preexec_fn=die_with_parent)
@@ -97,7 +97,7 @@ class Program(subprocess.Popen):
 
 
 def free_port():
-    """Tests that run at the same time look in places of their own, and none where the system takes ports from."""
+    """Tests that run at the same time search different ranges, and none searches the system's own range."""
     for port in range(20000 + os.getpid() * 16 % 12000, 32768):
         with socket.socket() as probe:
             if probe.connect_ex(("127.0.0.1", port)) != 0:
@@ -126,7 +126,7 @@ def symbol(program, name):
 
 
 def mappings(pid):
-    """(start, end, offset, file) of each mapping of a file, as the kernel has it."""
+    """(start, end, offset, file) of each mapping of a file, as the kernel shows it."""
     for line in re.findall(r"^(\w+)-(\w+) \S+ (\w+) \S+ \d+ +(/.*)$", read(f"/proc/{pid}/maps"), re.M):
         yield *(int(number, 16) for number in line[:3]), line[3]
 
@@ -136,7 +136,7 @@ def image_base(pid, path):
 
 
 def peek(pid, address, size):
-    """Memory as the kernel has it."""
+    """Memory as the kernel shows it."""
     with open(f"/proc/{pid}/mem", "rb", 0) as memory:
         memory.seek(address)
         return memory.read(size)

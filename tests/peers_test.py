@@ -1,4 +1,4 @@
-"""Hosts, debug servers and programs that behave badly: one sick peer must not cost the others anything."""
+"""Hosts, debug servers and programs that behave badly. One of them must not harm the others."""
 
 import os
 import re

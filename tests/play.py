@@ -2,8 +2,8 @@
 
 A block below a heading is a session with a helper of its own.
 
-    -> {"command": "readMemory", …}     a request; requests in a row go out in one write
-    -> readMemory address=16 length=4   the same for short; "!> " where no host should send it
+    -> {"command": "readMemory", …}     a request; consecutive requests are sent in one write
+    -> readMemory address=16 length=4   its short form; "!> " for a request that no host should send
     <- {"id": 1, "status": "ok"}        its response, byte for byte
     <- ok count=5                       {"count": 5, "status": "ok"} for short
     <- error no process ×3              {"message": "no process", "status": "error"} for short, three times
@@ -11,17 +11,17 @@ A block below a heading is a session with a helper of its own.
     * eStateExited 3                    the same for short; also "* output", a JSON text, and "* moduleLoaded FILE"
     => 1c 00 …  and  <= 19 00 …         the frames of the request and of the response before it
     $ launch steps one two              prepares and creates tests/inferiors/steps, up to the stop at its entry
-    $ run to steps:leaf                 sets a breakpoint there, continues, and awaits the stop
+    $ run to steps:leaf                 sets a breakpoint there, continues, and waits for the stop
     $ lldb-server gdbserver :«port» …   starts a server, or a program (without «port»): «pid»
 
-State events must come as they stand, in their order; output must come whole, in any pieces, before an exit. Modules that
-a line names must come; others may. At the end a process that is left is deleted, and the helper ends with status 0.
+State events must be exactly these, in this order. Output must be complete before an exit, in any pieces. The named modules
+must be loaded; others may. At the end the runner deletes a process that remains, and the helper must end with status 0.
 
-«inferiors», «folder» (empty, the session's own), «PC», «PLAIN» (registers), «pid» and «port» stand for what they are.
+The names «inferiors», «folder» (empty, the session's own), «PC», «PLAIN» (registers), «pid» and «port» have their values.
 «steps:leaf» is the address of a function of the running program, «hex steps:leaf» in hexadecimal digits, «reg steps:leaf» in
 16 of them. «=name» matches a number or text and keeps it as «name», «name+5» adds; any other name matches anything.
 
-In a block that begins with "$ lldb-helper" a person types: lines after "> " go in, the rest comes out.
+A block that begins with "$ lldb-helper" is a console session: lines after "> " are its input, the rest is its output.
 """
 
 import collections
@@ -125,7 +125,7 @@ class Session(Host):
         self.events = []  # that no turn has claimed yet
 
     def value(self, name):
-        """What a name stands for; itself where it matches anything."""
+        """The value of a name; the name itself if it matches anything."""
         form, place, offset = re.fullmatch(r"(?:(hex|reg) )?([^+]*)\+?(\d*)", name).groups()
         if ":" in place:
             program, function = place.split(":")
@@ -185,7 +185,7 @@ class Session(Host):
         )
 
     def compare(self, turn, requests, responses, events, problem):
-        """A difference is shown beside what is as it should be."""
+        """Shows differences, and the equal lines around them."""
         exits = [at for at, event in enumerate(events) if "eStateExited" in event]
         output = output_of(events[: exits[-1]] if exits else events)
         pairs = [*zip(turn.sent, map(frame, requests)), *zip(turn.received, map(frame, responses))]
@@ -198,7 +198,7 @@ class Session(Host):
             raise Failure("\n".join([problem, *(f"    {text}" for text in requests), *shown]))
 
     def start(self, words):
-        """A server, or a program that says something once it is started."""
+        """Starts a server, or a program that prints a line when it is ready."""
         words = [self.fill_in(word).replace("«port»", "PORT") for word in words]
         if any("PORT" in word for word in words):
             words[0] = settings.get(words[0], words[0])

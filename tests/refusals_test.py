@@ -1,4 +1,4 @@
-"""What would never be answered if LLDB were asked: it is refused, or cut."""
+"""Requests that LLDB would never answer. lldb-helper refuses them, or cuts the connection."""
 
 import os
 import socket

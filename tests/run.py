@@ -1,4 +1,4 @@
-"""Runs one test: a session of a page, or a function of a Python file. One that takes a host gets one, which must end well.
+"""Runs one test: a session of a page, or a function of a Python file. A function with a parameter gets a host, which must end with status 0.
 
 Usage: run.py PAGE|FILE NAME        (see machine.py for what the environment must hold; ctest knows it)
 """

@@ -1,4 +1,4 @@
-/* Says what it is about to do, and writes to where nobody may. */
+/* Prints what it is about to do, and writes to an address that is not mapped. */
 #include <stdio.h>
 
 int *volatile nowhere;

@@ -1,4 +1,4 @@
-/* Says every byte that comes in on its terminal, which it takes as it is, up to an x. */
+/* Prints every byte that it reads from its pty, in raw mode, up to an x. */
 #include <stdio.h>
 #include <termios.h>
 #include <unistd.h>

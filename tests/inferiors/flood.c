@@ -1,4 +1,4 @@
-/* Writes as many bytes as its argument says, in one go, in lines that count up, and exits. */
+/* Writes the number of bytes in its argument, in one go, in numbered lines, and exits. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-/* Has children, or signals, that LLDB stops it for and resumes it from by itself.
+/* Starts children or gets signals: LLDB stops for them and resumes by itself.
    usage: forks fork|vfork|spawn|shell|timer|calls [COUNT]; ends with status 5 */
 #define _GNU_SOURCE
 #include <signal.h>

@@ -1,4 +1,4 @@
-/* Opens the library named by its argument, calls it, closes it, and comes to done(). */
+/* Loads the library in its argument, calls it, unloads it, and calls done(). */
 #include <dlfcn.h>
 #include <stdio.h>
 

@@ -1,4 +1,4 @@
-/* Maps some memory with nothing mapped behind it, fills it, says where it lies, and waits. Its
+/* Maps a block of memory with an unmapped page after it, fills it, prints its place, and waits. The
    argument is the size in MiB. */
 #define _GNU_SOURCE
 #include <stdio.h>

@@ -1,5 +1,5 @@
-/* Calls itself as many times as its argument says. Then bottom() is called by code that belongs to
-   no module, or with a second argument by the C library's qsort. */
+/* Calls itself the number of times in its argument. Then code that belongs to no module calls
+   bottom(); with a second argument the C library's qsort does. */
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>

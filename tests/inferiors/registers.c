@@ -1,4 +1,4 @@
-/* Fills the floating point and vector registers, and comes to filled(). */
+/* Fills the floating point and vector registers, and calls filled(). */
 #include <string.h>
 
 volatile int counted;

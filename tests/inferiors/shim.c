@@ -1,4 +1,4 @@
-/* Preloaded into the helper: takes the place of syslog(3), and holds back its threads.
+/* Preloaded into the helper: replaces syslog(3), and delays its threads.
 
    SYSLOG_FILE    gets ident, priority and text of each record, with a byte 0x1e at its end
    SLOW_THREADS   seconds by which each std::thread begins late
@@ -27,7 +27,7 @@ void openlog(const char *ident, int option, int facility) {
   identity = ident;
 }
 
-/* What distributions that build with _FORTIFY_SOURCE call in place of syslog. */
+/* Distributions that build with _FORTIFY_SOURCE call this instead of syslog. */
 void __syslog_chk(int priority, int flag, const char *format, ...) {
   (void)flag;
   va_list arguments;
@@ -48,7 +48,7 @@ void syslog(int priority, const char *format, ...) {
   va_end(arguments);
 }
 
-/* Somebody listens, also where there is no log. */
+/* The log exists, also where the system has none. */
 static bool isLog(const char *path) { return getenv("SYSLOG_FILE") && !strcmp(path, "/dev/log"); }
 
 int access(const char *path, int mode) {

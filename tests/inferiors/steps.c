@@ -1,4 +1,4 @@
-/* Calls that can be broken into, stepped into, over and out of. Says what it counted. */
+/* Calls for breakpoints, and for steps into, over and out of them. Prints what it counted. */
 #include <stdio.h>
 
 volatile int counted;

@@ -1,4 +1,4 @@
-/* Three threads: one comes to work(), one sleeps, the first waits for both. */
+/* Three threads: one calls work(), one sleeps, the first waits for both. */
 #include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>

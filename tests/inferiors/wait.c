@@ -1,4 +1,4 @@
-/* Says "ready" and waits for ever, or rather for two minutes: no test leaves it behind. */
+/* Prints "ready" and waits for two minutes, so that no test can leave it running for ever. */
 #include <stdio.h>
 #include <unistd.h>
 

@@ -212,7 +212,7 @@ TEST(JsonText, LongTextsAreWhole) {
   // A text is written through a buffer of 4096 bytes: every piece must survive its end, wherever
   // that falls.
   constexpr std::size_t size = 1300;
-  std::fill_n(JsonBytes(size).data(), size, 0xff);  // what the allocator may hand out again
+  std::fill_n(JsonBytes(size).data(), size, 0xff);  // the allocator may return this block again
   JsonBytes bytes(size);
   EXPECT_EQ(std::count(bytes.data(), bytes.data() + size, 0), size);
   std::string byteTexts;
