@@ -53,8 +53,8 @@ Json DebugSession::sendToApplication(const Json::array &data) {
   std::string bytes;
   bytes.reserve(data.size());
   for (const Json &item : data) bytes += static_cast<char>(item.intValue() & 0xff);
-  // LLDB's command line may have replaced the process. The pty of the earlier one closes with the
-  // last handle of that process, which refreshProcess has dropped.
+  // LLDB's command line may have replaced the process. The pty of the earlier one closes with its
+  // last handle, which is the writer's.
   if (inferiorInput && !inferiorInput->isFor(process)) inferiorInput.reset();
   if (!inferiorInput) inferiorInput = std::make_unique<InferiorInput>(process);
   inferiorInput->write(std::move(bytes));

@@ -43,9 +43,7 @@ struct InferiorInput::Queue {
 };
 
 InferiorInput::InferiorInput(lldb::SBProcess process)
-    : processId(process.GetUniqueID()),
-      queue(std::make_shared<Queue>()),
-      thread(run, queue, process) {}
+    : process(process), queue(std::make_shared<Queue>()), thread(run, queue, process) {}
 
 InferiorInput::~InferiorInput() {
   std::unique_lock lock(queue->mutex);

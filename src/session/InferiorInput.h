@@ -2,7 +2,6 @@
 
 #include <lldb/API/LLDB.h>
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -28,7 +27,7 @@ class InferiorInput {
   InferiorInput &operator=(const InferiorInput &) = delete;
 
   /// Whether the bytes go to this process.
-  bool isFor(lldb::SBProcess other) const { return other.GetUniqueID() == processId; }
+  bool isFor(lldb::SBProcess other) { return other.GetUniqueID() == process.GetUniqueID(); }
 
   /// Queues the bytes. Texts are written in the order of the calls.
   void write(std::string bytes);
@@ -38,7 +37,8 @@ class InferiorInput {
   static void run(std::shared_ptr<Queue> queue, lldb::SBProcess process);
   static void writeWhenReady(const Queue &queue, lldb::SBProcess &process, std::string_view text);
 
-  const std::uint32_t processId;
+  /// Outlives the thread's copy, so that LLDB never destroys the process on that thread.
+  lldb::SBProcess process;
   std::shared_ptr<Queue> queue;
   std::thread thread;
 };
