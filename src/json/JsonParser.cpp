@@ -29,8 +29,10 @@ bool isHighSurrogate(long codePoint) { return codePoint >= 0xd800 && codePoint <
 
 bool isLowSurrogate(long codePoint) { return codePoint >= 0xdc00 && codePoint <= 0xdfff; }
 
-/// A byte as error messages show it: 'x' (120), or (10) for a control character. Bytes from 128 up
-/// count as negative: 0xC3 is (-61).
+/// A byte as error messages show it: 'x' (120), or (10) for a control character.
+///
+/// Deliberate: bytes from 128 up count as negative, 0xC3 is (-61). Hosts receive these texts word
+/// for word. clang-tidy warns of just this conversion.
 std::string describe(char byte) {
   const int code = static_cast<signed char>(byte);  // NOLINT(bugprone-signed-char-misuse)
   char text[16];

@@ -37,7 +37,8 @@ class InferiorInput {
   static void run(std::shared_ptr<Queue> queue, lldb::SBProcess process);
   static void writeWhenReady(const Queue &queue, lldb::SBProcess &process, std::string_view text);
 
-  /// Outlives the thread's copy, so that LLDB never destroys the process on that thread.
+  /// Outlives the thread's copy, so that LLDB does not destroy the process on that thread, unless
+  /// the thread was left running.
   lldb::SBProcess process;
   std::shared_ptr<Queue> queue;
   std::thread thread;
