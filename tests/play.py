@@ -12,6 +12,7 @@ A block below a heading is a session with a helper of its own.
     => 1c 00 …  and  <= 19 00 …         the frames of the request and of the response before it
     $ launch steps one two              prepares and creates tests/inferiors/steps, up to the stop at its entry
     $ run to steps:leaf                 sets a breakpoint there, continues, and waits for the stop
+    $ continue                          continues; eStateRunning comes, then the events of the lines after it
     $ lldb-server gdbserver :«port» …   starts a server, or a program (without «port»): «pid»
 
 State events must be exactly these, in this order. Output must be complete before an exit, in any pieces. The named modules
@@ -208,8 +209,11 @@ class Session(Host):
 
     def instruct(self, line):
         """What a line that begins with "$" asks for, as turns."""
+        line, *events = line.splitlines()
         name, _, rest = line.partition(" ")
-        if name == "launch":
+        if name == "continue":
+            yield ["-> continueExecution", "<- ok", "* eStateRunning", *events]
+        elif name == "launch":
             program, _, arguments = rest.partition(" ")
             preparation = {"command": "prepareExecutable", "path": kit.inferior(program), "args": self.fill_in(arguments)}
             yield [f"-> {json.dumps(preparation, ensure_ascii=False)}", "<- ok"]
@@ -222,7 +226,7 @@ class Session(Host):
 
     def play(self, lines):
         """Yields each turn's lines, its requests, and the messages that came."""
-        turns = re.findall(r"(?:^\$ .*$)|(?:^[-!]> .*\n?)+(?:^[<*=].*\n?)*", "\n".join(lines), re.M)
+        turns = re.findall(r"(?:^\$ continue(?:\n\* .*)*)|(?:^\$ .*$)|(?:^[-!]> .*\n?)+(?:^[<*=].*\n?)*", "\n".join(lines), re.M)
         check(sum(len(turn.strip("\n").split("\n")) for turn in turns) == len(lines), f"not understood: {lines}")
         for text in turns:
             if text.startswith("$ "):
