@@ -233,13 +233,14 @@ class Console:
         if state == "eStateStopped":
             if self.request("getProcessState").get("state-string") in RUNNING:
                 return  # LLDB has resumed the process itself
-            self.show("* stopped: " + self.where(), 33)
+            text = "stopped: " + self.where()
         elif state == "eStateExited":
             self.ending = event["exit_status"]
-            self.show(f"* exited, status {self.ending}", 33)
-        elif state not in RUNNING:
-            self.show(f"* {state.removeprefix('eState').lower()}", 33)
-        self.enter(state)
+            text = f"exited, status {self.ending}"
+        else:
+            text = "" if state in RUNNING else state.removeprefix("eState").lower()
+        self.enter(state)  # before the text, after which a person may press Ctrl-C
+        self.show(text and f"* {text}", 33)
 
     def enter(self, state):
         with self.changed:
@@ -319,6 +320,7 @@ class Console:
     def await_stop(self, seconds=None):
         with self.changed:
             self.changed.wait_for(lambda: self.state not in RUNNING, seconds)
+        self.catch_up()
 
     def obstacle(self):
         """Returns why the program cannot be inspected, or None if it can."""
