@@ -142,12 +142,3 @@ def test_continue_right_after_attach(host):
         host.ok("stopExecution")
         host.ok("deleteProcess")
         list(host.rest())
-
-
-def test_a_failed_attach_leaves_no_target(host):
-    host.conformance.checks_requests = False
-    for pid in (999999999, 0, -1) * 2:
-        message = host.ask(**attach(pid, "/nowhere"))["message"]
-        check(message.startswith("cannot attach to process: ") and len(message) > 30, message)
-        expect(host.ask("getProcessState"), error("no target"))
-    expect(host.run("hello"), ("hello\r\nworld\r\n", 3))

@@ -63,12 +63,6 @@ def test_descriptors_run_out_at_each_step_of_a_launch(host):
     expect(host.run("hello")[1], 3)
 
 
-def test_processes_run_out():
-    host = Host(prepare=lambda: refuse(CLONE, CLONE_CHILD_SETTID))  # fork, not the start of a thread
-    check(launch_hello(host)["message"].startswith("cannot create process: "), "launched")
-    host.end()
-
-
 def test_address_space_runs_out_in_a_launch():
     """LLVM's code ends the program when it gets no memory. Ours answers with an error."""
     needs_no_sanitizer("needs the address space itself")
@@ -153,6 +147,7 @@ def test_odd_surroundings_work_or_are_refused_with_a_reason():
         ("no log socket", {"prepare": lambda: refuse(SOCKET, socket.AF_UNIX)}, True),
         ("fixed addresses refused", {"prepare": lambda: refuse(PERSONALITY, ADDR_NO_RANDOMIZE)}, True),
         ("no debug server", variables(LLDB_DEBUGSERVER_PATH="/nowhere/lldb-server"), False),
+        ("no new processes", {"prepare": lambda: refuse(CLONE, CLONE_CHILD_SETTID)}, False),  # threads may start
         ("ptrace refused", no_leaks | {"prepare": lambda: refuse(PTRACE)}, False),
     ):
         host = Host(**options)

@@ -40,10 +40,11 @@ def test_processes_that_cannot_be_attached_to(host):
     host.ok("executeCommand", cli="target delete")
     list(host.rest())  # its exit, if LLDB had time for it
     program = Program(inferior("wait"))  # to 0 LLDB would attach to this one, by its name
-    for pid in (host.pid, *servers, 0, 2**32 + program.pid, 2**64 - 1):
-        answer = host.ask("attachToProcess", pid=pid, executable=inferior("wait"))
-        check(answer["message"].startswith("cannot attach to process: "), (pid, answer))
-        expect(host.ask("getProcessState"), error("no target"))
+    for pid in (host.pid, *servers, 0, 2**22 + 1, 2**32 + program.pid, 2**64 - 1):
+        for executable in (inferior("wait"), "/nowhere"):
+            message = host.ask("attachToProcess", pid=pid, executable=executable)["message"]
+            check(message.startswith("cannot attach to process: ") and len(message) > 30, (pid, message))
+            expect(host.ask("getProcessState"), error("no target"))
     expect(host.run("hello")[1], 3)
 
 
