@@ -22,6 +22,7 @@ import shutil
 import signal
 import sys
 import threading
+import time
 
 sys.dont_write_bytecode = True  # leaves no file where the examples are installed
 from host import Helper  # noqa: E402
@@ -575,6 +576,20 @@ class Console:
         readline.set_completer_delims(" ")
         readline.set_completer(self.complete)
         readline.parse_and_bind("tab: complete")
+        # Python's readline misses a signal that arrives between its handling of a key and its wait for the next.
+        # Another signal, a moment later, makes it handle both.
+        signal.signal(signal.SIGUSR1, lambda *_: None)
+        arrived, wakeup = os.pipe()
+        os.set_blocking(wakeup, False)
+        signal.set_wakeup_fd(wakeup, warn_on_full_buffer=False)
+        threading.Thread(target=self.repeat_interrupts, args=(arrived,), daemon=True).start()
+
+    def repeat_interrupts(self, arrived):
+        """Reads the numbers of the signals that arrive. A thread of its own runs this."""
+        while number := os.read(arrived, 1):
+            if number[0] == signal.SIGINT:
+                time.sleep(0.05)
+                signal.pthread_kill(threading.main_thread().ident, signal.SIGUSR1)
 
 
 def main():
