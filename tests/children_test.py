@@ -99,6 +99,18 @@ def test_a_target_deleted_by_hand_takes_its_event_thread_along():
         host.end()  # with status 0
 
 
+def test_two_programs_may_load_their_modules_at_the_same_time():
+    """On one processor LLDB's pool has one thread, for which both would wait."""
+    host = Host(prepare=one_processor)
+    host.launch("wait")
+    cli(host, f'target create "{inferior("hello")}"')
+    cli(host, "process launch")
+    host.resume_only()
+    host.await_output("ready\r\n")
+    cli(host, "target delete 1")
+    host.end()
+
+
 def test_without_an_event_thread_nothing_waits_for_it(host):
     """A refused connection leaves a target, in which the command line may launch. No thread takes LLDB's events then."""
     refused = {"url": f"connect://127.0.0.1:{free_port()}", "plugin": "gdb-remote", "file": inferior("wait")}

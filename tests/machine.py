@@ -60,6 +60,10 @@ def die_with_parent():
     libc.prctl(pr_set_ptracer, anybody)
 
 
+def one_processor():
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+
+
 def stat(pid):
     """Name, state letter and parent of a process. A process that is gone has the state "X" and the parent 0."""
     try:

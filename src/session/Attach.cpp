@@ -8,7 +8,7 @@
 #include "platform/Process.h"
 #include "session/DebugSession.h"
 #include "session/LldbError.h"
-#include "session/ReadSettings.h"
+#include "session/LldbSettings.h"
 
 namespace {
 

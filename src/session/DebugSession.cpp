@@ -6,7 +6,7 @@
 #include "channel/Envelope.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
-#include "session/ReadSettings.h"
+#include "session/LldbSettings.h"
 
 namespace {
 
@@ -45,6 +45,7 @@ DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
       debugger(lldb::SBDebugger::Create()),
       eventThread(debugger, channel) {
   redirectLldbToDevNull(debugger);
+  loadModulesOneByOne(debugger);
   readRegistersAtOnce(debugger);
   debugger.SetAsync(true);
 }

@@ -1,15 +1,20 @@
-#include "session/ReadSettings.h"
+#include "session/LldbSettings.h"
 
 #include <cstring>
 
 namespace {
 
+constexpr char parallelModules[] = "target.parallel-module-load";
 constexpr char registersAtOnce[] = "plugin.process.gdb-remote.use-g-packet-for-reading";
 constexpr char pieceSize[] = "target.process.memory-cache-line-size";
 constexpr char defaultSize[] = "512";
 constexpr char largeSize[] = "1024";
 
 }  // namespace
+
+void loadModulesOneByOne(lldb::SBDebugger &debugger) {
+  lldb::SBDebugger::SetInternalVariable(parallelModules, "false", debugger.GetInstanceName());
+}
 
 void readRegistersAtOnce(lldb::SBDebugger &debugger) {
   lldb::SBDebugger::SetInternalVariable(registersAtOnce, "true", debugger.GetInstanceName());

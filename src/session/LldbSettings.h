@@ -2,8 +2,15 @@
 
 #include <lldb/API/LLDB.h>
 
-// LLDB's settings for reading registers and memory. A person sees them with "settings show" and
-// changes them with "settings set". An LLDB that does not know a setting goes on without it.
+// LLDB's settings for loading modules and for reading registers and memory. A person sees them with
+// "settings show" and changes them with "settings set". An LLDB that does not know a setting goes
+// on without it.
+
+/// Has LLDB load the modules of a process one after the other, not each on a thread of its pool.
+/// Otherwise two processes that load the same module at the same time may wait for each other
+/// forever: a thread of the pool that reads the module's symbols waits for the pool, and there it
+/// may begin the same module again. LLDB 14 to 19 have no such setting, and load one by one.
+void loadModulesOneByOne(lldb::SBDebugger &debugger);
 
 /// Has LLDB read all registers of a thread by one packet, not one packet for each.
 void readRegistersAtOnce(lldb::SBDebugger &debugger);
