@@ -69,8 +69,13 @@ def all_registers(host):
 
 def test_registers_read_at_once_are_those_read_one_by_one(host):
     at_once = list(all_registers(host))
+    host.ok("selectFrame")
+    host.ok("setRegister", register=PLAIN, value="7")
+    for change, value in (("add -f decimal", "7"), ("delete", "0x0000000000000007")):
+        host.ok("executeCommand", cli=f'type format {change} "unsigned long"')
+        expect(host.ok("getRegisters")["registers"][PLAIN], value)
     host.ok("deleteProcess")
-    host.ok("executeCommand", cli=f"settings set {AT_ONCE} false")
+    host.read_registers_plainly()
     for one_by_one, registers in zip(all_registers(host), at_once):
         expect(registers, one_by_one)
 

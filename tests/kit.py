@@ -209,6 +209,11 @@ class Host(Helper):
         """The value of a setting of LLDB's."""
         return self.ok("executeCommand", cli=f"settings show {name}")["output"].split()[-1]
 
+    def read_registers_plainly(self):
+        """Each by a packet and as a value of its own. LLDB reads them so by default."""
+        for setting in (f"{AT_ONCE} false", "interpreter.save-transcript true"):
+            self.ok("executeCommand", cli=f"settings set {setting}")
+
     def run_to(self, function):
         self.ok("setBreakpointAtVirtualAddress", address=self.address(function))
         self.resume()

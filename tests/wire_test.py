@@ -173,18 +173,19 @@ def test_the_log_of_connections_and_of_an_attach():
 
 
 def debug_through(pc, file, triple, *command):
-    """All registers come by one packet. They must be those that come by one packet each."""
+    """All registers are read at once. They must be those that are read one by one."""
     if not shutil.which(command[0]) or not os.path.exists(file):
         raise NotTested(f"{command[0]} or {os.path.basename(file)} is missing here")
-    expect(*(session_through(setting, pc, file, triple, *command) for setting in ("true", "false")))
+    expect(*(session_through(is_plain, pc, file, triple, *command) for is_plain in (False, True)))
 
 
-def session_through(reads_at_once, pc, file, triple, *command):
+def session_through(is_plain, pc, file, triple, *command):
     """Registers, memory, a breakpoint, a step, and on to the exit. Returns the registers at each stop."""
     program, port = server(*command)
     host = Host()
     expect(host.setting(AT_ONCE), "true")
-    host.ok("executeCommand", cli=f"settings set {AT_ONCE} {reads_at_once}")
+    if is_plain:
+        host.read_registers_plainly()
     registers = []
     leaf = symbol(file, "leaf")
     connect = {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "platform": "ignored", "file": file, "triple": triple}

@@ -9,9 +9,10 @@
 
 namespace {
 
-constexpr std::uint32_t targetEvents = lldb::SBTarget::eBroadcastBitBreakpointChanged |
-                                       lldb::SBTarget::eBroadcastBitModulesLoaded |
-                                       lldb::SBTarget::eBroadcastBitModulesUnloaded;
+/// The changes of breakpoints are left out. No message is sent for them, and each would wake the
+/// thread while the host waits for the response to setBreakpointAtVirtualAddress.
+constexpr std::uint32_t targetEvents =
+    lldb::SBTarget::eBroadcastBitModulesLoaded | lldb::SBTarget::eBroadcastBitModulesUnloaded;
 constexpr std::uint32_t processEvents = lldb::SBProcess::eBroadcastBitStateChanged |
                                         lldb::SBProcess::eBroadcastBitSTDOUT |
                                         lldb::SBProcess::eBroadcastBitSTDERR;

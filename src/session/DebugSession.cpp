@@ -43,6 +43,7 @@ class PlatformGuard {
 DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
     : channel(input, output, consoleMode),
       debugger(lldb::SBDebugger::Create()),
+      registerReader(debugger),
       eventThread(debugger, channel) {
   redirectLldbToDevNull(debugger);
   loadModulesOneByOne(debugger);

@@ -14,7 +14,7 @@
 #include "events/EventThread.h"
 #include "json/Json.h"
 #include "session/InferiorInput.h"
-#include "session/RegisterNames.h"
+#include "session/RegisterReader.h"
 
 /// The one session: the channel to the host, LLDB's debugger, and at most one target and process.
 ///
@@ -161,7 +161,7 @@ class DebugSession {
   std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB chooses
   bool is64Bits = true;                        ///< only logged
 
-  RegisterNames registerNames;
+  RegisterReader registerReader;
   std::unique_ptr<InferiorInput> inferiorInput;  ///< null until the first sendToApplication
 
   EventThread eventThread;  ///< the last member: it uses the channel while it runs
