@@ -166,8 +166,8 @@ def test_a_long_input_arrives_whole(host):
 def test_a_program_that_does_not_read_holds_nothing_up(host):
     """Neither requests nor LLDB, which would try again and again to write to a full terminal, or wait in it."""
     # Most of LLDB's threads, which come and go, have names of their own.
-    threads = lambda: sum(map(is_ours, os.listdir(f"/proc/{host.pid}/task")))
-    is_ours = lambda thread: read(f"/proc/{host.pid}/task/{thread}/comm") == "lldb-helper\n"
+    task = f"{host.pid}/task"
+    threads = lambda: sum(stat(f"{task}/{thread}")[0] == "lldb-helper" for thread in os.listdir(f"/proc/{task}"))
     for texts in ([b"nobody reads this line\n" * 20000] * 2, [b"x" * 255 + b"\n"] * 60):
         host.start_waiting()
         before = threads()
