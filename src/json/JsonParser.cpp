@@ -115,12 +115,12 @@ Json JsonParser::parse() {
 }
 
 Json JsonParser::parseValue(int depth) {
-  if (depth > maximumDepth) {
-    fail("exceeded maximum nesting depth");
-    return Json();
-  }
+  checkDepth(depth);
   const char token = nextToken();
-  if (failed) return Json();
+  return failed ? Json() : parseValue(token, depth);
+}
+
+Json JsonParser::parseValue(char token, int depth) {
   if (token == '-' || isDigit(token)) {
     --cursor;
     return parseNumber();
@@ -181,14 +181,14 @@ Json JsonParser::parseArray(int depth) {
   Json::array items;
   char token = nextToken();
   if (token == ']') return Json(std::move(items));
+  checkDepth(depth + 1);
   while (!failed) {
-    --cursor;
-    items.push_back(parseValue(depth + 1));
+    items.push_back(parseValue(token, depth + 1));
     if (failed) break;
     token = nextToken();
     if (token == ']') return Json(std::move(items));
     if (token != ',') fail("expected ',' in list, got " + describe(token));
-    nextToken();
+    token = nextToken();
   }
   return Json();
 }
@@ -335,6 +335,10 @@ bool JsonParser::skipComment() {
   }
   cursor += length + 2;
   return true;
+}
+
+void JsonParser::checkDepth(int depth) {
+  if (depth > maximumDepth) fail("exceeded maximum nesting depth");
 }
 
 void JsonParser::fail(std::string message) {

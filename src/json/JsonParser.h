@@ -25,6 +25,8 @@ class JsonParser {
   static constexpr int maximumDepth = 200;
 
   Json parseValue(int depth);
+  /// `token` is the value's first byte, just read.
+  Json parseValue(char token, int depth);
   Json parseObject(int depth);
   Json parseArray(int depth);
   Json parseNumber();
@@ -63,6 +65,7 @@ class JsonParser {
   /// The rest of the text.
   std::string_view rest() const { return {cursor, static_cast<std::size_t>(end - cursor)}; }
 
+  void checkDepth(int depth);
   void fail(std::string message);
 
   const char *cursor;     ///< the next byte; at the end of the text, its terminating zero
