@@ -211,8 +211,8 @@ class Host(Helper):
 
     def read_registers_plainly(self):
         """Each by a packet and as a value of its own. LLDB reads them so by default."""
-        for setting in (f"{AT_ONCE} false", "interpreter.save-transcript true"):
-            self.ok("executeCommand", cli=f"settings set {setting}")
+        for line in (f"settings set {AT_ONCE} false", "type format add -f hex unused_type"):
+            self.ok("executeCommand", cli=line)
 
     def run_to(self, function):
         self.ok("setBreakpointAtVirtualAddress", address=self.address(function))

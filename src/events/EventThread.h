@@ -52,10 +52,6 @@ class EventThread {
   /// process runs. It then keeps that resume for the next stop, and the process never stops again.
   bool mayResume(lldb::SBProcess process);
 
-  /// Whether the process has stopped and the event of that stop is taken. Until then the thread may
-  /// run LLDB's command line, for a breakpoint that has commands.
-  bool isStopTaken() const { return !publicState.isRunning(); }
-
   /// Records that the main thread resumes the process, or failed to.
   void setResumed(bool resumed);
 

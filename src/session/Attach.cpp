@@ -69,6 +69,7 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
     return errorResponse("attachToProcess", "cannot attach to process: " + errorText(error));
   }
   readMemoryInLargePieces(debugger);
+  registerReader.setOwnServer(process);
   eventThread.start(target);
   waitForFirstStop();
   return okResponseWith(executableLoadInfo(target));

@@ -38,6 +38,7 @@ Json DebugSession::createProcess() {
   }
 
   readMemoryInLargePieces(debugger);
+  registerReader.setOwnServer(process);
   eventThread.start(target);
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());

@@ -1,7 +1,11 @@
 #include "session/RegisterReader.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string_view>
 #include <utility>
 
 #include "json/HexDigits.h"
@@ -12,8 +16,10 @@ constexpr bool canBeSynthetic = false;
 
 /// Deliberate: the wide vector registers are left out. They contain the xmm registers, which hosts
 /// show, and would double the response.
+///
+/// So is a register without a name.
 bool isLeftOut(const std::string &name) {
-  return name.starts_with("ymm") || name.starts_with("zmm");
+  return name.empty() || name.starts_with("ymm") || name.starts_with("zmm");
 }
 
 std::string nameAt(lldb::SBValue &set, std::uint32_t index) {
@@ -49,43 +55,73 @@ std::string valueText(lldb::SBValue &set, std::uint32_t index) {
   return text != nullptr ? text : registerValueToHex(value);
 }
 
+constexpr std::string_view prefix = "0x";
+
 bool isHex(std::string_view text) {
-  return text.size() > 2 && text.starts_with("0x") &&
-         text.substr(2).find_first_not_of("0123456789abcdef") == text.npos;
+  return text.size() > prefix.size() && text.starts_with(prefix) &&
+         text.find_first_not_of("0123456789abcdef", prefix.size()) == text.npos;
 }
 
-/// Returns the text that getRegisters has for what a listing has after a register's name. Empty if
-/// it is neither a number, alone or with two spaces and a description, nor a vector of numbers:
-///
-///     0x0000000000401136  steps`leaf + 4 at steps.c:8
-///     {0x01 0x00 0x5a 0xff}
-///
-/// One space and a description are a part of the value.
-std::string textFromListing(std::string_view printed) {
-  if (!printed.starts_with('{')) {
-    const std::string_view number = printed.substr(0, printed.find(' '));
-    const std::string_view rest = printed.substr(number.size());
-    return isHex(number) && (rest.empty() || rest.starts_with("  ")) ? std::string(number) : "";
-  }
-  if (!printed.ends_with('}')) return "";
-  printed = printed.substr(1, printed.size() - 2);
-  std::string text = "0x";
-  while (!printed.empty()) {
-    const std::size_t space = printed.rfind(' ');
-    const std::string_view item = space == printed.npos ? printed : printed.substr(space + 1);
+/// Returns getRegisters' text for a register that LLDB has formatted as a number or as a vector:
+/// "0x0000000000401136", "{0x01 0x00 0x5a 0xff}". Empty for every other text.
+std::string textFromFormatted(std::string_view formatted) {
+  if (isHex(formatted)) return std::string(formatted);
+  if (!formatted.starts_with('{') || !formatted.ends_with('}')) return "";
+  std::string_view items = formatted.substr(1, formatted.size() - 2);
+  std::string text(prefix);
+  while (!items.empty()) {
+    const std::string_view item = items.substr(0, items.find(' '));
     if (!isHex(item)) return "";
-    text += item.substr(2);
-    printed = printed.substr(0, space == printed.npos ? 0 : space);
+    text.insert(prefix.size(), item.substr(prefix.size()));  // the first item is the last byte
+    items.remove_prefix(std::min(item.size() + 1, items.size()));
   }
   return text;
 }
 
-void printRegisters(lldb::SBDebugger &debugger, const lldb::SBFrame &frame,
-                    lldb::SBCommandReturnObject &listing) {
-  lldb::SBExecutionContext context(frame);
-  constexpr bool addToHistory = false;
-  debugger.GetCommandInterpreter().HandleCommand("register read --all", context, listing,
-                                                 addToHistory);
+bool hasEmptyLine(std::string_view text) {
+  return text.starts_with('\n') || text.find("\n\n") != text.npos;
+}
+
+/// Removes the first line of a text, and returns it without its end.
+std::string_view takeLine(std::string_view &text) {
+  const std::string_view line = text.substr(0, text.find('\n'));
+  text.remove_prefix(std::min(line.size() + 1, text.size()));
+  return line;
+}
+
+/// Returns what a function writes to a stream. The text does not come from SBStream::GetData: LLDB
+/// keeps every text that it has returned there for good.
+template <typename Write>
+std::string writtenText(Write write) {
+  char *data = nullptr;
+  std::size_t size = 0;
+  FILE *const file = open_memstream(&data, &size);
+  if (file == nullptr) throw std::bad_alloc();
+  {
+    lldb::SBStream stream;
+    constexpr bool ownsFile = false;
+    stream.RedirectToFileHandle(file, ownsFile);
+    write(stream);
+  }
+  std::fclose(file);
+  const std::unique_ptr<char, void (*)(void *)> owner(data, std::free);
+  return std::string(data, size);
+}
+
+/// Returns a function that formats a frame. Null for a format that LLDB does not understand, and
+/// with LLDB 14 to 17, which declare no SBFormat.
+template <typename Format>
+std::function<std::string(lldb::SBFrame &)> makeFormatter(const std::string &text) {
+  if constexpr (requires(lldb::SBError error) { Format(text.c_str(), error); }) {
+    lldb::SBError error;
+    const Format format(text.c_str(), error);
+    if (error.Fail()) return nullptr;
+    return [format](auto &frame) {
+      return writtenText(
+          [&](lldb::SBStream &stream) { frame.GetDescriptionWithFormat(format, stream); });
+    };
+  }
+  return nullptr;
 }
 
 std::size_t countTypeFormats(lldb::SBDebugger &debugger) {
@@ -97,91 +133,73 @@ std::size_t countTypeFormats(lldb::SBDebugger &debugger) {
 
 }  // namespace
 
+namespace lldb {
+class SBFormat;  // LLDB 14 to 17 do not declare it
+}
+
 RegisterReader::RegisterReader(lldb::SBDebugger &debugger)
     : debugger(debugger), initialTypeFormats(countTypeFormats(this->debugger)) {}
 
-Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame,
-                                  bool mayRunCommand) {
-  if (processId != process.GetUniqueID()) sets.clear();
-  processId = process.GetUniqueID();
+Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame) {
   lldb::SBValueList values = frame.GetRegisters();
-  const std::uint32_t count = values.GetSize();
-  lldb::SBCommandReturnObject listing;
-  if (count > 0 && mayRunCommand && isListingUsable(process))
-    printRegisters(debugger, frame, listing);
-  std::vector<std::vector<Line>> lines =
-      linesBySet(listing.GetOutput() != nullptr ? listing.GetOutput() : "");
-  lines.resize(count);
-  sets.resize(count);
-  Texts texts;
-  for (std::uint32_t index = 0; index < count; ++index) {
+  if (processOfSets != process.GetUniqueID() || values.GetSize() != sets.size()) findNames(values);
+  processOfSets = process.GetUniqueID();
+  const bool usesFormatted = isFormattedTextUsable(process);
+  std::string formatted = usesFormatted ? formatRegisters(frame) : "";
+  // A register of the program before an exec has no text now, nor has one of an outer frame.
+  if ((!usesFormatted || hasEmptyLine(formatted)) && !areNamesCurrent(values)) {
+    findNames(values);
+    formatted.clear();
+  }
+
+  std::vector<Json::object::value_type> texts;
+  std::string_view lines = formatted;
+  for (std::uint32_t index = 0; index < sets.size(); ++index) {
     lldb::SBValue set = values.GetValueAtIndex(index);
     set.SetPreferSyntheticValue(canBeSynthetic);  // holds for its children too
-    if (!haveNames(sets[index], lines[index])) findRegisters(set, sets[index]);
-    appendTexts(texts, set, sets[index], lines[index]);
+    for (std::uint32_t at = 0; at < sets[index].size(); ++at) {
+      auto &[name, isFormattedAsItsValue] = sets[index][at];
+      if (isLeftOut(name)) continue;
+      std::string text = textFromFormatted(takeLine(lines));
+      if (text.empty() || !isFormattedAsItsValue.value_or(false)) {
+        std::string value = valueText(set, at);
+        if (!text.empty()) isFormattedAsItsValue = value == text;
+        text = std::move(value);
+      }
+      texts.emplace_back(name, std::move(text));
+    }
   }
   return Json::object(std::move(texts));
 }
 
-bool RegisterReader::isListingUsable(lldb::SBProcess &process) {
-  lldb::SBStringList keepsTranscript = lldb::SBDebugger::GetInternalVariableValue(
-      "interpreter.save-transcript", debugger.GetInstanceName());
-  return keepsTranscript.GetSize() == 1 &&
-         std::strcmp(keepsTranscript.GetStringAtIndex(0), "false") == 0 &&
+bool RegisterReader::isFormattedTextUsable(lldb::SBProcess &process) {
+  return formatRegisters && processOfOwnServer == process.GetUniqueID() &&
          process.GetByteOrder() == lldb::eByteOrderLittle &&
          countTypeFormats(debugger) == initialTypeFormats;
 }
 
-/// A register set begins with its name and a colon. Its registers are lines of spaces, a name,
-/// " = " and a value.
-std::vector<std::vector<RegisterReader::Line>> RegisterReader::linesBySet(
-    std::string_view listing) {
-  std::vector<std::vector<Line>> sets;
-  while (!listing.empty()) {
-    const std::size_t length = std::min(listing.find('\n'), listing.size());
-    std::string_view line = listing.substr(0, length);
-    listing.remove_prefix(std::min(length + 1, listing.size()));
-    if (line.ends_with(':')) sets.emplace_back();
-    line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-    const std::size_t equals = line.find(" = ");
-    if (equals != line.npos && !sets.empty())
-      sets.back().push_back({line.substr(0, equals), line.substr(equals + std::strlen(" = "))});
+/// Compares the sets' sizes and first names only. All names take a tenth of getRegisters' time.
+bool RegisterReader::areNamesCurrent(lldb::SBValueList &values) const {
+  for (std::uint32_t index = 0; index < sets.size(); ++index) {
+    lldb::SBValue set = values.GetValueAtIndex(index);
+    const Set &known = sets[index];
+    if (set.GetNumChildren() != known.size()) return false;
+    if (!known.empty() && nameAt(set, 0) != known[0].name) return false;
   }
-  return sets;
+  return true;
 }
 
-bool RegisterReader::haveNames(const std::vector<Register> &registers,
-                               const std::vector<Line> &lines) {
-  return !registers.empty() &&
-         std::equal(registers.begin(), registers.end(), lines.begin(), lines.end(),
-                    [](const Register &one, const Line &line) { return one.name == line.name; });
-}
-
-/// Asks LLDB for the names only where the set's size or its first name has changed, as after an
-/// exec into a program for another processor. The names take a tenth of the time.
-void RegisterReader::findRegisters(lldb::SBValue &set, std::vector<Register> &registers) {
-  const std::uint32_t count = set.GetNumChildren();
-  if (registers.size() == count && count > 0 && registers[0].name == nameAt(set, 0)) return;
-  registers.clear();
-  for (std::uint32_t at = 0; at < count; ++at) registers.push_back({nameAt(set, at), {}});
-}
-
-void RegisterReader::appendTexts(Texts &texts, lldb::SBValue &set, std::vector<Register> &registers,
-                                 const std::vector<Line> &lines) {
-  auto line = lines.begin();
-  for (std::uint32_t index = 0; index < registers.size(); ++index) {
-    auto &[name, isListedAsItsValue] = registers[index];
-    const auto found = std::find_if(line, lines.end(), [&name = name](const Line &candidate) {
-      return candidate.name == name;
-    });
-    if (found != lines.end()) line = found + 1;
-    if (name.empty() || isLeftOut(name)) continue;
-    std::string text = found != lines.end() ? textFromListing(found->value) : "";
-    if (text.empty() || !isListedAsItsValue.value_or(false)) {
-      std::string value = valueText(set, index);
-      if (!text.empty()) isListedAsItsValue = value == text;
-      text = std::move(value);
+void RegisterReader::findNames(lldb::SBValueList &values) {
+  sets.assign(values.GetSize(), {});
+  std::string format;
+  for (std::uint32_t index = 0; index < sets.size(); ++index) {
+    lldb::SBValue set = values.GetValueAtIndex(index);
+    for (std::uint32_t at = 0, count = set.GetNumChildren(); at < count; ++at) {
+      const std::string name = nameAt(set, at);
+      sets[index].push_back({name, {}});
+      // The braces leave out a register without a value. Otherwise the format would end there.
+      if (!isLeftOut(name)) format += "{${frame.reg." + name + "}}\\n";
     }
-    texts.emplace_back(name, std::move(text));
   }
+  formatRegisters = makeFormatter<lldb::SBFormat>(format);
 }

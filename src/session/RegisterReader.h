@@ -2,10 +2,11 @@
 
 #include <lldb/API/LLDB.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "json/Json.h"
@@ -13,47 +14,44 @@
 /// Reads the registers of a frame as texts. For the main thread only.
 ///
 /// A register's text is the text of its SBValue. LLDB takes 8 microseconds to make one, and there
-/// are more than a hundred. LLDB's command "register read --all" prints all of them in an eighth of
-/// the time. A register is read from that listing if its text there is the value's text:
+/// are more than a hundred. LLDB 18 and later format all registers at once in a tenth of the time,
+/// through an SBFormat. The formatted text is taken if it is the value's text:
 ///
-/// - The listing has hexadecimal digits for it.
-/// - The listing had the value's text when the two were compared, once in the process's life.
+/// - It is a number, or a vector of numbers, in hexadecimal digits.
+/// - It was the value's text when the two were compared, once for each register of a process.
+/// - LLDB's own debug server runs the process. Other servers may describe a register as an address,
+///   and LLDB adds a description of the address to the value's text only.
 /// - The machine is little-endian, and nobody has added or deleted a "type format". That changes
 /// the
 ///   texts of values only.
-///
-/// All registers are read as values while LLDB keeps a transcript of commands, because listings
-/// would fill it. LLDB 14 to 18 always keep one.
 class RegisterReader {
  public:
   explicit RegisterReader(lldb::SBDebugger &debugger);
 
+  /// Records that LLDB's own debug server runs this process.
+  void setOwnServer(lldb::SBProcess process) { processOfOwnServer = process.GetUniqueID(); }
+
   /// Returns the texts of all registers of `frame`, a frame of `process`. If several register sets
   /// have the same name, the last one's text is kept. An invalid frame has no registers.
-  ///
-  /// `mayRunCommand`: no other thread uses LLDB's command line now.
-  Json::object read(lldb::SBProcess process, lldb::SBFrame frame, bool mayRunCommand);
+  Json::object read(lldb::SBProcess process, lldb::SBFrame frame);
 
  private:
   struct Register {
     std::string name;
-    std::optional<bool> isListedAsItsValue;
+    std::optional<bool> isFormattedAsItsValue;
   };
-  /// A line of LLDB's listing. The views end with the listing.
-  struct Line {
-    std::string_view name, value;
-  };
-  using Texts = std::vector<Json::object::value_type>;
+  using Set = std::vector<Register>;
 
-  bool isListingUsable(lldb::SBProcess &process);
-  static bool haveNames(const std::vector<Register> &registers, const std::vector<Line> &lines);
-  static void findRegisters(lldb::SBValue &set, std::vector<Register> &registers);
-  static void appendTexts(Texts &texts, lldb::SBValue &set, std::vector<Register> &registers,
-                          const std::vector<Line> &lines);
-  static std::vector<std::vector<Line>> linesBySet(std::string_view listing);
+  bool isFormattedTextUsable(lldb::SBProcess &process);
+  bool areNamesCurrent(lldb::SBValueList &values) const;
+  void findNames(lldb::SBValueList &values);
 
   lldb::SBDebugger debugger;
   const std::size_t initialTypeFormats;
-  std::uint32_t processId = 0;  ///< of `sets`; LLDB's unique id of a process begins with 1
-  std::vector<std::vector<Register>> sets;
+  /// LLDB's unique ids, which begin with 1.
+  std::uint32_t processOfOwnServer = 0, processOfSets = 0;
+  std::vector<Set> sets;
+  /// Returns a line for each register of `sets`. It is empty for one that has no value. Null: LLDB
+  /// 14 to 17.
+  std::function<std::string(lldb::SBFrame &)> formatRegisters;
 };
