@@ -35,7 +35,9 @@ class LldbDap : public Subject {
     await([this] { return stops > 0; });
   }
   /// A session is one program's, so the next one needs a new lldb-dap.
-  void deleteProcess() override { ask("disconnect", {{"terminateDebuggee", true}}); }
+  void deleteProcess() override {
+    if (!exited) ask("disconnect", {{"terminateDebuggee", true}});  // it may have ended, too
+  }
   void afterDeletion() override { start(); }
 
   void breakAt(std::uint64_t address) override {
@@ -117,7 +119,10 @@ class LldbDap : public Subject {
   }
 
   void start() {
-    child.emplace(std::vector<std::string>{program}, Child::Pipes::StandardStreams);
+    // On one processor LLDB's parallel loading may stand still for a minute.
+    child.emplace(std::vector<std::string>{program, "--pre-init-command",
+                                           "settings set target.parallel-module-load false"},
+                  Child::Pipes::StandardStreams);
     initialized = exited = false;
     ask("initialize", {{"adapterID", "bench"}, {"supportsMemoryReferences", true}});
   }
