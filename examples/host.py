@@ -21,6 +21,8 @@ import threading
 
 
 class Helper:
+    TIMEOUT = 120  # seconds; connectRemote takes more than a minute where no connection comes about
+
     def __init__(self, program, **options):
         """Starts the helper. `options` go to subprocess.Popen: env, cwd, stderr and so on."""
         requests_out, requests_in = os.pipe()
@@ -67,7 +69,7 @@ class Helper:
         self.requests.flush()
 
     def _take(self, messages):
-        message = messages.get(timeout=60)
+        message = messages.get(timeout=self.TIMEOUT)
         if isinstance(message, EOFError):
             messages.put(message)  # for the next call
             raise message
@@ -88,4 +90,4 @@ class Helper:
     def close(self):
         """Ends the helper, which stops only at the end of its input. Send deleteProcess first if there is a process."""
         self.requests.close()
-        return self.child.wait(timeout=60)
+        return self.child.wait(timeout=self.TIMEOUT)

@@ -14,10 +14,10 @@ import termios
 import time
 
 import kit
-from kit import check, expect, inferior, settings
+from kit import HELPER, SOURCE, check, expect, inferior
 
-EXAMPLES = os.path.join(settings["source"], "examples")
-CONSOLE = [sys.executable, "-B", os.path.join(EXAMPLES, "console.py"), "--helper", settings["helper"]]
+EXAMPLES = os.path.join(SOURCE, "examples")
+CONSOLE = [sys.executable, "-B", os.path.join(EXAMPLES, "console.py"), "--helper", HELPER]
 WHERE = r"thread 1 \(steps\); 0x[0-9a-f]{16} "
 
 
@@ -59,15 +59,15 @@ def test_a_script():
 
 
 def test_a_failure_is_a_sentence_and_comes_at_once():
-    sample = os.path.join(os.path.dirname(settings["helper"]), "examples", "sample")
+    sample = os.path.join(os.path.dirname(HELPER), "examples", "sample")
     session = [*CONSOLE[:2], os.path.join(EXAMPLES, "session.py")]
     for command, environment, words in (
         (CONSOLE[:-1] + ["/nonexistent"], {}, "there is no /nonexistent"),
         (CONSOLE[:-1] + ["/bin/true"], {}, "lldb-helper has ended"),
         (session + ["/nonexistent", sample], {}, "the helper does not start"),
         (session + ["/bin/true", sample], {}, "the helper has ended; docs/troubleshooting.md"),
-        (session + [settings["helper"], "/nonexistent"], {}, "docs/troubleshooting.md explains"),
-        (session + [settings["helper"], sample], {"LLDB_DEBUGSERVER_PATH": "/nonexistent"}, "cannot create process: "),
+        (session + [HELPER, "/nonexistent"], {}, "docs/troubleshooting.md explains"),
+        (session + [HELPER, sample], {"LLDB_DEBUGSERVER_PATH": "/nonexistent"}, "cannot create process: "),
     ):
         output, status = run(command, env=os.environ | environment)
         check(words in output and "Traceback" not in output, output)
@@ -126,7 +126,7 @@ def test_a_terminal():
 
 
 def test_what_the_program_says_to_a_person():
-    helper = settings["helper"]
+    helper = HELPER
     for option, words in (("--help", "usage: lldb-helper INPUT OUTPUT"), ("--version", "lldb-helper 0.")):
         output, status = run([helper, option])
         check(output.startswith(words) and status == 0, output)

@@ -9,7 +9,7 @@ import tempfile
 
 from kit import *
 
-EXAMPLES = os.path.join(settings["source"], "examples")
+EXAMPLES = os.path.join(SOURCE, "examples")
 EXACT_PC = r"pc 0x[0-9a-f]{5,16}\b"
 
 
@@ -20,7 +20,7 @@ def helper_with_odd_library():
     script = os.path.join(folder, b"helper")
     with open(script, "wb") as file:
         file.write(b"#!/bin/sh\nexport ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0\nLD_PRELOAD=%b exec %b \"$@\"\n"
-                   % (library, settings["helper"].encode()))
+                   % (library, HELPER.encode()))
     os.chmod(script, 0o755)
     return script
 
@@ -30,7 +30,7 @@ def run_example(*command, shows=()):
     # Python writes to a pipe only at its end.
     options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True, "errors": "surrogateescape",
                "env": os.environ | {"PYTHONUNBUFFERED": "1"}}
-    host = subprocess.Popen([*command, helper_with_odd_library(), settings["sample"]], **options)
+    host = subprocess.Popen([*command, helper_with_odd_library(), f"{BUILD}/examples/sample"], **options)
     output = host.communicate(timeout=DEADLINE)[0]
     expect(host.returncode, 0, output)
     for pattern in ("Good morning, world!", "sample: 1 arguments", "exit status 3", r"b(\udcff|\\udcff)\.so", *shows):
@@ -54,10 +54,10 @@ def node():
 def test_python_c_and_cpp():
     run_example(sys.executable, os.path.join(EXAMPLES, "session.py"))
     for name in ("c", "cpp"):
-        run_example(os.path.join(settings["build"], f"example-{name}"), shows=[EXACT_PC])
+        run_example(os.path.join(BUILD + "/tests", f"example-{name}"), shows=[EXACT_PC])
 
 
 def test_node():
     run_example(node(), os.path.join(EXAMPLES, "session.js"), shows=[EXACT_PC, r"not in memory: \S+ 0xf{16}\b"])
-    numbers = os.path.join(settings["source"], "tests", "numbers.js")
-    subprocess.run([node(), numbers, settings["helper"], settings["sample"]], check=True, timeout=DEADLINE)
+    numbers = os.path.join(SOURCE, "tests", "numbers.js")
+    subprocess.run([node(), numbers, HELPER, f"{BUILD}/examples/sample"], check=True, timeout=DEADLINE)

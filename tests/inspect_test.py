@@ -1,7 +1,6 @@
 """Registers, memory, call stack and modules, compared with the kernel's view and with the files."""
 
 import os
-import signal
 
 from kit import *
 
@@ -33,24 +32,6 @@ def test_steps_go_into_over_and_out_of_calls(host):
         host.ok("deleteProcess")
 
 
-def test_registers_are_whole_and_most_significant_byte_first(host):
-    host.launch("steps")
-    host.run_to("leaf")
-    registers = host.ok("getRegisters")["registers"]
-    check(len(registers) > 50 and not any(name.startswith(("ymm", "zmm")) for name in registers), registers)
-    check("<error>" not in registers.values(), registers)
-    expect(int(registers[PC], 16), host.address("leaf"))
-    expect(len(registers[VECTOR]), 2 + 32)
-    value = " ".join(f"0x{byte:02x}" for byte in range(1, 17))
-    host.ok("executeCommand", cli=f'register write {VECTOR} "{{{value}}}"')
-    expect(host.ok("getRegisters")["registers"][VECTOR], "0x" + bytes(range(16, 0, -1)).hex())
-    # In an outer frame LLDB recovers few; of the others there is nothing to read.
-    host.ok("selectFrame", index=1)
-    outer = host.ok("getRegisters")["registers"]
-    expect((outer.keys(), outer[VECTOR], outer[PC][:2]), (registers.keys(), "<error>", "0x"))
-    check("0x" not in outer.values(), outer)
-
-
 def all_registers(host):
     """After a stop, a step, and changes by the host and by LLDB's command line; and of an outer frame."""
     registers = lambda: host.ok("getRegisters")["registers"]
@@ -61,7 +42,8 @@ def all_registers(host):
     yield registers()
     host.ok("setRegister", register=PLAIN, value="0x123456789abcdef")
     yield registers()
-    host.ok("executeCommand", cli=f'register write {VECTOR} "{{{" ".join(["0x5a"] * 16)}}}"')
+    value = " ".join(f"0x{byte:02x}" for byte in range(1, 17))
+    host.ok("executeCommand", cli=f'register write {VECTOR} "{{{value}}}"')
     yield registers()
     host.ok("selectFrame", index=1)
     yield registers()
@@ -69,10 +51,16 @@ def all_registers(host):
 
 def test_registers_read_at_once_are_those_read_one_by_one(host):
     at_once = list(all_registers(host))
+    filled, _, _, written, outer = at_once
+    check(len(filled) > 50 and not any(name.startswith(("ymm", "zmm")) for name in filled), filled)
+    expect((int(filled[PC], 16), "<error>" in filled.values()), (host.address("filled"), False))
+    expect(written[VECTOR], "0x" + bytes(range(16, 0, -1)).hex())
+    # In an outer frame LLDB recovers few; of the others there is nothing to read.
+    expect((outer.keys(), outer[VECTOR], "0x" in outer.values()), (filled.keys(), "<error>", False))
     host.ok("selectFrame")
     host.ok("setRegister", register=PLAIN, value="7")
     for change, value in (("add -f decimal", "7"), ("delete", "0x0000000000000007")):
-        host.ok("executeCommand", cli=f'type format {change} "unsigned long"')
+        host.cli(f'type format {change} "unsigned long"')
         expect(host.ok("getRegisters")["registers"][PLAIN], value)
     host.ok("deleteProcess")
     host.read_registers_plainly()
@@ -82,7 +70,7 @@ def test_registers_read_at_once_are_those_read_one_by_one(host):
 
 def test_memory_is_read_in_large_pieces_unless_a_person_has_chosen_a_size(host):
     for chosen, expected in (("512", "1024"), ("256", "256")):
-        host.ok("executeCommand", cli=f"settings set {PIECE_SIZE} {chosen}")
+        host.cli(f"settings set {PIECE_SIZE} {chosen}")
         host.launch("hello")
         expect(host.setting(PIECE_SIZE), expected)
         host.ok("deleteProcess")
@@ -92,36 +80,29 @@ def test_a_deep_call_stack_through_code_of_no_module(host):
     host.launch("recurse", "1000")
     host.run_to("bottom")
     stack = host.stack()
-    expect([frame.get("function") for frame in stack[:1004]], ["bottom", None, "end", *["recurse"] * 1000, "main"])
+    expect([frame.get("function") for frame in stack[:1003]], ["bottom", None, *["recurse"] * 1000, "main"])
     expect(stack[1], {"pc": stack[1]["pc"]})
-    expect({(frame["filename"], len(frame["uuid"]) > 10) for frame in [stack[0], *stack[2:1004]]}, {("recurse", True)})
+    names = [(frame["filename"], len(frame["uuid"]) > 10) for frame in (stack[0], *stack[2:])]
+    expect(names, [("recurse", True)] * 1002 + [("libc.so.6", True)] * (len(stack) - 1004) + [("recurse", True)])
 
 
-def stop_at_block(host, megabytes):
-    """Stops a program beside its block of memory. Returns where that begins and ends."""
-    host.launch("memory", str(megabytes))
+def test_memory_is_what_the_kernel_shows(host):
+    """A byte of memory becomes up to five bytes of text. lldb-helper holds that text twice at most."""
+    host.launch("memory", "8")
     host.resume_only()
     host.await_output("\r\n")
     host.ok("breakExecution")
     host.state("eStateStopped")
     start, size = map(int, host.output.split())
-    return start, start + size
-
-
-def expect_peak_below(host, kibibytes):
-    peak = status_figure(host.pid, "VmHWM")
-    check(peak < kibibytes or settings["sanitizer"], f"a peak of {peak} KiB, not {kibibytes}")
-
-
-def test_memory_is_what_the_kernel_shows(host):
-    start, end = stop_at_block(host, 1)
-    for address, length in ((start, 0), (start, 1), (start + 4090, 300), (end - 64, 64), (start + 1, 70000)):
-        memory = host.ok("readMemory", address=address, length=length)["memory"]
+    end, peak = start + size, lambda: status_figure(host.pid, "VmHWM")
+    for address, length in ((start, 0), (start, 1), (start + 4090, 300), (end - 64, 64), (start + 1, 70000), (start, size)):
+        before, memory = peak(), host.ok("readMemory", address=address, length=length)["memory"]
         check(bytes(memory) == peek(host.inferior_pid(), address, length), (address - start, length))
-    before = status_figure(host.pid, "VmHWM")
+        check(SANITIZER or peak() < before + (10 * length + (1 << 20)) // 1024, f"a peak of {peak()} KiB after {before}")
+    before = peak()
     for address, length in ((end - 8, 16), (end, 16), (0, 16), (start, -1), (start, -(2**31)), (start, 2**31 - 1)):
         expect(host.ask("readMemory", address=address, length=length), error("unable to read memory"))
-    expect_peak_below(host, before + 64 * 1024)
+    check(SANITIZER or peak() < before + 64 * 1024, f"a peak of {peak()} KiB after {before}")
     host.conformance.checks_requests = False
     for value, byte in ((255, 255), (256, 0), (511, 255), (-1, 255), (128, 128), ("7", 0), (1.9, 1), (2**32, 0)):
         host.ok("writeByte", address=start, value=77)
@@ -132,36 +113,20 @@ def test_memory_is_what_the_kernel_shows(host):
     check(message.startswith("unable to write memory: ") and message.endswith(" (state eStateStopped)"), message)
 
 
-def test_a_large_block_is_answered_within_bounds():
-    host = Host()
-    start, end = stop_at_block(host, 128)
-    host.reading.clear()
-    host.send(b'{"command": "readMemory", "address": %d, "length": %d}' % (start, end - start))
-    eventually(lambda: len(host.text) > end - start, "the answer is there")
-    numbers = [str(number) for number in range(256)]
-    pages = [", ".join(numbers[(at * 7 + page) % 256] for at in range(4096)) for page in range(256)]
-    check(host.text == ('{"memory": [' + ", ".join(pages * 128) + '], "status": "ok"}').encode(), "not the program's memory")
-    expect_peak_below(host, 1200 * 1024)
-    os.kill(host.pid, signal.SIGKILL)
-
-
 def test_modules_lie_where_the_kernel_put_them(host):
     host.conformance.checks_requests = False
     host.launch("steps")
     host.run_to("main")
-    bases = {os.path.basename(file): (start, file) for start, _, offset, file in mappings(host.inferior_pid()) if offset == 0}
+    bases = {os.path.basename(file): start for start, _, offset, file in mappings(host.inferior_pid()) if offset == 0}
     count = host.ok("moduleCount")["count"]
     modules = [host.ok("moduleAtIndex", index=index)["module"] for index in range(count)]
-    compared = 0
-    for module in modules:
-        check(module["is_valid"], module)
-        for section in module["sections"]:
-            if section["loadAddr"] != NOWHERE and module.get("filename") in bases:
-                expect(section["loadAddr"] - section["fileAddr"], bases[module["filename"]][0], section)
-                compared += 1
-    check(compared > 5, modules)
-    steps = next(module for module in modules if module.get("filename") == "steps")
-    expect(host.ok("moduleForFile", file=bases["steps"][1])["module"], steps)
+    loaded = [(module["filename"], section) for module in modules for section in module["sections"]
+              if section["loadAddr"] != NOWHERE and module.get("filename") in bases]  # fmt: skip
+    check(len(loaded) > 5 and all(module["is_valid"] for module in modules), modules)
+    for name, section in loaded:
+        expect(section["loadAddr"] - section["fileAddr"], bases[name], section)
+    steps = host.ok("moduleForFile", file=host.program)["module"]
+    check(steps["filename"] == "steps" and steps in modules, steps)
     # What is not loaded has no size in memory, but one in the file.
     debug = next(section for section in steps["sections"] if section.get("name") == ".debug_info")
     check(debug["loadAddr"] == NOWHERE and debug["byteSize"] == 0 < debug["fileByteSize"], debug)

@@ -4,6 +4,7 @@ import collections
 import functools
 import json
 import os
+import queue
 import sys
 import threading
 
@@ -11,11 +12,12 @@ import jsonschema
 
 from machine import *
 
-SCHEMA = json.loads(read(os.path.join(settings["source"], "docs", "protocol.schema.json")))
-sys.path.insert(0, os.path.join(settings["source"], "examples"))
+sys.path.insert(0, f"{SOURCE}/examples")
 from host import Helper  # noqa: E402
 
 OK = {"status": "ok"}
+SCHEMA = json.loads(read(f"{SOURCE}/docs/protocol.schema.json"))
+LONGEST = 1 << 18  # a longer message is counted, not checked: shorter ones have the same form
 
 
 def error(message):
@@ -28,44 +30,39 @@ def validator(part):
     return jsonschema.validators.validator_for(SCHEMA)({"$defs": SCHEMA["$defs"], "$ref": f"#/$defs/{part}"})
 
 
+@functools.lru_cache(256)  # floods repeat themselves
+def conform(part, text):
+    problem = jsonschema.exceptions.best_match(validator(part).iter_errors(json.loads(text)))
+    check(problem is None, problem and f"not as the schema has {part}: {text[:500]!r}: {problem.message[:500]}")
+
+
 class Conformance:
     """Checks each message of one conversation against docs/protocol.schema.json, a response by its request."""
-
-    LONGEST = 1 << 18  # a longer message is counted, not read: shorter ones have the same form
 
     def __init__(self, checks_requests):
         self.checks_requests = checks_requests
         self.asked = collections.deque()
-        self.known = set()  # floods repeat themselves
-
-    def check(self, part, text, message):
-        if (part, text) not in self.known:
-            problem = jsonschema.exceptions.best_match(validator(part).iter_errors(message))
-            check(problem is None, problem and f"not as the schema has {part}: {text[:500]!r}: {problem.message[:500]}")
-            self.known |= {(part, text)} if len(text) < 1000 else set()
 
     def sent(self, text):
-        if len(text) >= self.LONGEST:
-            return self.asked.append("response")
         try:
-            request = json.loads(text.split(b"\0")[0])
-        except ValueError:
-            request = None
-        command = request.get("command") if isinstance(request, dict) else None
-        is_known = isinstance(command, str) and command in SCHEMA["$defs"]["requests"]
-        if self.checks_requests:
+            command = json.loads(text.split(b"\0")[0])["command"] if len(text) < LONGEST else None
+            is_known = command in SCHEMA["$defs"]["requests"]
+        except (ValueError, TypeError, KeyError):
+            is_known = False
+        if self.checks_requests and len(text) < LONGEST:
             check(is_known, f"no host should send {text[:500]!r}")
-            self.check(f"requests/{command}", text, request)
+            conform(f"requests/{command}", text.decode())
         self.asked.append(f"responses/{command}" if is_known else "response")
 
     def received(self, text):
-        message = json.loads(text.decode(errors="surrogateescape")) if len(text) < self.LONGEST else {}
+        text = text.decode(errors="surrogateescape")
+        message = json.loads(text) if len(text) < LONGEST else {}
         if message.get("status") == "event":
-            return self.check(f"events/{message.get('type')}", text, message)
+            return conform(f"events/{message.get('type')}", text)
         check(self.asked, f"nobody asked for {text[:500]!r}")
         part = self.asked.popleft()
         if message and not validator("responses/*").is_valid(message):  # the request loop's own answers
-            self.check(part, text, message)
+            conform(part, text)
 
 
 # LLDB's settings for reading.
@@ -76,36 +73,28 @@ PIECE_SIZE = "target.process.memory-cache-line-size"
 class Host(Helper):
     """A host that checks every message, and takes events in order. None is dropped."""
 
-    def __init__(self, program=settings["helper"], reads=True, checks_requests=True, prepare=lambda: None, **options):
+    def __init__(self, program=HELPER, checks_requests=True, prepare=lambda: None, **options):
         self.conformance = Conformance(checks_requests)
         self.history = []
         self.output = ""
         self.symbols = None  # the file that has the symbols, where the program has none
+        self.problem = Failure("the helper has closed its output")
         self.reading = threading.Event()  # clear for a host that does not read
-        if reads:
-            self.reading.set()
+        self.reading.set()
         super().__init__(program, preexec_fn=lambda: (die_with_parent(), prepare()), **options)
         self.pid = self.child.pid
 
     def _read(self):
-        self.reading.wait()
         try:
             super()._read()
-            problem = Failure("the helper has closed its output")
         except Exception as found:
-            problem = found
-        self.events.put(problem)
-        self.responses.put(problem)
+            self.problem = found
 
     def receive(self):
-        self.checked_text()
-        self.reading.wait()
-        return self.text
-
-    def checked_text(self):
         self.text = super().receive()
         if self.text:
             self.conformance.received(self.text)
+        self.reading.wait()
         return self.text
 
     def send(self, *texts):
@@ -115,22 +104,17 @@ class Host(Helper):
         self.requests.write(b"".join(len(text).to_bytes(4, sys.byteorder) + text for text in texts))
         self.requests.flush()
 
-    def taken(self, messages):
+    def _take(self, messages):
         try:
-            message = messages.get(timeout=DEADLINE)
-        except Exception:
+            self.history.append(super()._take(messages))
+        except EOFError:
+            raise self.problem from None
+        except queue.Empty:
             raise Failure("the helper says nothing") from None
-        if isinstance(message, Exception):
-            messages.put(message)
-            raise message
-        self.history.append(message)
-        return message
+        return self.history[-1]
 
     def response(self):
-        return self.taken(self.responses)
-
-    def next_event(self):
-        return self.taken(self.events)
+        return self._take(self.responses)
 
     def ask_all(self, *requests):
         """Sends requests without ids in one write, and returns their responses."""
@@ -192,9 +176,17 @@ class Host(Helper):
         self.resume_only(how)
         return self.state(to)
 
-    def start_waiting(self):
-        """Starts a program that waits."""
-        self.launch("wait")
+    def launch_flood(self, lines):
+        """Launches a program that writes numbered lines in large pieces. Returns what will arrive."""
+        text = "".join(f"{line:07}\n" for line in range(lines))
+        with open(f"{os.environ['TMPDIR']}/lines", "w") as file:
+            file.write(text)
+        self.launch("/bin/cat", f'"{file.name}"')
+        return text.replace("\n", "\r\n")
+
+    def start_waiting(self, program="wait"):
+        """Runs a program until it waits."""
+        self.launch(program)
         self.resume_only()
         self.await_output("ready\r\n")
 
@@ -205,14 +197,19 @@ class Host(Helper):
         self.ok("deleteProcess")
         return self.output, status
 
+    def cli(self, line):
+        """Runs a line of LLDB's command line, which must succeed. Returns its output."""
+        answer = self.ok("executeCommand", cli=line)
+        check(answer["succeeded"], (line, answer))
+        return answer.get("output", "")
+
     def setting(self, name):
-        """The value of a setting of LLDB's."""
-        return self.ok("executeCommand", cli=f"settings show {name}")["output"].split()[-1]
+        return self.cli(f"settings show {name}").split()[-1]
 
     def read_registers_plainly(self):
-        """Each by a packet and as a value of its own. LLDB reads them so by default."""
-        for line in (f"settings set {AT_ONCE} false", "type format add -f hex unused_type"):
-            self.ok("executeCommand", cli=line)
+        """Has each register read by a packet and as a value of its own, as LLDB does by default."""
+        self.ok("executeCommand", cli=f"settings set {AT_ONCE} false")
+        self.cli("type format add -f hex unused_type")
 
     def run_to(self, function):
         self.ok("setBreakpointAtVirtualAddress", address=self.address(function))

@@ -1,10 +1,9 @@
 """What tests learn from the machine, not from the helper: processes, programs, memory as the kernel shows it.
 
-LLDB_HELPER_TESTS names a JSON file that the build writes: where the helper, the inferiors and the rest are.
+LLDB_HELPER_TESTS names the folder of the build, LLDB_HELPER another helper than the build's.
 """
 
 import ctypes
-import json
 import os
 import re
 import shutil
@@ -20,7 +19,10 @@ def read(path):
         return file.read()
 
 
-settings = json.loads(read(os.environ["LLDB_HELPER_TESTS"]))
+BUILD = os.environ["LLDB_HELPER_TESTS"]
+CACHE = dict(re.findall(r"^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt"), re.M))
+SOURCE, SANITIZER = CACHE["CMAKE_HOME_DIRECTORY"], CACHE["LLDB_HELPER_SANITIZE"]
+HELPER = os.environ.get("LLDB_HELPER", f"{BUILD}/lldb-helper")
 DEADLINE = 60  # seconds, for whatever is awaited
 ARM = os.uname().machine == "aarch64"
 PC, PLAIN, VECTOR = ("pc", "x19", "v0") if ARM else ("rip", "rbx", "xmm0")
@@ -120,7 +122,7 @@ def server(*command):
 
 
 def inferior(name):
-    return os.path.join(settings["inferiors"], name)
+    return f"{BUILD}/tests/inferiors/{name}"
 
 
 def symbol(program, name):

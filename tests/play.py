@@ -13,19 +13,18 @@ A block below a heading is a session with a helper of its own.
     $ launch steps one two              prepares and creates tests/inferiors/steps, up to the stop at its entry
     $ run to steps:leaf                 sets a breakpoint there, continues, and waits for the stop
     $ continue                          continues; eStateRunning comes, then the events of the lines after it
-    $ lldb-server gdbserver :«port» …   starts a server, or a program (without «port»): «pid»
+    $ lldb-server gdbserver :«port» …   starts a server; any other program prints a line when it is ready: «pid»
 
 State events must be exactly these, in this order. Output must be complete before an exit, in any pieces. The named modules
 must be loaded; others may. At the end the runner deletes a process that remains, and the helper must end with status 0.
 
 The names «inferiors», «folder» (empty, the session's own), «PC», «PLAIN» (registers), «pid» and «port» have their values.
-«steps:leaf» is the address of a function of the running program, «hex steps:leaf» in hexadecimal digits, «reg steps:leaf» in
-16 of them. «=name» matches a number or text and keeps it as «name», «name+5» adds; any other name matches anything.
+«steps:leaf» is the address of a function of the running program. «=name» matches a number or text and keeps it as «name».
+«name+5» adds, and «name|x» is a number in one of Python's forms. Any other name matches anything.
 
 A block that begins with "$ lldb-helper" is a console session: lines after "> " are its input, the rest is its output.
 """
 
-import collections
 import difflib
 import itertools
 import json
@@ -37,12 +36,12 @@ import sys
 import tempfile
 
 import kit
-from kit import Failure, Host, check, settings
+from kit import HELPER, Failure, Host, check, inferior
 
 # --- The short forms ----------------------------------------------------------------------------------
 
 
-def as_object(*members):
+def as_object(members):
     return "{" + ", ".join(f'"{key}": {value}' for key, value in members) + "}"
 
 
@@ -54,29 +53,24 @@ def members(text):
 
 def request_text(line):
     command, _, rest = line.partition(" ")
-    is_short = re.match(r"\w+( \w+=|$)", line)
-    return as_object(("command", f'"{command}"'), *members(rest)) if is_short else line
+    return as_object([("command", f'"{command}"'), *members(rest)]) if re.match(r"\w+( \w+=|$)", line) else line
 
 
-def response_text(line):
+def message_text(line):
+    """The text of a response or an event."""
     kind, _, rest = line.partition(" ")
+    event = [("status", '"event"'), ("type", '"state"' if kind.startswith("eState") else '"stdout"')]
     if kind == "ok":
-        return as_object(*sorted([("status", '"ok"'), *members(rest)]))
-    return as_object(("message", f'"{rest}"'), ("status", '"error"')) if kind == "error" else line
-
-
-def event_text(line):
-    kind, _, rest = line.partition(" ")
+        return as_object(sorted([("status", '"ok"'), *members(rest)]))
+    if kind == "error":
+        return as_object([("message", f'"{rest}"'), ("status", '"error"')])
     if kind.startswith("eState"):
+        status = [("exit_status", rest)] if rest else []
         number = kit.SCHEMA["$defs"]["stateName"]["enum"].index(kind)
-        state = [("exit_status", rest)] if rest else []
-        state += [("inferior_state", number), ("state_desc", f'"{kind}"')]
-        return as_object(*state, ("status", '"event"'), ("type", '"state"'))
+        return as_object([*status, ("inferior_state", number), ("state_desc", f'"{kind}"'), *event])
     if kind == "output":
-        return as_object(("output", f'"{json.loads(rest).encode().hex()}"'), ("status", '"event"'), ("type", '"stdout"'))
-    if kind == "moduleLoaded":
-        return f'{{"modules": [«…»"file": "{rest}"«…»], "status": "event", "type": "moduleLoaded"}}'
-    return line
+        return as_object([("output", f'"{json.loads(rest).encode().hex()}"'), *event])
+    return f'{{"modules": [«…»"file": "{rest}"«…»], «…»"moduleLoaded"}}' if kind == "moduleLoaded" else line
 
 
 # --- Playing ------------------------------------------------------------------------------------------
@@ -98,42 +92,27 @@ def frame(text):
     return (len(text.encode()).to_bytes(4, sys.byteorder) + text.encode()).hex(" ")
 
 
-class Turn:
-    """Requests that go out in one write, and what the page has of what comes then."""
-
-    def __init__(self, lines):
-        def taken(*signs):
-            """The rests of the lines with these signs; one that ends in "×3" three times."""
-            found = [re.fullmatch(r"(.*?)(?: ×(\d+))?", line[3:]) for line in lines if line.startswith(signs)]
-            return [match[1] for match in found for _ in range(int(match[2] or 1))]
-
-        self.requests = [request_text(line) for line in taken("-> ", "!> ")]
-        self.is_wrong = any(line.startswith("!> ") for line in lines)
-        self.responses = [response_text(line) for line in taken("<- ")]
-        self.sent, self.received = taken("=> "), taken("<= ")
-        events = [event_text(line[2:]) for line in lines if line.startswith("* ")]
-        self.states, self.output = states_of(events), output_of(events)
-        self.modules = [event for event in events if '"type": "module' in event]
-        check(len(self.requests) == len(self.responses), f"as many responses as requests, please: {lines}")
-
-
 class Session(Host):
     compares = True
 
     def __init__(self):
-        super().__init__(reads=False)
-        self.names = {"inferiors": settings["inferiors"], "folder": tempfile.mkdtemp(), "PC": kit.PC, "PLAIN": kit.PLAIN}
+        super().__init__()
+        self.names = {"inferiors": inferior("")[:-1], "folder": tempfile.mkdtemp(), "PC": kit.PC, "PLAIN": kit.PLAIN}
         self.events = []  # that no turn has claimed yet
+
+    def _run(self):
+        pass  # the player reads
 
     def value(self, name):
         """The value of a name; the name itself if it matches anything."""
-        form, place, offset = re.fullmatch(r"(?:(hex|reg) )?([^+]*)\+?(\d*)", name).groups()
+        place, offset, form = re.fullmatch(r"([^+|]*)\+?(\d*)\|?(.*)", name).groups()
         if ":" in place:
             program, function = place.split(":")
-            self.program = kit.inferior(program)
-            return {None: "{}", "hex": "{:x}", "reg": "0x{:016x}"}[form].format(self.address(function))
-        value = self.names.get(place, f"«{name}»")
-        return "0x{:016x}".format(int(value)) if form == "reg" else str(int(value) + int(offset) if offset else value)
+            self.program = inferior(program)
+            value = self.address(function)
+        else:
+            value = self.names.get(place, f"«{name}»")
+        return format(int(value) + int(offset or 0), form) if offset or form else str(value)
 
     def fill_in(self, text):
         return re.sub("«([^»=]+)»", lambda match: self.value(match[1]), text)
@@ -151,7 +130,7 @@ class Session(Host):
 
     def next_text(self):
         signal.alarm(kit.DEADLINE)
-        text = self.checked_text()
+        text = self.receive()
         signal.alarm(0)
         check(text, "the helper has closed its output")
         return text.decode(errors="surrogateescape")
@@ -161,51 +140,46 @@ class Session(Host):
             self.events.append(text)
         return json.loads(text)
 
-    def take(self, turn):
-        """Sends the turn's requests and reads until as much has come as the page has."""
-        requests, came = [self.fill_in(text) for text in turn.requests], []
-        self.conformance.checks_requests = not turn.is_wrong
+    def take(self, lines):
+        """Sends the requests of these lines in one write. Reads until as much has come as the lines have, and compares."""
+
+        def rests(*signs):
+            """Of the lines with these signs; one that ends in "×3" three times."""
+            found = [re.fullmatch(r"\S+ (.*?)(?: ×(\d+))?", line) for line in lines if line.startswith(signs)]
+            return [match[1] for match in found for _ in range(int(match[2] or 1))]
+
+        requests = [self.fill_in(request_text(line)) for line in rests("->", "!>")]
+        responses, events = ([message_text(line) for line in rests(sign)] for sign in ("<-", "*"))
+        check(len(requests) == len(responses), f"as many responses as requests, please: {lines}")
+        self.conformance.checks_requests = not any(line.startswith("!>") for line in lines)
         self.send(*(text.encode() for text in requests))
-        problem = ""
+        came, problem = [], ""
         try:
-            while len(came) - sum(map(is_event, came)) < len(requests) or not self.has_come(turn):
+            while len(came) - sum(map(is_event, came)) < len(requests) or not self.have_come(events):
                 came.append(self.next_text())
                 self.events += [came[-1]] if is_event(came[-1]) else []
         except Failure as failure:
             problem = str(failure)
-        events, self.events = self.events, []
-        if self.compares or problem:
-            self.compare(turn, requests, [text for text in came if not is_event(text)], events, problem)
-        return requests, came
-
-    def has_come(self, turn):
-        return (
-            len(states_of(self.events)) >= len(turn.states)
-            and len(output_of(self.events)) >= len(turn.output)
-            and all(any(self.matches(module, event) for event in self.events) for module in turn.modules)
-        )
-
-    def compare(self, turn, requests, responses, events, problem):
-        """Shows differences, and the equal lines around them."""
-        exits = [at for at, event in enumerate(events) if "eStateExited" in event]
-        output = output_of(events[: exits[-1]] if exits else events)
-        pairs = [*zip(turn.sent, map(frame, requests)), *zip(turn.received, map(frame, responses))]
-        pairs += itertools.zip_longest(turn.responses, responses, fillvalue="(nothing)")
-        pairs += itertools.zip_longest(turn.states, states_of(events), fillvalue="(nothing)")
-        pairs += [(f"output {turn.output!r}", f"output {output!r}")]
+        answers = [text for text in came if not is_event(text)]
+        exits = [at for at, event in enumerate(self.events) if "eStateExited" in event]
+        outputs = [output_of(texts) for texts in (events, self.events[: exits[-1]] if exits else self.events)]
+        pairs = [*zip(rests("=>", "<="), map(frame, itertools.chain(*zip(requests, answers))))]
+        pairs += itertools.zip_longest(responses, answers, fillvalue="(nothing)")
+        pairs += itertools.zip_longest(states_of(events), states_of(self.events), fillvalue="(nothing)")
+        pairs += [tuple(f"output {output!r}" for output in outputs)]
         rows = [(self.matches(*pair), self.fill_in(pair[0]), pair[1]) for pair in pairs]
-        if problem or not all(is_same for is_same, _, _ in rows):
+        if problem or self.compares and not all(is_same for is_same, _, _ in rows):
             shown = [f"    {came}" if is_same else f"  - {wanted}\n  + {came}" for is_same, wanted, came in rows]
             raise Failure("\n".join([problem, *(f"    {text}" for text in requests), *shown]))
+        self.events = []
+        return requests, came
 
-    def start(self, words):
-        """Starts a server, or a program that prints a line when it is ready."""
-        words = [self.fill_in(word).replace("«port»", "PORT") for word in words]
-        if any("PORT" in word for word in words):
-            words[0] = settings.get(words[0], words[0])
-            _, self.names["port"] = kit.server(*words)
-        else:
-            self.names["pid"] = kit.Program(*words).pid
+    def have_come(self, events):
+        return (
+            len(states_of(self.events)) >= len(states_of(events))
+            and len(output_of(self.events)) >= len(output_of(events))
+            and all(any(self.matches(event, came) for came in self.events) for event in events if '"moduleLoaded"' in event)
+        )
 
     def instruct(self, line):
         """What a line that begins with "$" asks for, as turns."""
@@ -215,14 +189,17 @@ class Session(Host):
             yield ["-> continueExecution", "<- ok", "* eStateRunning", *events]
         elif name == "launch":
             program, _, arguments = rest.partition(" ")
-            preparation = {"command": "prepareExecutable", "path": kit.inferior(program), "args": self.fill_in(arguments)}
+            preparation = {"command": "prepareExecutable", "path": inferior(program), "args": self.fill_in(arguments)}
             yield [f"-> {json.dumps(preparation, ensure_ascii=False)}", "<- ok"]
             yield ["-> createProcess", "<- ok", "* eStateStopped"]
         elif name == "run":
             yield [f"-> setBreakpointAtVirtualAddress address=«{rest.split()[-1]}»", "<- ok bkpt_id=«id» bl0=«location»"]
             yield ["-> continueExecution", "<- ok", "* eStateRunning", "* eStateStopped"]
+        elif name == "lldb-server":
+            words = [self.fill_in(word).replace("«port»", "PORT") for word in shlex.split(rest)]
+            _, self.names["port"] = kit.server(kit.CACHE["LLDB_SERVER"], *words)
         else:
-            self.start(shlex.split(line))
+            self.names["pid"] = kit.Program(*(self.fill_in(word) for word in shlex.split(line))).pid
 
     def play(self, lines):
         """Yields each turn's lines, its requests, and the messages that came."""
@@ -231,24 +208,24 @@ class Session(Host):
         for text in turns:
             if text.startswith("$ "):
                 for turn in self.instruct(text[2:]):
-                    self.take(Turn(turn))
+                    self.take(turn)
                 yield text, None, []
             else:
-                yield text, *self.take(Turn(text.strip("\n").split("\n")))
+                yield text, *self.take(text.strip("\n").split("\n"))
 
     def finish(self):
         self.end()
-        self.events += iter(lambda: self.checked_text().decode(errors="surrogateescape"), "")
+        self.events += iter(lambda: self.receive().decode(errors="surrogateescape"), "")
         check(not states_of(self.events), f"more has come than the page has: {self.events}")
 
 
 def play_console(block):
     """Messages end without a line end; each begins a line on the page."""
-    typed = "".join(line[2:] + "\n" for line in block if line.startswith("> "))
-    command = [settings["helper"], *block[0].split()[2:]]
-    output = subprocess.run(command, input=typed.encode(), stdout=subprocess.PIPE, timeout=kit.DEADLINE, check=True).stdout
-    output = re.sub(r"(?<!\n)(INPUT|OUTPUT): ", r"\n\1: ", output.decode())
-    return [block[0], *(line for line in block if line.startswith("> ")), *output.strip("\n").splitlines()]
+    typed = [line for line in block if line.startswith("> ")]
+    data = "".join(line[2:] + "\n" for line in typed).encode()
+    output = subprocess.run([HELPER, *block[0].split()[2:]], input=data, stdout=subprocess.PIPE, timeout=kit.DEADLINE, check=True)
+    lines = re.sub(r"(?<!\n)(INPUT|OUTPUT): ", r"\n\1: ", output.stdout.decode()).strip("\n").splitlines()
+    return [block[0], *typed, *lines]
 
 
 def blocks(path):
@@ -261,19 +238,17 @@ def blocks(path):
 
 
 def play(path, name):
-    """Plays the sessions below the headings with this name; "-" stands for what is no letter or digit there."""
-    found = [lines for heading, lines, is_block in blocks(path) if is_block and re.sub(r"\W+", "-", heading) == name]
-    check(found, f"there is no session {name}")
+    """Plays the sessions below the headings with this name."""
 
     def give_up(*_):
         raise Failure("the helper says nothing more")
 
     signal.signal(signal.SIGALRM, give_up)
-    for lines in found:
+    for lines in [lines for heading, lines, is_session in blocks(path) if is_session and heading == name]:
         if lines[0].startswith("$ lldb-helper"):
             came = play_console(lines)
             check(came == lines, "\n" + "\n".join(difflib.ndiff(lines, came)))
         else:
             session = Session()
-            collections.deque(session.play(lines), maxlen=0)
+            list(session.play(lines))
             session.finish()

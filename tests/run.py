@@ -1,43 +1,59 @@
-"""Runs one test: a session of a page, or a function of a Python file. A function with a parameter gets a host, which must end with status 0.
+"""The tests beside the unit tests: the sessions of pages and the test_ functions of Python files.
 
-Usage: run.py PAGE|FILE NAME        (see machine.py for what the environment must hold; ctest knows it)
+Usage: run.py BUILD          prints them for ctest, as CMake commands
+       run.py BUILD NAME     runs one, in a folder of its own; no process that it starts outlives it
+
+A function with a parameter gets a host, which must end with status 0.
 """
 
 import contextlib
+import functools
+import glob
 import importlib
 import os
+import re
 import signal
 import sys
 import tempfile
 
-import kit
-import play
+os.environ["LLDB_HELPER_TESTS"] = os.path.abspath(sys.argv[1])
+HERE = os.path.dirname(os.path.abspath(__file__))
+import kit  # noqa: E402
+import play  # noqa: E402
 
 
-def run(path, name):
-    if path.endswith(".md"):
-        return play.play(path, name)
-    sys.path.insert(0, os.path.dirname(path))
-    test = getattr(importlib.import_module(os.path.basename(path)[: -len(".py")]), name)
-    if test.__code__.co_argcount == 0:
-        return test()
+def run(function):
+    if function.__code__.co_argcount == 0:
+        return function()
     host = kit.Host()
-    test(host)
+    function(host)
     host.end()
 
 
-def main(path, name):
+def tests():
+    """The name and the function of each test. A name is the file's, a dot, and the words of the heading or function."""
+    name = lambda path, words: os.path.basename(path).partition(".")[0] + "." + re.sub("[^A-Za-z0-9]+", "-", words)
+    for path in glob.glob(f"{HERE}/sessions/*.md") + glob.glob(f"{HERE}/../docs/transcripts/*.md"):
+        for heading in dict.fromkeys(heading for heading, _, is_session in play.blocks(path) if is_session):
+            yield name(path, heading), functools.partial(play.play, path, heading)
+    for path in glob.glob(f"{HERE}/*_test.py"):
+        for words, function in vars(importlib.import_module(os.path.basename(path)[:-3])).items():
+            if words.startswith("test_"):
+                yield name(path.replace("_test.py", "."), words[5:]), functools.partial(run, function)
+
+
+def main(test):
     # What the helper leaves when it dies becomes this process's child, so that it can be ended.
     pr_set_child_subreaper = 36
     kit.libc.prctl(pr_set_child_subreaper, 1)
     with tempfile.TemporaryDirectory() as own:
         os.environ["TMPDIR"] = tempfile.tempdir = own
         try:
-            run(path, name)
+            dict(tests())[test]()
         except kit.NotTested as reason:
             print(f"NOT TESTED: {reason}")
         except kit.Failure as failure:
-            sys.exit(f"{os.path.basename(path)}: {name}: {failure}")
+            sys.exit(f"{test}: {failure}")
         finally:
             while left := kit.descendants(os.getpid()):
                 for pid in left:
@@ -45,4 +61,8 @@ def main(path, name):
                         os.kill(pid, signal.SIGKILL)
 
 
-main(*sys.argv[1:])
+if len(sys.argv) > 2:
+    sys.exit(main(sys.argv[2]))
+for test, _ in sorted(tests()):
+    print(f'add_test("{test}" "{sys.executable}" -B "{__file__}" "{sys.argv[1]}" "{test}")')
+    print(f'set_tests_properties("{test}" PROPERTIES TIMEOUT 300 SKIP_REGULAR_EXPRESSION "NOT TESTED")')

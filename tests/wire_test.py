@@ -20,7 +20,7 @@ def frame(text):
 
 def said(arguments, data):
     """What a helper with these arguments and this standard input writes to its standard output."""
-    command = [settings["helper"], *arguments]
+    command = [HELPER, *arguments]
     return subprocess.run(command, input=data, stdout=subprocess.PIPE, timeout=DEADLINE, check=True).stdout
 
 
@@ -51,18 +51,19 @@ def test_a_refused_length_does_not_wait_for_its_text():
     expect(host.child.wait(DEADLINE), 0)
 
 
-def test_prompts_do_not_eat_console_lines():
-    lines = (f'target create "{inferior("hello")}"', "breakpoint set -n main", "breakpoint delete", "script", "expression",
-             "platform shell cat")
-    ping = '{"command":"ping","id":4711}\n'
-    typed = "".join(json.dumps({"command": "executeCommand", "cli": line}) + "\n" + ping for line in lines)
-    expect(said([], typed.encode()).count(b'OUTPUT: {"id": 4711, "status": "ok"}'), 6)
+def test_the_console():
+    for arguments in ([], ["7"], ["7", "8", "9"]):
+        expect(said(arguments, PING), b'INPUT: {"command":"ping"}\nOUTPUT: {"status": "ok"}')
+    # Prompts do not take lines.
+    lines = ("breakpoint set -n main", "breakpoint delete", "script", "expression", "platform shell cat")
+    typed = "".join(json.dumps({"command": "executeCommand", "cli": line}) + "\n" + PING.decode() + "\n" for line in lines)
+    expect(said([HELPER], typed.encode()).count(b'OUTPUT: {"status": "ok"}'), len(lines))
 
 
 def test_descriptors_that_cannot_be_used():
     for arguments in (["77", "78"], ["0", "78"], ["77", "1"], ["-1", "1"]):
         read, write = os.pipe()  # the requests' end can be read, not written
-        run = subprocess.run([settings["helper"], *arguments], stdin=read, capture_output=True, timeout=DEADLINE)
+        run = subprocess.run([HELPER, *arguments], stdin=read, capture_output=True, timeout=DEADLINE)
         complaint = f"lldb-helper: cannot use descriptors {arguments[0]} and {arguments[1]} as input and output\n"
         expect((run.returncode, run.stderr.decode()), (1, complaint))
 
@@ -96,7 +97,7 @@ def test_every_command_takes_arguments_of_every_kind(host):
 
 
 def test_the_reference_the_schema_and_the_table_name_the_same_commands():
-    source = lambda name: read(os.path.join(settings["source"], name))
+    source = lambda name: read(os.path.join(SOURCE, name))
     code, table = source("src/channel/Dispatcher.cpp").split("const Command commands[]")
     rows = re.split(r'\{"(\w+)",', table)
     in_code = {name: set(re.findall(r'r\["(\w+)"\]', row)) for name, row in zip(rows[1::2], rows[2::2])}
@@ -116,57 +117,37 @@ def test_the_reference_the_schema_and_the_table_name_the_same_commands():
 # --- The log ------------------------------------------------------------------------------------------
 
 
-def records(*requests):
-    """What a helper logs, without its two records of the start, while it answers these requests."""
-    file = os.path.join(tempfile.mkdtemp(), "log")
-    host = Host(env=shim(SYSLOG_FILE=file), checks_requests=False)
-    for request in requests:
-        host.ask_all(request)
-    expect(host.close(), 0)
-    found = read(file).split("\x1e")[:-1]
-    user, notice = 8, 5
-    texts = [record.removeprefix(f"lldb-helper {user | notice} ") for record in found]
-    check(all(text != record for text, record in zip(texts, found)), found)
-    expect(texts[0], "\n\n-------------- STARTING --------------\n")
-    check(re.fullmatch(r"Debugger version: lldb version (.|\n)*\n", texts[1]), texts[1])
-    return texts[2:]
-
-
-def test_the_log_of_errors_and_of_a_launch():
-    prepare = {"command": "prepareExecutable", "path": "/bin/true", "triple": "", "is64Bits": True}
-    logged = records("ping", "hasProcess", "getProcessState", {"command": "x%s%n"}, prepare, "createProcess",
-                     "deleteProcess", {"command": "prepareExecutable", "path": "/bin/true"})
-    # The event thread's records fall where they fall.
-    expect([record for record in logged if record.startswith("State changed to ")], ["State changed to eStateStopped"])
-    expect([record for record in logged if not record.startswith("State changed to ")], [
-        "Error in hasProcess: no process",
-        "Error in getProcessState: no target",
-        "Error in handleRequest: unknown command 'x%s%n'",
-        "Preparing executable /bin/true, 64bit",
-        "Building launchinfo\n",
-        "About to launch target\n",
-        "Restarting event thread\n",
-        "Starting to wait for process to change state",
-        "Process current state eStateStopped\n",
-        "Process is ready with final state eStateStopped\n",
-        "Preparing executable /bin/true, 32bit",
-    ])
-
-
-def test_the_log_of_connections_and_of_an_attach():
+def test_the_log():
     """A connection is watched for a second. A kernel is reached through two command lines."""
-    steps = [f"step {step}: eState" for step in range(10)]
-    refused = "Error in connectRemote: cannot connect to remote, invalid process"
-    for request, wanted in (
-        ({"command": "connectRemote", "plugin": "gdb-remote", "url": "no-such-scheme://"},
-         [*steps, "Cannot connect: ", refused]),
-        ({"command": "connectRemote", "plugin": "kdp-remote", "url": "a url", "file": "/bin/true"},
-         ['target create "/bin/true"\n', 'process connect --plugin kdp-remote "a url"\n', *steps, refused]),
-        ({"command": "attachToProcess", "pid": 2**22 + 1},
+    refused = [*(f"step {step}: eState" for step in range(10)), "Error in connectRemote: cannot connect to remote, invalid process"]
+    true = {"command": "prepareExecutable", "path": "/bin/true", "triple": ""}
+    for requests, wanted in (
+        (["ping", "hasProcess", "getProcessState", {"command": "x%s%n"}, true | {"is64Bits": True}, "createProcess",
+          "deleteProcess", true],
+         ["Error in hasProcess: no process", "Error in getProcessState: no target",
+          "Error in handleRequest: unknown command 'x%s%n'", "Preparing executable /bin/true, 64bit", "Building launchinfo\n",
+          "About to launch target\n", "Restarting event thread\n", "Starting to wait for process to change state",
+          "Process current state eStateStopped\n", "Process is ready with final state eStateStopped\n",
+          "Preparing executable /bin/true, 32bit", "State changed to eStateStopped"]),
+        ([{"command": "connectRemote", "plugin": "gdb-remote", "url": "no-such-scheme://"}],
+         [*refused[:10], "Cannot connect: ", refused[10]]),
+        ([{"command": "connectRemote", "plugin": "kdp-remote", "url": "a url", "file": "/bin/true"}],
+         ['target create "/bin/true"\n', 'process connect --plugin kdp-remote "a url"\n', *refused]),
+        ([{"command": "attachToProcess", "pid": 2**22 + 1}],
          [f"About to attach to process {2**22 + 1}", "Error in attachToProcess: cannot attach to process: "]),
-    ):
-        logged = records(request)
-        check(len(logged) == len(wanted) and all(map(str.startswith, logged, wanted)), logged)
+    ):  # fmt: skip
+        file = os.path.join(tempfile.mkdtemp(), "log")
+        host = Host(env=shim(SYSLOG_FILE=file), checks_requests=False)
+        for request in requests:
+            host.ask_all(request)
+        expect(host.close(), 0)
+        user, notice = 8, 5
+        wanted = ["\n\n-------------- STARTING --------------\n", "Debugger version: lldb version ", *wanted]
+        logged = read(file).split("\x1e")[:-1]
+        # The event thread's records fall where they fall.
+        logged.sort(key=lambda record: "State changed to " in record)
+        starts = [f"lldb-helper {user | notice} {text}" for text in wanted]
+        check(len(logged) == len(wanted) and all(map(str.startswith, logged, starts)), logged)
 
 
 # --- Debug servers of several makers ------------------------------------------------------------------
@@ -212,11 +193,11 @@ def session_through(is_plain, pc, file, triple, *command):
 
 def test_lldb_server():
     program = inferior("steps-fixed")
-    debug_through(PC, program, "", settings["lldb-server"], "gdbserver", "127.0.0.1:PORT", program)
+    debug_through(PC, program, "", CACHE["LLDB_SERVER"], "gdbserver", "127.0.0.1:PORT", program)
 
 
 def test_gnu_gdbserver():
-    if settings["lldb"] < 22:
+    if int(CACHE["TESTS_LLDB"]) < 22:
         raise NotTested("this LLDB mistakes GNU gdbserver's stops, see docs/platforms.md")
     program = inferior("steps-fixed")
     debug_through(PC, program, "", "gdbserver", "127.0.0.1:PORT", program)
