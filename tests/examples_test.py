@@ -54,7 +54,7 @@ def node():
 def test_python_c_and_cpp():
     run_example(sys.executable, os.path.join(EXAMPLES, "session.py"))
     for name in ("c", "cpp"):
-        run_example(os.path.join(BUILD + "/tests", f"example-{name}"), shows=[EXACT_PC])
+        run_example(f"{BUILD}/examples/example-{name}", shows=[EXACT_PC])
 
 
 def test_node():

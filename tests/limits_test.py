@@ -1,31 +1,29 @@
-"""Requests that need more than there is: descriptors, processes, memory, depth; and odd surroundings.
+"""Requests that need more than there is, that LLDB would never answer, or that come in odd surroundings.
 
-The answer is an error, or the end that docs/reliability.md has, and the next request is answered as usual."""
+The answer is an error, and the next request is answered as usual."""
 
-import ctypes
+import contextlib
+import errno
 import os
 import resource
-import signal
 import socket
 import struct
 import tempfile
+import threading
+import time
+
+import seccomp
 
 from kit import *
 
-CLONE, PTRACE, SOCKET, PERSONALITY = (220, 117, 198, 92) if ARM else (56, 101, 41, 135)
 ADDR_NO_RANDOMIZE, CLONE_CHILD_SETTID = 0x40000, 0x1000000
 
 
 def refuse(call, bits=0):
     """From here on a system call fails if its first argument has these bits. Containers have such filters."""
-    rows = [(0x20, 0, 0, 0), (0x15, 0, 4, call), (0x20, 0, 0, 16), (0x54, 0, 0, bits), (0x15, 0, 1, bits),
-            (0x06, 0, 0, 0x50001), (0x06, 0, 0, 0x7FFF0000)]  # loads, jumps, and; EPERM, allow
-    code = ctypes.create_string_buffer(b"".join(struct.pack("=HBBI", *row) for row in rows))
-    program = ctypes.create_string_buffer(struct.pack("HxxxxxxP", len(rows), ctypes.addressof(code)))
-    no_new_privileges, seccomp, filter_mode = 38, 22, 2
-    libc.prctl(no_new_privileges, 1, 0, 0, 0)
-    if libc.prctl(seccomp, filter_mode, program) != 0:
-        os._exit(126)
+    calls = seccomp.SyscallFilter(seccomp.ALLOW)
+    calls.add_rule(seccomp.ERRNO(errno.EPERM), call, seccomp.Arg(0, seccomp.MASKED_EQ, bits, bits))
+    calls.load()
 
 
 def limit(host, what, much):
@@ -119,11 +117,11 @@ def test_odd_surroundings_work_or_are_refused_with_a_reason():
         ("a working directory that was removed", {"prepare": lose_folder}, True),
         ("no Python package beside LLDB", variables(PYTHONPATH=folder), True),
         ("another Python's home", variables(PYTHONHOME=folder), True),
-        ("no log socket", {"prepare": lambda: refuse(SOCKET, socket.AF_UNIX)}, True),
-        ("fixed addresses refused", {"prepare": lambda: refuse(PERSONALITY, ADDR_NO_RANDOMIZE)}, True),
+        ("no log socket", {"prepare": lambda: refuse("socket", socket.AF_UNIX)}, True),
+        ("fixed addresses refused", {"prepare": lambda: refuse("personality", ADDR_NO_RANDOMIZE)}, True),
         ("no debug server", variables(LLDB_DEBUGSERVER_PATH="/nowhere/lldb-server"), False),
-        ("no new processes", {"prepare": lambda: refuse(CLONE, CLONE_CHILD_SETTID)}, False),  # threads may start
-        ("ptrace refused", no_leaks | {"prepare": lambda: refuse(PTRACE)}, False),
+        ("no new processes", {"prepare": lambda: refuse("clone", CLONE_CHILD_SETTID)}, False),  # threads may start
+        ("ptrace refused", no_leaks | {"prepare": lambda: refuse("ptrace")}, False),
     ):
         host = Host(**options)
         answer = launch_hello(host)
@@ -139,7 +137,92 @@ def test_odd_surroundings_work_or_are_refused_with_a_reason():
 
 def test_attaching_without_permission_is_refused():
     program = Program(inferior("wait"))
-    host = Host(env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"}, prepare=lambda: refuse(PTRACE))
+    host = Host(env=os.environ | {"ASAN_OPTIONS": "detect_leaks=0"}, prepare=lambda: refuse("ptrace"))
     check(host.ask("attachToProcess", pid=program.pid)["message"].startswith("cannot attach to process: "), "attached")
     expect(stat(program.pid)[1], "S")
     host.end()
+
+
+REFUSED = error("cannot connect to remote, invalid process")
+
+
+def connect(port, file=""):
+    return {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "file": file}
+
+
+def test_files_that_never_end_or_never_open(host):
+    pipe = os.path.join(tempfile.mkdtemp(), "pipe")
+    os.mkfifo(pipe)
+    program = Program(inferior("wait"))
+    for file in (pipe, "/dev/zero"):
+        host.prepare(file)
+        expect(host.ask("createProcess"), error(f"cannot build target: '{file}' is not a file"))
+        for plugin in ("gdb-remote", "kdp-remote"):
+            expect(host.ask("connectRemote", **connect(1, file) | {"plugin": plugin}), REFUSED)
+        expect(host.ask("getProcessState"), error("no target"))
+        # LLDB finds the executable of a running process by itself.
+        host.ok("attachToProcess", pid=program.pid, executable=file)
+        host.state("eStateStopped")
+        host.ok("deleteProcess")
+    expect(host.run("hello")[1], 3)
+
+
+def test_processes_that_cannot_be_attached_to(host):
+    host.launch("wait")
+    servers = descendants(host.pid, "lldb-server")
+    check(servers, "there is a debug server")
+    host.cli("target delete")
+    list(host.rest())  # its exit, if LLDB had time for it
+    program = Program(inferior("wait"))  # to 0 LLDB would attach to this one, by its name
+    for pid in (host.pid, *servers, 0, 2**22 + 1, 2**32 + program.pid, 2**64 - 1):
+        for executable in (inferior("wait"), "/nowhere"):
+            message = host.ask("attachToProcess", pid=pid, executable=executable)["message"]
+            check(message.startswith("cannot attach to process: ") and len(message) > 30, (pid, message))
+            expect(host.ask("getProcessState"), error("no target"))
+    expect(host.run("hello")[1], 3)
+
+
+def echo(connection, data):
+    connection.sendall(data)
+
+
+def stop_always(connection, data):
+    connection.sendall(b"+$T05thread:1;#d7" * max(1, data.count(b"$")))
+
+
+def send_without_end(connection, data):
+    connection.sendall(b"+$")
+    while True:
+        connection.sendall(b"x" * 65536)
+
+
+def peer(answer):
+    """A server whose connections are answered by this function. Returns its port."""
+    listener = socket.create_server(("127.0.0.1", 0))
+
+    def serve(connection):
+        with contextlib.suppress(OSError):  # the helper has cut it
+            while data := connection.recv(65536):
+                answer(connection, data)
+
+    def accept():
+        while True:
+            threading.Thread(target=serve, args=(listener.accept()[0],), daemon=True).start()
+
+    threading.Thread(target=accept, daemon=True).start()
+    return listener.getsockname()[1]
+
+
+def test_connections_that_never_come_about_are_cut_after_a_minute():
+    hosts = [Host() for _ in range(3)]
+    start = time.monotonic()
+    for host, answer in zip(hosts, (echo, stop_always, send_without_end)):
+        host.send(json.dumps({"command": "connectRemote"} | connect(peer(answer))).encode())
+    for host in hosts:
+        host.TIMEOUT = 240
+        expect(host.response(), REFUSED)
+        check(58 < (took := time.monotonic() - start) < 200, took)
+        host.cli("target delete --all")
+        expect(host.run("hello")[1], 3)
+        eventually(lambda: SANITIZER or status_figure(host.pid, "VmRSS") < 300 << 10, "its memory is given back")
+        host.end()

@@ -1,9 +1,8 @@
 """Plays sessions: pages of prose with blocks of requests, responses and events. docs/transcripts are such pages too.
 
-A block below a heading is a session with a helper of its own.
-
     -> {"command": "readMemory", …}     a request; consecutive requests are sent in one write
     -> readMemory address=16 length=4   its short form; "!> " for a request that no host should send
+    -> stepOver, stepOut                short for two requests without arguments
     <- {"id": 1, "status": "ok"}        its response, byte for byte
     <- ok count=5                       {"count": 5, "status": "ok"} for short
     <- error no process ×3              {"message": "no process", "status": "error"} for short, three times
@@ -14,15 +13,14 @@ A block below a heading is a session with a helper of its own.
     $ run to steps:leaf                 sets a breakpoint there, continues, and waits for the stop
     $ continue                          continues; eStateRunning comes, then the events of the lines after it
     $ lldb-server gdbserver :«port» …   starts a server; any other program prints a line when it is ready: «pid»
+    $ lldb-helper …                     a console; lines after "> " are its input, the rest is its output
 
-State events must be exactly these, in this order. Output must be complete before an exit, in any pieces. The named modules
-must be loaded; others may. At the end the runner deletes a process that remains, and the helper must end with status 0.
+A block below a heading is a session with a helper of its own, which must end with status 0. State events must be exactly
+these, in this order. Output must be complete before an exit, in any pieces. The named modules must be loaded; others may.
 
-The names «inferiors», «folder» (empty, the session's own), «PC», «PLAIN» (registers), «pid» and «port» have their values.
-«steps:leaf» is the address of a function of the running program. «=name» matches a number or text and keeps it as «name».
-«name+5» adds, and «name|x» is a number in one of Python's forms. Any other name matches anything.
-
-A block that begins with "$ lldb-helper" is a console session: lines after "> " are its input, the rest is its output.
+«inferiors», «folder» (empty, the session's own), «PC», «PLAIN» (registers), «pid» and «port» have values. «steps:leaf» is
+the address of a function of the running program. «=name» matches a number or text and keeps it as «name». «name+5» adds, and
+«name|x» is a number in one of Python's forms. Any other name matches anything.
 """
 
 import difflib
@@ -148,7 +146,8 @@ class Session(Host):
             found = [re.fullmatch(r"\S+ (.*?)(?: ×(\d+))?", line) for line in lines if line.startswith(signs)]
             return [match[1] for match in found for _ in range(int(match[2] or 1))]
 
-        requests = [self.fill_in(request_text(line)) for line in rests("->", "!>")]
+        lines_of_requests = [line.split(", ") if re.fullmatch(r"[\w, ]+", line) else [line] for line in rests("->", "!>")]
+        requests = [self.fill_in(request_text(text)) for texts in lines_of_requests for text in texts]
         responses, events = ([message_text(line) for line in rests(sign)] for sign in ("<-", "*"))
         check(len(requests) == len(responses), f"as many responses as requests, please: {lines}")
         self.conformance.checks_requests = not any(line.startswith("!>") for line in lines)

@@ -69,27 +69,23 @@ def test_descriptors_that_cannot_be_used():
 
 
 def test_commands_without_a_target_or_a_process(host):
-    free = {"ping", "prepareExecutable", "createProcess", "attachToProcess", "executeCommand", "completeCommand", "connectRemote"}
-    no_target = {"getProcessState", "continueExecution", "removeBreakpoint", "removeAllBreakpoints",
-                 "setBreakpointAtVirtualAddress"}
+    free = "ping prepareExecutable createProcess attachToProcess executeCommand completeCommand connectRemote".split()
+    no_target = "getProcessState continueExecution removeBreakpoint removeAllBreakpoints setBreakpointAtVirtualAddress".split()
     for command in SCHEMA["$defs"]["requests"].keys() - free:
         expect(host.ask(command), error("no target" if command in no_target else "no process"), command)
 
 
 def test_every_command_takes_arguments_of_every_kind(host):
     """None ends the helper or goes without an answer, with a process or without."""
-    values = [None, True, -1, 0, 0.5, 1e300, 2**64 - 1, "text", "", '"', "a" * 5000, [], [None, "x", 7], {"a": 1}]
     requests = SCHEMA["$defs"]["requests"]
-    # From the last to the first: those that end a process come after those that look into it.
-    commands = list(requests)[::-1]
-    expect(len(commands), 32)
     arguments = {name for request in requests.values() for name in request["properties"]} - {"command", "id", "pid"}
     host.conformance.checks_requests = False
     for has_process in (False, True):
-        for value in values:
+        for value in (None, True, -1, 0, 0.5, 1e300, 2**64 - 1, "text", "", '"', "a" * 5000, [], [None, "x", 7], {"a": 1}):
             if has_process:
                 host.launch("wait")
-            for command in commands:
+            # From the last to the first: those that end a process come after those that look into it.
+            for command in list(requests)[::-1]:
                 if command != "connectRemote" or value == "text":  # it takes seconds each time
                     host.ask_all(dict.fromkeys(arguments, value) | {"command": command})
             host.ask("deleteProcess")
@@ -97,21 +93,18 @@ def test_every_command_takes_arguments_of_every_kind(host):
 
 
 def test_the_reference_the_schema_and_the_table_name_the_same_commands():
-    source = lambda name: read(os.path.join(SOURCE, name))
-    code, table = source("src/channel/Dispatcher.cpp").split("const Command commands[]")
+    code, table = read(f"{SOURCE}/src/channel/Dispatcher.cpp").split("const Command commands[]")
     rows = re.split(r'\{"(\w+)",', table)
     in_code = {name: set(re.findall(r'r\["(\w+)"\]', row)) for name, row in zip(rows[1::2], rows[2::2])}
     in_code["prepareExecutable"] = set(re.findall(r'request\["(\w+)"\]', code))  # the row with a function of its own
     in_code["connectRemote"].add("platform")  # part of the request, not used
     in_schema = {name: set(part["properties"]) - {"command", "id"} for name, part in SCHEMA["$defs"]["requests"].items()}
-    expect(in_code, in_schema)
-    expect(list(in_code), list(SCHEMA["$defs"]["requests"]), "the order")
-    page = source("docs/protocol.md")
+    expect((in_code, list(in_code)), (in_schema, list(in_schema)))
+    page = read(f"{SOURCE}/docs/protocol.md")
     sections = re.split(r"\n### (.*)\n", page[page.index("\n## Commands") : page.index("\n## Events")])
     in_page = {name: text for heading, text in zip(sections[1::2], sections[2::2]) for name in re.findall(r"\w+", heading)}
-    expect(set(in_page), set(in_schema))
-    missing = {(name, word) for name, words in in_schema.items() for word in words if f"`{word}`" not in in_page[name]}
-    expect(missing, set())
+    expect((set(in_page), len(in_page)), (set(in_schema), 32))
+    expect({(name, word) for name, words in in_schema.items() for word in words if f"`{word}`" not in in_page[name]}, set())
 
 
 # --- The log ------------------------------------------------------------------------------------------
@@ -163,12 +156,11 @@ def debug_through(pc, file, triple, *command):
 def session_through(is_plain, pc, file, triple, *command):
     """Registers, memory, a breakpoint, a step, and on to the exit. Returns the registers at each stop."""
     program, port = server(*command)
-    host = Host()
+    host, leaf = Host(), symbol(file, "leaf")
+    registers = lambda: host.ok("getRegisters")["registers"]
     expect(host.setting(AT_ONCE), "true")
     if is_plain:
         host.read_registers_plainly()
-    registers = []
-    leaf = symbol(file, "leaf")
     connect = {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "platform": "ignored", "file": file, "triple": triple}
     host.ok("connectRemote", **connect)
     host.state("eStateStopped")
@@ -177,18 +169,17 @@ def session_through(is_plain, pc, file, triple, *command):
     code = host.ok("readMemory", address=leaf, length=4)
     host.ok("setBreakpointAtVirtualAddress", address=leaf)
     host.resume()
-    registers.append(host.ok("getRegisters")["registers"])
-    expect(int(registers[0][pc].split()[0], 16), leaf)
+    at_leaf, frame = registers(), host.stack()[0]
+    expect((int(at_leaf[pc].split()[0], 16), frame["pc"], frame["function"]), (leaf, leaf, "leaf"))
     expect(host.ok("readMemory", address=leaf, length=4), code)
-    expect(host.stack()[0]["function"], "leaf")
     expect(host.ok("getThreadIDList")["threads"][0]["state"], "Breakpoint")
     host.resume(how="stepInstruction")
-    check(host.stack()[0]["pc"] != leaf, "it has not stepped")
-    registers.append(host.ok("getRegisters")["registers"])
+    after_step = registers()
+    check(after_step[pc] != at_leaf[pc], "it has not stepped")
     host.ok("removeAllBreakpoints")
     host.resume("eStateExited")
     host.end()
-    return registers
+    return at_leaf, after_step
 
 
 def test_lldb_server():

@@ -14,32 +14,25 @@ extern char **environ;
 static volatile sig_atomic_t ticks;
 volatile int calls;
 
-static void onTick(int signal) {
-  (void)signal;
-  ++ticks;
-}
+static void onTick(int signal) { ticks += signal == SIGALRM; }
 
 void call(void) { ++calls; }
 
 int main(int argc, char **argv) {
   const char *how = argc > 1 ? argv[1] : "fork";
-  const int count = argc > 2 ? atoi(argv[2]) : 5;
+  int count = argc > 2 ? atoi(argv[2]) : 5;
   char *command[] = {"true", NULL};
-  if (!strcmp(how, "timer")) {
-    const struct itimerval every = {{0, 2000}, {0, 2000}};
-    signal(SIGALRM, onTick);
-    setitimer(ITIMER_REAL, &every, NULL);
-    while (ticks < count) pause();
-  }
-  for (int round = 0; round < count && strcmp(how, "timer"); ++round) {
+  const struct itimerval every = {{0, 2000}, {0, 2000}};
+  signal(SIGALRM, onTick);
+  if (!strcmp(how, "timer")) setitimer(ITIMER_REAL, &every, NULL);
+  for (int round = 0; round < count; ++round) {
     pid_t child = -1;
     call();
+    if (!strcmp(how, "timer"))
+      while (ticks <= round) pause();
     if (!strcmp(how, "fork")) child = fork();
     if (!strcmp(how, "vfork")) child = vfork();
-    if (child == 0) {
-      if (!strcmp(how, "vfork")) execvp(command[0], command);
-      _exit(0);
-    }
+    if (child == 0) execvp(command[0], command);
     if (!strcmp(how, "spawn")) posix_spawnp(&child, command[0], NULL, NULL, command, environ);
     if (!strcmp(how, "shell") && system("true; true | cat")) return 1;
     if (child > 0) waitpid(child, NULL, 0);
