@@ -167,6 +167,7 @@ class Host(Helper):
         self.prepare(program, args, **more)
         self.ok("createProcess")
         self.state("eStateStopped")
+        return self
 
     def resume_only(self, how="continueExecution"):
         self.ok(how)
@@ -240,10 +241,3 @@ class Host(Helper):
             self.ok("deleteProcess")
         expect(self.close(), 0, "end status")
         eventually(lambda: not descendants(self.pid), "its processes end")
-
-
-def launched(name, **options):
-    """A host whose program is stopped at its entry."""
-    host = Host(**options)
-    host.launch(name)
-    return host

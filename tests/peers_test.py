@@ -59,11 +59,13 @@ def test_either_pipe_may_close_at_every_point():
         for closes_output in (False, True):
             host = Host()
             host.ask_all(*SESSION[:point])
+            family = descendants(host.pid)
             if closes_output:
                 host.reading.clear()
                 os.dup2(os.open(os.devnull, os.O_RDONLY), host.messages.fileno())
                 host.send(b'{"command": "deleteProcess"}', *[b'{"command": "ping"}'] * 100)
             expect(host.close(), 0 if closes_output or not 1 < point < len(SESSION) - 1 else -signal.SIGABRT, point)
+            eventually(lambda: all(map(is_gone, family)), "the debug server and the stopped program end")
 
 
 def test_a_program_or_its_server_is_killed_from_outside(host):
@@ -79,25 +81,12 @@ def test_a_program_or_its_server_is_killed_from_outside(host):
     expect(host.run("hello")[1], 3)
 
 
-def test_what_a_lost_helper_leaves():
-    """The debug server goes, and so does a launched program that is stopped. An attached program is let go."""
-    for lose in (lambda host: os.kill(host.pid, signal.SIGKILL), lambda host: host.requests.close()):
-        launched_host, host, program = launched("wait"), Host(), Program(inferior("wait"))
-        host.ok("attachToProcess", pid=program.pid, triple="")
-        left = descendants(launched_host.pid) + descendants(host.pid)
-        for lost in (launched_host, host):
-            lose(lost)
-            check(lost.child.wait(DEADLINE) < 0, "an orderly end")
-        eventually(lambda: all(map(is_gone, left)) and status_figure(program.pid, "TracerPid") == 0, left)
-        check(not is_gone(program.pid), "an attached program ended")
-
-
 def test_the_channel_stays_private():
     """lldb-server and the program hold neither the host's pipes nor any descriptor that the helper inherited."""
     starter = os.path.join(tempfile.mkdtemp(), "starter")
     with open(starter, "w", opener=lambda name, flags: os.open(name, flags, 0o755)) as script:
         script.write(f"#!/bin/sh\nexec '{HELPER}' \"$@\" 9>&2\n")
-    host = launched("wait", program=starter)
+    host = Host(starter).launch("wait")
     link = lambda pid, number: os.readlink(f"/proc/{pid}/fd/{number}")
     channel = {link("self", host.requests.fileno()), link("self", host.messages.fileno())}
     link(host.pid, 9)
