@@ -21,9 +21,8 @@
 /// - It was the value's text when the two were compared, once for each register of a process.
 /// - LLDB's own debug server runs the process. Other servers may describe a register as an address,
 ///   and LLDB adds a description of the address to the value's text only.
-/// - The machine is little-endian, and nobody has added or deleted a "type format". That changes
-/// the
-///   texts of values only.
+/// - The machine is little-endian.
+/// - Nobody has added or deleted a "type format", which changes the texts of values only.
 class RegisterReader {
  public:
   explicit RegisterReader(lldb::SBDebugger &debugger);
