@@ -1,23 +1,21 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// A debugger under measurement. Each action returns when its result has arrived in this process,
-/// as text or as LLDB's values. The accessors read the result, when the clock has stopped.
+/// as text or as LLDB's values.
 ///
 /// A subject debugs one program at a time, from launch to deleteProcess. Failures throw
 /// std::runtime_error.
 class Subject {
  public:
+  explicit Subject(const char *name) : name(name) {}
   virtual ~Subject() = default;
-
-  virtual std::string name() const = 0;
 
   virtual void launch(const std::string &program, const std::vector<std::string> &arguments) = 0;
   virtual void deleteProcess() = 0;
@@ -28,8 +26,9 @@ class Subject {
   /// Runs to the next stop.
   virtual void resume() = 0;
   virtual void step() = 0;
-  /// Runs to the program's end. Returns when all output has arrived.
-  virtual void runToExit() = 0;
+  /// Runs to the program's end. Returns when all output has arrived. Does nothing in gdb, which
+  /// leaves the output to the terminal.
+  virtual void runToExit() {}
 
   virtual void readMemory(std::uint64_t address, std::size_t size) = 0;
   virtual void readRegisters() = 0;
@@ -37,29 +36,29 @@ class Subject {
   virtual void listThreads() = 0;
   /// `waits`: each request waits for the response to the one before it, if there are several.
   virtual void listModules(bool waits) = 0;
-  /// A request that takes next to no time to answer.
+  /// A request that takes next to no time to answer. The floor has none.
   virtual void roundTrip() {}
 
-  /// Whether the subject reports a program's output. gdb leaves it to the terminal.
-  virtual bool showsOutput() const { return true; }
-
-  // The result of the last action of its kind.
+  // The result of the last action of its kind, read when the clock has stopped. The texts of all
+  // subjects are the same. A subject that has no such text returns an empty one.
 
   virtual std::string bytes() = 0;
-  virtual std::string output() = 0;
-  virtual std::vector<std::uint64_t> stack() = 0;
-  virtual std::size_t threads() = 0;
+  virtual std::string output() { return ""; }
+  /// The program counters, each with a space behind it.
+  virtual std::string stack() = 0;
+  virtual std::string programCounter() = 0;
+  virtual std::string threadCount() = 0;
   /// How many of the libraries that the benchmark's program has opened are in the list.
-  virtual std::size_t benchLibraries() = 0;
-  /// rip's value.
-  virtual std::uint64_t programCounter() = 0;
-  /// rsp's value, from the floor.
-  virtual std::uint64_t stackPointer() { return 0; }
-  /// All registers. Empty where the subject's form of them is another than the floor's.
+  virtual std::string libraryCount() = 0;
+  /// All registers.
   virtual std::string registers() { return ""; }
 
+  /// rsp's value, from the floor.
+  virtual std::uint64_t stackPointer() { return 0; }
   /// The most memory that the subject's process has used so far, in bytes. 0 for the floor.
   virtual std::size_t peakMemory() { return 0; }
+
+  const std::string name;
 };
 
 /// LLDB used plainly: default settings, in this process, without a protocol. The measure for the
@@ -68,3 +67,28 @@ std::unique_ptr<Subject> makeFloor();
 std::unique_ptr<Subject> makeHelper(const std::string &program);
 std::unique_ptr<Subject> makeLldbDap(const std::string &program);
 std::unique_ptr<Subject> makeGdb(const std::string &program);
+
+// How the subjects read what debuggers write.
+
+/// Where a JSON message says what it is: members come in alphabetical order, so large ones are
+/// before it.
+inline std::string_view endOf(std::string_view message) {
+  return message.substr(message.size() - std::min<std::size_t>(message.size(), 128));
+}
+
+inline bool contains(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
+/// The bytes of a text of hexadecimal digits, two for each.
+inline std::string bytesOf(const std::string &digits) {
+  std::string bytes;
+  for (std::size_t at = 0; at < digits.size(); at += 2)
+    bytes += static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16));
+  return bytes;
+}
+
+/// A hexadecimal number in decimal digits.
+inline std::string decimal(const std::string &number) {
+  return std::to_string(std::stoull(number, nullptr, 16));
+}

@@ -21,7 +21,7 @@ double microsecondsOf(const std::function<void()> &action) {
       .count();
 }
 
-void Timing::measure(const Job &job, const std::vector<std::unique_ptr<Subject>> &subjects) {
+void Timing::measure(const Job &job, const Subjects &subjects) {
   if (!wants(job.name)) return;
   Samples samples;
   // The first round only warms up.
@@ -31,12 +31,12 @@ void Timing::measure(const Job &job, const std::vector<std::unique_ptr<Subject>>
       for (int number = round * job.times; number < (round + 1) * job.times; ++number) {
         if (job.prepare) job.prepare(*subject, number);
         const double time = microsecondsOf([&] { job.action(*subject, number); });
-        if (round > 0) samples[subject->name()].push_back(time);
+        if (round > 0) samples[subject->name].push_back(time);
       }
-      const std::string found = job.result(*subject);
+      const std::string found = job.result ? job.result(*subject) : "";
       if (expected.empty()) expected = found;
       if (!found.empty() && found != expected)
-        throw std::runtime_error(job.name + ": " + subject->name() +
+        throw std::runtime_error(job.name + ": " + subject->name +
                                  " did other work: " + found.substr(0, 2000) + "\ninstead of " +
                                  expected.substr(0, 2000));
     }
@@ -56,5 +56,5 @@ void Timing::addRow(const std::string &job, const char *unit, const char *base,
     if (name != base)
       row["ratio"][name] = quantile(values, 0.5) / row["median"][base].get<double>();
   std::cerr << job << ": " << row["median"] << " " << row["ratio"] << "\n";
-  results.push_back(std::move(row));
+  rows.push_back(std::move(row));
 }

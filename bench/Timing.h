@@ -2,13 +2,12 @@
 
 #include <functional>
 #include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "Subject.h"
+
+using Subjects = std::vector<std::unique_ptr<Subject>>;  ///< the floor is the first
 
 /// One job of a debugging session. All subjects do the same, and must get the same result.
 struct Job {
@@ -36,19 +35,18 @@ class Timing {
   int roundsOf(int rounds) const { return std::max(2, static_cast<int>(rounds * effort)); }
 
   /// Times one job on every subject, round by round, so that changes of the machine's speed meet
-  /// all of them. The first subject is the floor. Throws std::runtime_error if results differ.
-  void measure(const Job &job, const std::vector<std::unique_ptr<Subject>> &subjects);
+  /// all of them. Throws std::runtime_error if results differ.
+  void measure(const Job &job, const Subjects &subjects);
 
   /// Adds a row. `base` is the subject to which ratios are formed. `unit` is "us" or "bytes".
   void addRow(const std::string &job, const char *unit, const char *base, const Samples &samples,
               int requests = 0);
 
-  const nlohmann::ordered_json &rows() const { return results; }
+  nlohmann::ordered_json rows = nlohmann::ordered_json::array();
 
  private:
   const std::regex only;
   const double effort;
-  nlohmann::ordered_json results = nlohmann::ordered_json::array();
 };
 
 /// How long the action takes, in microseconds.
