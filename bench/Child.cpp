@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -82,9 +81,9 @@ std::string_view Child::readFrame() {
   return read(size);
 }
 
-std::size_t Child::peakMemory() const {
+double Child::peakMemory() const {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
-  std::size_t kilobytes = 0;
+  double kilobytes = 0;
   for (std::string word; status >> word;)
     if (word == "VmHWM:" && status >> kilobytes) return kilobytes * 1024;
   throw std::runtime_error("no peak memory");
@@ -104,13 +103,4 @@ std::map<std::string, std::uint64_t> symbolsOf(const std::string &program) {
     if (std::sscanf(line, "%llx %c %255s", &address, &kind, name) == 3) symbols[name] = address;
   pclose(pipe);
   return symbols;
-}
-
-int processesOf(const std::string &program) {
-  int count = 0;
-  for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
-    std::error_code none;  // a zombie's link cannot be read
-    count += std::filesystem::read_symlink(entry.path() / "exe", none) == program;
-  }
-  return count;
 }

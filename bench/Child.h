@@ -34,7 +34,7 @@ class Child {
   std::string_view readFrame();
 
   /// The most memory the program has used so far, in bytes.
-  std::size_t peakMemory() const;
+  double peakMemory() const;
 
  private:
   pid_t process = -1;
@@ -50,6 +50,3 @@ std::string frame(std::string_view text);
 
 /// The addresses of a program's symbols. The program is linked to run at them.
 std::map<std::string, std::uint64_t> symbolsOf(const std::string &program);
-
-/// How many processes run the program.
-int processesOf(const std::string &program);

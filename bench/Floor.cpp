@@ -3,7 +3,9 @@
 #include <lldb/API/LLDB.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -63,10 +65,7 @@ class Floor : public Subject {
   }
   ~Floor() override {
     process().Destroy();
-    {
-      const std::lock_guard lock(mutex);
-      ending = true;
-    }
+    ending = true;
     listenerThread.join();
     lldb::SBDebugger::Terminate();
   }
@@ -98,15 +97,11 @@ class Floor : public Subject {
   }
   void breakAt(std::uint64_t address) override { target.BreakpointCreateByAddress(address); }
   void removeBreakpoints() override { target.DeleteAllBreakpoints(); }
-  void resume() override {
-    awaitAfter(stops, [this] { process().Continue(); });
-  }
+  void resume() override { awaitAfter(stops, std::bind(&lldb::SBProcess::Continue, process())); }
   void step() override {
     awaitAfter(stops, [this] { thread().StepInstruction(false); });
   }
-  void runToExit() override {
-    awaitAfter(exits, [this] { process().Continue(); });
-  }
+  void runToExit() override { awaitAfter(exits, std::bind(&lldb::SBProcess::Continue, process())); }
 
   void readMemory(std::uint64_t address, std::size_t size) override {
     memory.resize(size);
@@ -175,14 +170,13 @@ class Floor : public Subject {
       text += std::to_string(thread().GetFrameAtIndex(index).GetPC()) + " ";
     return text;
   }
-  std::string programCounter() override { return std::to_string(frame().GetPC()); }
+  std::string programCounter() override { return std::to_string(frame().GetPC()) + " "; }
   std::string threadCount() override { return std::to_string(process().GetNumThreads()); }
   std::string libraryCount() override {
-    std::size_t found = 0;
+    std::string names;
     for (std::uint32_t index = 0; index < target.GetNumModules(); ++index)
-      found += std::string_view(target.GetModuleAtIndex(index).GetFileSpec().GetFilename())
-                   .starts_with("libbench");
-    return std::to_string(found);
+      names += target.GetModuleAtIndex(index).GetFileSpec().GetFilename();
+    return countOf(library, names);
   }
   std::string registers() override {
     std::map<std::string_view, std::string> all;  // sorted, as lldb-helper writes them
@@ -204,12 +198,11 @@ class Floor : public Subject {
   /// Like lldb-helper's event thread, reads output in pieces of 256 bytes.
   void listen() {
     lldb::SBListener listener = debugger.GetListener();
-    for (;;) {
+    while (!ending) {
       lldb::SBEvent event;
       listener.WaitForEvent(1, event);
-      const std::lock_guard lock(mutex);
-      if (ending) return;
       if (!lldb::SBProcess::EventIsProcessEvent(event)) continue;
+      const std::lock_guard lock(mutex);
       if (event.GetType() == lldb::SBProcess::eBroadcastBitStateChanged) {
         const lldb::StateType state = lldb::SBProcess::GetStateFromEvent(event);
         if (state == lldb::eStateStopped) ++stops;
@@ -240,10 +233,10 @@ class Floor : public Subject {
 
   std::mutex mutex;  ///< guards what follows
   std::condition_variable changed;
-  unsigned stops = 0;
-  unsigned exits = 0;
+  unsigned stops = 0, exits = 0;
   std::string outputSoFar;
-  bool ending = false;
+
+  std::atomic<bool> ending = false;
   std::thread listenerThread;
 };
 

@@ -40,35 +40,17 @@ class Gdb : public Subject {
   void listModules(bool) override { ask("-file-list-shared-libraries"); }
   void roundTrip() override { ask("-gdb-show confirm"); }
 
-  std::string bytes() override { return bytesOf(values("contents").at(0)); }
-  std::string stack() override {
-    std::string text;
-    for (const std::string &address : values("addr")) text += decimal(address) + " ";
-    return text;
-  }
+  std::string bytes() override { return bytesAfter("contents=\"", answer); }
+  std::string stack() override { return numbersAfter("addr=\"", answer); }
   std::string programCounter() override {
     ask("-data-evaluate-expression \"(unsigned long)$pc\"");
-    return values("value").at(0);
+    return numbersAfter("value=\"", answer);
   }
-  std::string threadCount() override { return std::to_string(values("target-id").size()); }
-  std::string libraryCount() override {
-    std::size_t found = 0;
-    for (const std::string &file : values("id")) found += file.find("/libbench") != file.npos;
-    return std::to_string(found);
-  }
+  std::string threadCount() override { return countOf("target-id=\"[^\"]*", answer); }
+  std::string libraryCount() override { return countOf(library, answer); }
+  double peakMemory() override { return child.peakMemory(); }
 
  private:
-  /// The values of a key, wherever it is in the answer.
-  std::vector<std::string> values(const std::string &key) const {
-    std::vector<std::string> found;
-    const std::string start = key + "=\"";
-    for (std::size_t at = 0; (at = answer.find(start, at)) != answer.npos;) {
-      at += start.size();
-      found.emplace_back(answer.substr(at, answer.find('"', at) - at));
-    }
-    return found;
-  }
-
   void ask(const std::string &command) {
     answer = {};
     child.write(command + "\n");

@@ -47,15 +47,13 @@ class Helper : public Subject {
     const unsigned count = json::parse(answer)["count"];
     modules.clear();
     std::string requests;
-    for (unsigned index = 0; index < count; ++index) {
+    for (unsigned index = 0, answers = 0; index < count; ++index) {
       requests +=
           frame("{\"command\": \"moduleAtIndex\", \"index\": " + std::to_string(index) + "}");
-      if (!waits) continue;
+      if (!waits && index + 1 < count) continue;
       child.write(std::exchange(requests, ""));
-      modules.emplace_back(child.readFrame());
+      for (; answers <= index; ++answers) modules += child.readFrame();
     }
-    child.write(requests);
-    while (modules.size() < count) modules.emplace_back(child.readFrame());
   }
   void roundTrip() override { ask(R"({"command": "ping"})"); }
 
@@ -68,36 +66,26 @@ class Helper : public Subject {
   }
   std::string output() override {
     std::string bytes;
-    for (const std::string &event : outputSoFar) bytes += bytesOf(json::parse(event)["output"]);
+    for (const std::string &event : outputSoFar) bytes += bytesAfter("\"output\": \"", event);
     return bytes;
   }
-  std::string stack() override {
-    std::string text;
-    for (const json &frame : member("callstack")) text += frame["pc"].dump() + " ";
-    return text;
-  }
+  std::string stack() override { return numbersAfter("\"pc\": ", answer); }
   std::string programCounter() override {
     readRegisters();
-    return decimal(member("registers")["rip"]);
+    return numbersAfter("\"rip\": \"", answer);
   }
-  std::string threadCount() override { return std::to_string(member("threads").size()); }
-  std::string libraryCount() override {
-    std::size_t found = 0;
-    for (const std::string &module : modules) found += contains(module, "\"libbench");
-    return std::to_string(found);
-  }
+  std::string threadCount() override { return countOf("\"thread-id\": [0-9]+", answer); }
+  std::string libraryCount() override { return countOf(library, modules); }
   std::string registers() override {
     std::string text;
-    const json all = member("registers");
+    const json all = json::parse(answer)["registers"];
     for (const auto &[name, value] : all.items())
       text += name + "=" + value.get<std::string>() + " ";
     return text;
   }
-  std::size_t peakMemory() override { return child.peakMemory(); }
+  double peakMemory() override { return child.peakMemory(); }
 
  private:
-  json member(const char *name) const { return json::parse(answer).at(name); }
-
   void ask(std::string_view request) {
     child.write(frame(request));
     answer = {};
@@ -125,8 +113,9 @@ class Helper : public Subject {
   }
 
   Child child;
-  std::string_view answer;  ///< until the next message is read
-  std::vector<std::string> modules, outputSoFar;
+  std::string_view answer;               ///< until the next message is read
+  std::string modules;                   ///< answers
+  std::vector<std::string> outputSoFar;  ///< events
   unsigned stops = 0, exits = 0;
 };
 

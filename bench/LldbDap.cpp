@@ -26,26 +26,25 @@ class LldbDap : public Subject {
   void launch(const std::string &file, const std::vector<std::string> &arguments) override {
     outputSoFar.clear();
     stops = 0;
-    breakpoints = json::array();
     send("launch",
          {{"program", file}, {"args", arguments}, {"stopOnEntry", true}, {"disableASLR", true}});
     await([this] { return initialized; });
     ask("configurationDone");
     await([this] { return stops > 0; });
   }
-  /// A session is one program's, so the next one needs a new lldb-dap.
+  // lldb-dap may end with its program. A session is one program's, so the next one needs a new
+  // lldb-dap.
   void deleteProcess() override {
-    if (!exited) ask("disconnect", {{"terminateDebuggee", true}});  // it may have ended, too
+    if (!exited) ask("disconnect", {{"terminateDebuggee", true}});
   }
   void afterDeletion() override { start(); }
 
   void breakAt(std::uint64_t address) override {
-    breakpoints.push_back({{"instructionReference", hex(address)}});
-    ask("setInstructionBreakpoints", {{"breakpoints", breakpoints}});
+    ask("setInstructionBreakpoints",
+        {{"breakpoints", json::array({{{"instructionReference", hex(address)}}})}});
   }
   void removeBreakpoints() override {
-    breakpoints = json::array();
-    ask("setInstructionBreakpoints", {{"breakpoints", breakpoints}});
+    if (!exited) ask("setInstructionBreakpoints", {{"breakpoints", json::array()}});
   }
   void resume() override { askAndStop("continue", {{"threadId", thread}}); }
   void step() override {
@@ -73,7 +72,7 @@ class LldbDap : public Subject {
   void listThreads() override { ask("threads"); }
   void listModules(bool) override { ask("modules"); }
   /// Without a program lldb-dap refuses this, which is the least that it can do.
-  void roundTrip() override { askWhatever("threads"); }
+  void roundTrip() override { ask("threads", json::object(), true); }
 
   std::string bytes() override {
     const std::string text = body("data");
@@ -83,22 +82,15 @@ class LldbDap : public Subject {
   }
   std::string output() override { return outputSoFar; }
   std::string stack() override {
-    std::string text;
-    for (const json &frame : body("stackFrames"))
-      text += decimal(frame["instructionPointerReference"]) + " ";
-    return text;
+    return numbersAfter("\"instructionPointerReference\":\"", answer);
   }
   std::string programCounter() override {
     readTopFrame();
-    return decimal(body("stackFrames")[0]["instructionPointerReference"]);
+    return stack();
   }
-  std::string threadCount() override { return std::to_string(body("threads").size()); }
-  std::string libraryCount() override {
-    std::size_t found = 0;
-    for (const json &module : body("modules"))
-      found += module["name"].get<std::string>().starts_with("libbench");
-    return std::to_string(found);
-  }
+  std::string threadCount() override { return countOf("\"id\":[0-9]+", answer); }
+  std::string libraryCount() override { return countOf(library, answer); }
+  double peakMemory() override { return child->peakMemory(); }
 
  private:
   void start() {
@@ -122,16 +114,12 @@ class LldbDap : public Subject {
     child->write("Content-Length: " + std::to_string(text.size()) + "\r\n\r\n" + text);
   }
 
-  void askWhatever(const char *command, json arguments = json::object()) {
+  void ask(const char *command, json arguments = json::object(), bool refusable = false) {
     send(command, std::move(arguments));
     const std::string mine = "\"request_seq\":" + std::to_string(sequence) + ",";
     answer = {};
     await([&] { return contains(endOf(answer), mine); });
-  }
-
-  void ask(const char *command, json arguments = json::object()) {
-    askWhatever(command, std::move(arguments));
-    if (!contains(endOf(answer), "\"success\":true"))
+    if (!refusable && !contains(endOf(answer), "\"success\":true"))
       throw std::runtime_error("lldb-dap: " + std::string(answer));
   }
 
@@ -171,7 +159,6 @@ class LldbDap : public Subject {
   std::optional<Child> child;
   unsigned sequence = 0;
   std::string_view answer;  ///< until the next message is read
-  json breakpoints;
   std::uint64_t thread = 0;
   unsigned stops = 0;
   bool initialized = false, exited = false;

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <regex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +24,7 @@ class Subject {
   virtual void deleteProcess() = 0;
   /// Makes the subject ready for the next launch. Not part of the deletion.
   virtual void afterDeletion() {}
+  /// There is at most one breakpoint at a time.
   virtual void breakAt(std::uint64_t address) = 0;
   virtual void removeBreakpoints() = 0;
   /// Runs to the next stop.
@@ -48,7 +52,6 @@ class Subject {
   virtual std::string stack() = 0;
   virtual std::string programCounter() = 0;
   virtual std::string threadCount() = 0;
-  /// How many of the libraries that the benchmark's program has opened are in the list.
   virtual std::string libraryCount() = 0;
   /// All registers.
   virtual std::string registers() { return ""; }
@@ -56,7 +59,7 @@ class Subject {
   /// rsp's value, from the floor.
   virtual std::uint64_t stackPointer() { return 0; }
   /// The most memory that the subject's process has used so far, in bytes. 0 for the floor.
-  virtual std::size_t peakMemory() { return 0; }
+  virtual double peakMemory() { return 0; }
 
   const std::string name;
 };
@@ -64,6 +67,7 @@ class Subject {
 /// LLDB used plainly: default settings, in this process, without a protocol. The measure for the
 /// others.
 std::unique_ptr<Subject> makeFloor();
+/// Others start a program, and return when it has answered a request.
 std::unique_ptr<Subject> makeHelper(const std::string &program);
 std::unique_ptr<Subject> makeLldbDap(const std::string &program);
 std::unique_ptr<Subject> makeGdb(const std::string &program);
@@ -80,15 +84,30 @@ inline bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
-/// The bytes of a text of hexadecimal digits, two for each.
-inline std::string bytesOf(const std::string &digits) {
+/// The number that follows each `key`, in decimal digits with a space behind. "0x" may precede it.
+inline std::string numbersAfter(std::string_view key, std::string_view text) {
+  std::string numbers;
+  for (std::size_t at = 0; (at = text.find(key, at)) != text.npos;)
+    numbers += std::to_string(std::strtoull(text.data() + (at += key.size()), nullptr, 0)) + " ";
+  return numbers;
+}
+
+/// The bytes whose hexadecimal digits follow `key`, up to a quotation mark.
+inline std::string bytesAfter(std::string_view key, std::string_view text) {
   std::string bytes;
-  for (std::size_t at = 0; at < digits.size(); at += 2)
-    bytes += static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16));
+  for (std::size_t at = text.find(key) + key.size(); text.at(at) != '"'; at += 2)
+    bytes += static_cast<char>(std::stoi(std::string(text.substr(at, 2)), nullptr, 16));
   return bytes;
 }
 
-/// A hexadecimal number in decimal digits.
-inline std::string decimal(const std::string &number) {
-  return std::to_string(std::stoull(number, nullptr, 16));
+/// How many different parts of a text match a regular expression.
+inline std::string countOf(const char *pattern, std::string_view text) {
+  const std::regex regex(pattern);
+  std::set<std::string> found;
+  for (std::cregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at)
+    found.insert(at->str());
+  return std::to_string(found.size());
 }
+
+/// Those libraries in a list of modules that the benchmark's program has opened.
+constexpr char library[] = "libbench[0-9]+";

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <stdexcept>
 
 #include "Subject.h"
 
@@ -19,9 +22,18 @@ struct Job {
   int times;  ///< a round is this many actions of each subject
   std::function<void(Subject &, int number)> prepare;  ///< not timed; may be empty
   std::function<void(Subject &, int number)> action;
-  /// The result of the last action. Compared with the floor's; empty means nothing to compare.
+  /// The result of the last action. Compared with the floor's. Empty, or an empty text: there is
+  /// nothing to compare.
   std::function<std::string(Subject &)> result;
 };
+
+/// How long the action takes, in microseconds.
+inline double microsecondsOf(const std::function<void()> &action) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point start = Clock::now();
+  action();
+  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
 
 /// Times jobs, and collects a row of figures for each.
 class Timing {
@@ -36,11 +48,44 @@ class Timing {
 
   /// Times one job on every subject, round by round, so that changes of the machine's speed meet
   /// all of them. Throws std::runtime_error if results differ.
-  void measure(const Job &job, const Subjects &subjects);
+  void measure(const Job &job, const Subjects &subjects) {
+    if (!wants(job.name)) return;
+    Samples samples;
+    // The first round only warms up.
+    for (int round = 0; round <= roundsOf(job.rounds); ++round) {
+      std::string expected;
+      for (const auto &subject : subjects) {
+        for (int number = round * job.times; number < (round + 1) * job.times; ++number) {
+          if (job.prepare) job.prepare(*subject, number);
+          const double time = microsecondsOf([&] { job.action(*subject, number); });
+          if (round > 0) samples[subject->name].push_back(time);
+        }
+        const std::string found = job.result ? job.result(*subject) : "";
+        if (expected.empty()) expected = found;
+        if (!found.empty() && found != expected)
+          throw std::runtime_error(job.name + ": " + subject->name + " did other work: " +
+                                   found.substr(0, 2000) + "\nnot " + expected.substr(0, 2000));
+      }
+    }
+    addRow(job.name, "us", "floor", samples, job.requests);
+  }
 
   /// Adds a row. `base` is the subject to which ratios are formed. `unit` is "us" or "bytes".
   void addRow(const std::string &job, const char *unit, const char *base, const Samples &samples,
-              int requests = 0);
+              int requests = 0) {
+    nlohmann::ordered_json row{{"job", job}, {"unit", unit}, {"base", base}};
+    if (requests > 0) row["requests"] = requests;
+    for (auto [name, values] : samples) {
+      const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+      std::nth_element(values.begin(), middle, values.end());
+      row["median"][name] = *middle;
+    }
+    const double whole = row["median"][base];
+    for (const auto &[name, median] : row["median"].items())
+      if (name != base) row["ratio"][name] = median.get<double>() / whole;
+    std::cerr << job << ": " << row["median"] << " " << row["ratio"] << "\n";
+    rows.push_back(std::move(row));
+  }
 
   nlohmann::ordered_json rows = nlohmann::ordered_json::array();
 
@@ -48,6 +93,3 @@ class Timing {
   const std::regex only;
   const double effort;
 };
-
-/// How long the action takes, in microseconds.
-double microsecondsOf(const std::function<void()> &action);

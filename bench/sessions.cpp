@@ -14,6 +14,7 @@
 
 namespace {
 
+using json = nlohmann::ordered_json;
 using Words = std::vector<std::string>;
 using Options = std::map<std::string, std::string>;
 using std::placeholders::_1;
@@ -26,8 +27,11 @@ const auto readStack = std::bind(&Subject::readStack, _1);
 
 constexpr char ping[] = R"({"command": "ping"})";
 
-/// The command of this program's child that plays `part`, a part of playSubject's.
-Words self(const char *part) { return {"/proc/self/exe", part}; }
+constexpr char self[] = "/proc/self/exe";
+
+/// What starts the other subjects, by the option that names their programs.
+constexpr std::pair<const char *, decltype(&makeHelper)> makers[] = {
+    {"helper", makeHelper}, {"lldb-dap", makeLldbDap}, {"gdb", makeGdb}};
 
 /// The other end of two pipes, which sends every message back.
 void playSubject(const std::string &part) {
@@ -49,12 +53,11 @@ class Bench {
         timing(options["only"], std::stod(options["effort"])),
         symbols(symbolsOf(options["target"])) {
     subjects.push_back(makeFloor());
-    subjects.push_back(makeHelper(options["helper"]));
-    if (!options["lldb-dap"].empty()) subjects.push_back(makeLldbDap(options["lldb-dap"]));
-    if (!options["gdb"].empty()) subjects.push_back(makeGdb(options["gdb"]));
+    for (const auto &[option, make] : makers)
+      if (!options[option].empty()) subjects.push_back(make(options[option]));
   }
 
-  nlohmann::ordered_json run() {
+  json run() {
     startToFirstAnswer();
     roundTrips();
     launches("", options["target"], {"work"}, symbols.at("main"));
@@ -66,7 +69,7 @@ class Bench {
     if (const std::string large = options["large"]; !large.empty())
       launches(", 100 MB", large, {"--version"}, symbolsOf(large).at("main"));
     largeMemory();
-    return timing.rows;
+    return {{"lldb", lldb::SBDebugger::GetVersionString()}, {"rows", timing.rows}};
   }
 
  private:
@@ -74,35 +77,21 @@ class Bench {
   void startToFirstAnswer() {
     if (!timing.wants("start to first answer") && !timing.wants("memory at the first answer"))
       return;
-    const std::string initialize =
-        R"({"seq": 1, "type": "request", "command": "initialize", "arguments": {"adapterID": "bench"}})";
-    const struct {
-      const char *name;
-      Words command;
-      Child::Pipes pipes;
-      std::string request;
-    } programs[] = {
-        {"floor", self("--start"), Child::Pipes::StandardStreams, ping},
-        {"lldb-helper", {options["helper"]}, Child::Pipes::Arguments, frame(ping)},
-        {"lldb-dap",
-         {options["lldb-dap"]},
-         Child::Pipes::StandardStreams,
-         "Content-Length: " + std::to_string(initialize.size()) + "\r\n\r\n" + initialize},
-        {"gdb",
-         {options["gdb"], "--interpreter=mi3", "-nx", "-q"},
-         Child::Pipes::StandardStreams,
-         "-gdb-show confirm\n"}};
     Timing::Samples times, memory;
     for (int round = 0; round < timing.roundsOf(20); ++round) {
-      for (const auto &program : programs) {
-        if (program.command[0].empty()) continue;
-        std::optional<Child> child;
-        times[program.name].push_back(microsecondsOf([&] {
-          child.emplace(program.command, program.pipes);
-          child->write(program.request);
-          child->read(1);
-        }));
-        memory[program.name].push_back(static_cast<double>(child->peakMemory()));
+      std::optional<Child> floor;
+      times["floor"].push_back(microsecondsOf([&] {
+        floor.emplace(Words{self, "--start"}, Child::Pipes::StandardStreams);
+        floor->write(ping);
+        floor->read(1);
+      }));
+      memory["floor"].push_back(floor->peakMemory());
+      for (const auto &[option, make] : makers) {
+        if (options[option].empty()) continue;
+        std::unique_ptr<Subject> subject;
+        const double time = microsecondsOf([&] { subject = make(options[option]); });
+        times[subject->name].push_back(time);
+        memory[subject->name].push_back(subject->peakMemory());
       }
     }
     timing.addRow("start to first answer", "us", "floor", times);
@@ -112,7 +101,7 @@ class Bench {
   /// A program that only sends the message back shows the least that it can cost. Measured always,
   /// for the limits of the other jobs.
   void roundTrips() {
-    Child echo(self("--echo"), Child::Pipes::StandardStreams);
+    Child echo({self, "--echo"}, Child::Pipes::StandardStreams);
     Timing::Samples samples;
     const auto sample = [&](const std::string &name, const std::function<void()> &action) {
       for (int number = 0; number < 100; ++number) samples[name].push_back(microsecondsOf(action));
@@ -161,16 +150,16 @@ class Bench {
       subject.breakAt(main);
     };
     const auto dropAtStop = std::bind(drop, _1, &Subject::programCounter);
-    const auto processesLeft = [=](Subject &subject) {
+    const auto processLeft = [=](Subject &subject) {
       subject.afterDeletion();
-      return std::to_string(processesOf(program));
+      return std::to_string(std::system(("pidof '" + program + "' >/dev/null").c_str()));
     };
     const int rounds = suffix.empty() ? 12 : 4;
     for (const Job &job : std::initializer_list<Job>{
              {"launch to entry" + suffix, 2, rounds, 1, nullptr, launch, dropAtStop},
              {"entry to main" + suffix, 1, rounds, 1, launchToMain, resume, dropAtStop},
              {"deleteProcess" + suffix, 1, rounds, 1, launch,
-              std::bind(&Subject::deleteProcess, _1), processesLeft}})
+              std::bind(&Subject::deleteProcess, _1), processLeft}})
       timing.measure(job, subjects);
     if (!suffix.empty()) scene(program, arguments, main, {oneStop(suffix, main, 5, 5)});
   }
@@ -227,7 +216,7 @@ class Bench {
     scene(options["target"], {"work"}, symbols.at("ready"), {job});
     if (timing.wants(job.name))
       timing.addRow("peak memory of memory 128 MiB", "bytes", "lldb-helper",
-                    {{"lldb-helper", {static_cast<double>(subjects[1]->peakMemory())}}});
+                    {{"lldb-helper", {subjects[1]->peakMemory()}}});
   }
 
   void stacks() {
@@ -293,11 +282,7 @@ int main(int argc, char **argv) {
     options[word.substr(0, end)] = word.substr(end + 1);
   }
   try {
-    const nlohmann::ordered_json rows = Bench(options).run();
-    std::cout << nlohmann::ordered_json{{"lldb", lldb::SBDebugger::GetVersionString()},
-                                        {"rows", rows}}
-                     .dump(1)
-              << "\n";
+    std::cout << Bench(options).run().dump(1) << "\n";
   } catch (const std::exception &exception) {
     std::cerr << "bench: " << exception.what() << "\n";
     return 1;
