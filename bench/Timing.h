@@ -81,8 +81,8 @@ class Timing {
       row["median"][name] = *middle;
     }
     const double whole = row["median"][base];
-    for (const auto &[name, median] : row["median"].items())
-      if (name != base) row["ratio"][name] = median.get<double>() / whole;
+    for (const auto &[name, values] : samples)
+      if (name != base) row["ratio"][name] = row["median"][name].get<double>() / whole;
     std::cerr << job << ": " << row["median"] << " " << row["ratio"] << "\n";
     rows.push_back(std::move(row));
   }
