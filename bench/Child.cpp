@@ -6,40 +6,33 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
-#include <utility>
 
 namespace {
 
-[[noreturn]] void fail(const std::string &what) {
-  throw std::runtime_error(what + ": " + std::strerror(errno));
+void check(bool success, const char *what) {
+  if (!success) throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
 }  // namespace
 
 Child::Child(std::vector<std::string> command, Pipes pipes) {
   int toChild[2], fromChild[2];
-  if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) fail("pipe");
-  if (pipes == Pipes::Arguments) {
-    command.push_back(std::to_string(toChild[0]));
-    command.push_back(std::to_string(fromChild[1]));
-  }
+  check(pipe2(toChild, O_CLOEXEC) == 0 && pipe2(fromChild, O_CLOEXEC) == 0, "pipe");
+  if (pipes == Pipes::Arguments)
+    for (const int end : {toChild[0], fromChild[1]}) command.push_back(std::to_string(end));
   std::vector<char *> arguments;
   for (std::string &word : command) arguments.push_back(word.data());
   arguments.push_back(nullptr);
-  const pid_t parent = getpid();
   process = fork();
-  if (process < 0) fail("fork");
+  check(process >= 0, "fork");
   if (process == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);
     if (pipes == Pipes::Arguments) {
-      fcntl(toChild[0], F_SETFD, 0);
-      fcntl(fromChild[1], F_SETFD, 0);
+      for (const int end : {toChild[0], fromChild[1]}) fcntl(end, F_SETFD, 0);
     } else {
       dup2(toChild[0], STDIN_FILENO);
       dup2(fromChild[1], STDOUT_FILENO);
@@ -50,63 +43,49 @@ Child::Child(std::vector<std::string> command, Pipes pipes) {
   close(toChild[0]);
   close(fromChild[1]);
   output = toChild[1];
-  input = fromChild[0];
+  input = fdopen(fromChild[0], "r");
+  setvbuf(input, block.data(), _IOFBF, block.size());
 }
 
 Child::~Child() {
   kill(process, SIGKILL);
   waitpid(process, nullptr, 0);
-  close(input);
+  fclose(input);
   close(output);
+  free(buffer);
 }
 
 void Child::write(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::write(output, bytes.data(), bytes.size());
-    if (count < 0) fail("write");
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-}
-
-void Child::fill(std::size_t room) {
-  constexpr std::size_t leastCapacity = 65536;
-  if (capacity - begin < room || begin == end) {
-    const std::size_t enough = std::max(room, leastCapacity);
-    const auto old = capacity < enough
-                         ? std::exchange(buffer, std::make_unique_for_overwrite<char[]>(enough))
-                         : nullptr;
-    capacity = std::max(capacity, enough);
-    std::memmove(buffer.get(), (old ? old : buffer).get() + begin, end - begin);
-    end -= begin;
-    begin = 0;
-  }
-  const ssize_t count = ::read(input, buffer.get() + end, capacity - end);
-  if (count <= 0) fail("the program has ended");
-  end += static_cast<std::size_t>(count);
+  const ssize_t count = ::write(output, bytes.data(), bytes.size());
+  check(count == static_cast<ssize_t>(bytes.size()), "write");
 }
 
 std::string_view Child::read(std::size_t count) {
-  while (end - begin < count) fill(count);
-  begin += count;
-  return {buffer.get() + begin - count, count};
+  if (count > capacity) {
+    free(buffer);  // realloc() would copy what nobody needs
+    buffer = static_cast<char *>(malloc(capacity = count));
+  }
+  check(fread_unlocked(buffer, 1, count, input) == count, "the program has ended");
+  return {buffer, count};
 }
 
 std::string_view Child::readLine() {
-  for (std::size_t size = 0;;) {
-    const std::string_view unread(buffer.get() + begin, end - begin);
-    const std::size_t found = unread.find('\n', size);
-    if (found != std::string_view::npos) return read(found + 1);
-    size = unread.size();
-    fill(2 * size + 1);
-  }
+  const ssize_t count = getline(&buffer, &capacity, input);
+  check(count > 0, "the program has ended");
+  return {buffer, static_cast<std::size_t>(count)};
 }
 
-std::size_t Child::peakMemory() const {
+std::string_view Child::readFrame() {
+  std::uint32_t size = 0;
+  std::memcpy(&size, read(sizeof size).data(), sizeof size);
+  return read(size);
+}
+
+double Child::peakMemory() const {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
-  for (std::string word; status >> word;) {
-    std::size_t kilobytes = 0;
+  double kilobytes = 0;
+  for (std::string word; status >> word;)
     if (word == "VmHWM:" && status >> kilobytes) return kilobytes * 1024;
-  }
   throw std::runtime_error("no peak memory");
 }
 
@@ -115,8 +94,13 @@ std::string frame(std::string_view text) {
   return std::string(reinterpret_cast<const char *>(&size), sizeof size).append(text);
 }
 
-std::string_view readFrame(Child &child) {
-  std::uint32_t size = 0;
-  std::memcpy(&size, child.read(sizeof size).data(), sizeof size);
-  return child.read(size);
+std::map<std::string, std::uint64_t> symbolsOf(const std::string &program) {
+  FILE *pipe = popen(("nm '" + program + "' 2>&1 || nm -D '" + program + "'").c_str(), "re");
+  std::map<std::string, std::uint64_t> symbols;
+  unsigned long long address = 0;
+  char kind = 0, name[256], line[4096];
+  while (std::fgets(line, sizeof line, pipe) != nullptr)
+    if (std::sscanf(line, "%llx %c %255s", &address, &kind, name) == 3) symbols[name] = address;
+  pclose(pipe);
+  return symbols;
 }

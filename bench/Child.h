@@ -2,9 +2,10 @@
 
 #include <sys/types.h>
 
-#include <cstddef>
+#include <array>
 #include <cstdint>
-#include <memory>
+#include <cstdio>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,11 +13,9 @@
 /// A program under measurement and two pipes to it. Every failure throws std::runtime_error.
 class Child {
  public:
-  /// How the program gets its ends of the pipes.
-  enum class Pipes {
-    StandardStreams,  ///< as its standard input and output
-    Arguments,        ///< as two descriptor numbers, its last two arguments
-  };
+  /// How the program gets its ends of the pipes: as its standard input and output, or as two
+  /// descriptor numbers, its last two arguments.
+  enum class Pipes { StandardStreams, Arguments };
 
   Child(std::vector<std::string> command, Pipes pipes);
   /// Kills the program and waits for it.
@@ -26,26 +25,28 @@ class Child {
 
   void write(std::string_view bytes);
 
-  /// Returns exactly `count` bytes, valid until the next read.
+  // What these return is valid until the next read.
+
   std::string_view read(std::size_t count);
-  /// Returns the bytes up to and including the next line feed, valid until the next read.
+  /// Returns the next line with its line feed.
   std::string_view readLine();
+  /// Returns the next message of lldb-helper's pipe mode.
+  std::string_view readFrame();
 
   /// The most memory the program has used so far, in bytes.
-  std::size_t peakMemory() const;
+  double peakMemory() const;
 
  private:
-  /// Appends to what has been read, in a buffer for at least `room` unread bytes.
-  void fill(std::size_t room);
-
   pid_t process = -1;
-  int input = -1;   ///< what the program writes
-  int output = -1;  ///< what the program reads
-  // Never cleared: a byte of an answer is written once, by the system.
-  std::unique_ptr<char[]> buffer;
-  std::size_t capacity = 0, begin = 0, end = 0;  ///< unread from begin to end
+  int output = -1;         ///< what the program reads
+  FILE *input = nullptr;   ///< what the program writes
+  char *buffer = nullptr;  ///< what was read last; getline() may move it
+  std::size_t capacity = 0;
+  std::array<char, 65536> block;  ///< input's: a pipe's capacity, so that one call reads a message
 };
 
-/// Message frames of lldb-helper's pipe mode.
+/// A message for lldb-helper's pipe mode.
 std::string frame(std::string_view text);
-std::string_view readFrame(Child &child);
+
+/// The addresses of a program's symbols. The program is linked to run at them.
+std::map<std::string, std::uint64_t> symbolsOf(const std::string &program);

@@ -1,6 +1,5 @@
 // gdb, through its machine interface.
 
-#include <cstdio>
 #include <stdexcept>
 
 #include "Child.h"
@@ -11,14 +10,13 @@ namespace {
 class Gdb : public Subject {
  public:
   explicit Gdb(const std::string &program)
-      : child({program, "--interpreter=mi3", "-nx", "-q"}, Child::Pipes::StandardStreams) {
+      : Subject("gdb"),
+        child({program, "--interpreter=mi3", "-nx", "-q"}, Child::Pipes::StandardStreams) {
     for (const char *setting :
          {"confirm off", "pagination off", "debuginfod enabled off", "startup-with-shell off",
           "auto-load no", "backtrace past-main on", "backtrace past-entry on"})
       ask(std::string("-gdb-set ") + setting);
   }
-
-  std::string name() const override { return "gdb"; }
 
   void launch(const std::string &program, const std::vector<std::string> &arguments) override {
     ask("-file-exec-and-symbols " + program);
@@ -32,7 +30,6 @@ class Gdb : public Subject {
   void removeBreakpoints() override { ask("-break-delete"); }
   void resume() override { askAndStop("-exec-continue"); }
   void step() override { askAndStop("-exec-step-instruction"); }
-  void runToExit() override { resume(); }
 
   void readMemory(std::uint64_t address, std::size_t size) override {
     ask("-data-read-memory-bytes " + std::to_string(address) + " " + std::to_string(size));
@@ -43,45 +40,17 @@ class Gdb : public Subject {
   void listModules(bool) override { ask("-file-list-shared-libraries"); }
   void roundTrip() override { ask("-gdb-show confirm"); }
 
-  bool showsOutput() const override { return false; }
-  std::string bytes() override {
-    std::string found;
-    const std::string key = "contents=\"";
-    for (std::size_t at = answer.find(key) + key.size(); answer[at] != '"'; at += 2)
-      found += static_cast<char>(std::stoi(std::string(answer.substr(at, 2)), nullptr, 16));
-    return found;
-  }
-  std::string output() override { return ""; }
-  std::vector<std::uint64_t> stack() override {
-    std::vector<std::uint64_t> counters;
-    for (const std::string &address : values("addr"))
-      counters.push_back(std::stoull(address, nullptr, 16));
-    return counters;
-  }
-  std::size_t threads() override { return values("target-id").size(); }
-  std::size_t benchLibraries() override {
-    std::size_t found = 0;
-    for (const std::string &file : values("id")) found += file.find("/libbench") != file.npos;
-    return found;
-  }
-  std::uint64_t programCounter() override {
+  std::string bytes() override { return bytesAfter("contents=\"", answer); }
+  std::string stack() override { return numbersAfter("addr=\"", answer); }
+  std::string programCounter() override {
     ask("-data-evaluate-expression \"(unsigned long)$pc\"");
-    return std::stoull(std::string(answer.substr(answer.find('"') + 1)));
+    return numbersAfter("value=\"", answer);
   }
+  std::string threadCount() override { return countOf("target-id=\"[^\"]*", answer); }
+  std::string libraryCount() override { return countOf(library, answer); }
+  double peakMemory() override { return child.peakMemory(); }
 
  private:
-  /// The values of a key, wherever it is in the answer.
-  std::vector<std::string> values(const std::string &key) const {
-    std::vector<std::string> found;
-    const std::string start = key + "=\"";
-    for (std::size_t at = answer.find(start); at != std::string::npos;
-         at = answer.find(start, at)) {
-      at += start.size();
-      found.emplace_back(answer.substr(at, answer.find('"', at) - at));
-    }
-    return found;
-  }
-
   void ask(const std::string &command) {
     answer = {};
     child.write(command + "\n");

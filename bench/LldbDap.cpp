@@ -1,6 +1,7 @@
 // lldb-dap, LLDB's own back-end for editors, which speaks the Debug Adapter Protocol.
 
-#include <algorithm>
+#include <resolv.h>
+
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
@@ -12,41 +13,38 @@ namespace {
 
 using json = nlohmann::json;
 
-/// Where a message says what it is: keys come in alphabetical order, so a large "body" is before
-/// it.
-std::string_view endOf(std::string_view message) {
-  return message.substr(message.size() - std::min<std::size_t>(message.size(), 128));
+std::string hex(std::uint64_t number) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(number));
+  return text;
 }
 
 class LldbDap : public Subject {
  public:
-  explicit LldbDap(std::string program) : program(std::move(program)) { start(); }
-
-  std::string name() const override { return "lldb-dap"; }
+  explicit LldbDap(const std::string &program) : Subject("lldb-dap"), program(program) { start(); }
 
   void launch(const std::string &file, const std::vector<std::string> &arguments) override {
     outputSoFar.clear();
     stops = 0;
-    breakpoints = json::array();
     send("launch",
          {{"program", file}, {"args", arguments}, {"stopOnEntry", true}, {"disableASLR", true}});
     await([this] { return initialized; });
     ask("configurationDone");
     await([this] { return stops > 0; });
   }
-  /// A session is one program's, so the next one needs a new lldb-dap.
+  // lldb-dap may end with its program. A session is one program's, so the next one needs a new
+  // lldb-dap.
   void deleteProcess() override {
-    if (!exited) ask("disconnect", {{"terminateDebuggee", true}});  // it may have ended, too
+    if (!exited) ask("disconnect", {{"terminateDebuggee", true}});
   }
   void afterDeletion() override { start(); }
 
   void breakAt(std::uint64_t address) override {
-    breakpoints.push_back({{"instructionReference", hex(address)}});
-    ask("setInstructionBreakpoints", {{"breakpoints", breakpoints}});
+    ask("setInstructionBreakpoints",
+        {{"breakpoints", json::array({{{"instructionReference", hex(address)}}})}});
   }
   void removeBreakpoints() override {
-    breakpoints = json::array();
-    ask("setInstructionBreakpoints", {{"breakpoints", breakpoints}});
+    if (!exited) ask("setInstructionBreakpoints", {{"breakpoints", json::array()}});
   }
   void resume() override { askAndStop("continue", {{"threadId", thread}}); }
   void step() override {
@@ -61,63 +59,40 @@ class LldbDap : public Subject {
     ask("readMemory", {{"memoryReference", hex(address)}, {"count", size}});
   }
   void readRegisters() override {
-    ask("stackTrace", {{"threadId", thread}, {"levels", 1}});
+    readTopFrame();
     ask("scopes", {{"frameId", body("stackFrames")[0]["id"]}});
-    const json scopes = body("scopes");
-    const auto scope = std::find_if(scopes.begin(), scopes.end(),
-                                    [](const json &entry) { return entry["name"] == "Registers"; });
-    ask("variables", {{"variablesReference", (*scope)["variablesReference"]}});
-    for (const json &set : body("variables"))
-      ask("variables", {{"variablesReference", set["variablesReference"]}});
+    const auto expand = [this](const json &variable) {
+      ask("variables", {{"variablesReference", variable["variablesReference"]}});
+    };
+    for (const json &scope : body("scopes"))
+      if (scope["name"] == "Registers") expand(scope);
+    for (const json &set : body("variables")) expand(set);
   }
   void readStack() override { ask("stackTrace", {{"threadId", thread}}); }
   void listThreads() override { ask("threads"); }
   void listModules(bool) override { ask("modules"); }
   /// Without a program lldb-dap refuses this, which is the least that it can do.
-  void roundTrip() override { askWhatever("threads"); }
+  void roundTrip() override { ask("threads", json::object(), true); }
 
   std::string bytes() override {
     const std::string text = body("data");
-    std::string bytes;
-    unsigned bits = 0;
-    int count = 0;
-    for (const char letter : text) {
-      static const std::string letters =
-          "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-      const std::size_t value = letters.find(letter);
-      if (value == std::string::npos) break;
-      bits = bits << 6 | static_cast<unsigned>(value);
-      if ((count += 6) >= 8) bytes += static_cast<char>(bits >> (count -= 8) & 0xff);
-    }
-    return bytes;
+    std::vector<unsigned char> bytes(text.size());
+    const int size = b64_pton(text.c_str(), bytes.data(), bytes.size());
+    return {bytes.begin(), bytes.begin() + size};
   }
   std::string output() override { return outputSoFar; }
-  std::vector<std::uint64_t> stack() override {
-    std::vector<std::uint64_t> counters;
-    for (const json &frame : body("stackFrames"))
-      counters.push_back(
-          std::stoull(frame["instructionPointerReference"].get<std::string>(), nullptr, 16));
-    return counters;
+  std::string stack() override {
+    return numbersAfter("\"instructionPointerReference\":\"", answer);
   }
-  std::size_t threads() override { return body("threads").size(); }
-  std::size_t benchLibraries() override {
-    std::size_t found = 0;
-    for (const json &module : body("modules"))
-      found += module["name"].get<std::string>().starts_with("libbench");
-    return found;
+  std::string programCounter() override {
+    readTopFrame();
+    return stack();
   }
-  std::uint64_t programCounter() override {
-    ask("stackTrace", {{"threadId", thread}, {"levels", 1}});
-    return stack().at(0);
-  }
+  std::string threadCount() override { return countOf("\"id\":[0-9]+", answer); }
+  std::string libraryCount() override { return countOf(library, answer); }
+  double peakMemory() override { return child->peakMemory(); }
 
  private:
-  static std::string hex(std::uint64_t number) {
-    char text[24];
-    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(number));
-    return text;
-  }
-
   void start() {
     // On one processor LLDB's parallel loading may stand still for a minute.
     child.emplace(std::vector<std::string>{program, "--pre-init-command",
@@ -127,29 +102,24 @@ class LldbDap : public Subject {
     ask("initialize", {{"adapterID", "bench"}, {"supportsMemoryReferences", true}});
   }
 
+  void readTopFrame() { ask("stackTrace", {{"threadId", thread}, {"levels", 1}}); }
+
   /// One member of the last answer's body.
   json body(const char *member) const { return json::parse(answer)["body"][member]; }
 
   void send(const char *command, json arguments) {
-    const std::string text = json{
-        {"seq", ++sequence},
-        {"type", "request"},
-        {"command", command},
-        {"arguments",
-         std::move(arguments)}}.dump();
+    json request{{"seq", ++sequence}, {"type", "request"}, {"command", command}};
+    request["arguments"] = std::move(arguments);
+    const std::string text = request.dump();
     child->write("Content-Length: " + std::to_string(text.size()) + "\r\n\r\n" + text);
   }
 
-  void askWhatever(const char *command, json arguments = json::object()) {
+  void ask(const char *command, json arguments = json::object(), bool refusable = false) {
     send(command, std::move(arguments));
     const std::string mine = "\"request_seq\":" + std::to_string(sequence) + ",";
     answer = {};
-    await([&] { return endOf(answer).find(mine) != std::string::npos; });
-  }
-
-  void ask(const char *command, json arguments = json::object()) {
-    askWhatever(command, std::move(arguments));
-    if (endOf(answer).find("\"success\":true") == std::string::npos)
+    await([&] { return contains(endOf(answer), mine); });
+    if (!refusable && !contains(endOf(answer), "\"success\":true"))
       throw std::runtime_error("lldb-dap: " + std::string(answer));
   }
 
@@ -170,24 +140,18 @@ class LldbDap : public Subject {
       if (line.starts_with("Content-Length: ")) size = std::stoul(line.substr(16));
     const std::string_view message = child->read(size);
     const std::string_view end = endOf(message);
-    if (end.find("\"type\":\"event\"") == std::string_view::npos) {
-      if (end.find("\"type\":\"response\"") != std::string_view::npos) answer = message;
-      return;
-    }
-    const auto isEvent = [&](const char *name) {
-      return end.find("\"event\":\"" + std::string(name) + "\"") != std::string_view::npos;
-    };
-    if (isEvent("output")) {
+    if (contains(end, "\"type\":\"response\"")) {
+      answer = message;
+    } else if (contains(end, "\"event\":\"output\"")) {
       const json event = json::parse(message)["body"];
       if (event.value("category", "") == "stdout")
         outputSoFar += event["output"].get<std::string>();
-    } else if (isEvent("stopped")) {
+    } else if (contains(end, "\"event\":\"stopped\"")) {
       ++stops;
       thread = json::parse(message)["body"]["threadId"];
-    } else if (isEvent("initialized")) {
-      initialized = true;
-    } else if (isEvent("exited")) {
-      exited = true;
+    } else {
+      initialized |= contains(end, "\"event\":\"initialized\"");
+      exited |= contains(end, "\"event\":\"exited\"");
     }
   }
 
@@ -195,11 +159,9 @@ class LldbDap : public Subject {
   std::optional<Child> child;
   unsigned sequence = 0;
   std::string_view answer;  ///< until the next message is read
-  json breakpoints;
   std::uint64_t thread = 0;
   unsigned stops = 0;
-  bool initialized = false;
-  bool exited = false;
+  bool initialized = false, exited = false;
   std::string outputSoFar;
 };
 

@@ -1,8 +1,10 @@
-"""Collects the results of the benchmarks. script/bench calls it.
+"""Collects the results of the benchmarks, and times LLDB's settings. script/bench calls it.
 
 report.py page KEPT SVG PAGE ONE-CPU-RUNS ALL-CPUS-RUN JSON-RUN   writes KEPT, SVG and PAGE's tables
 report.py check KEPT RUN...                                       fails where a ratio has grown
 report.py instructions KEPT PROGRAM [--keep]                      the same for counted instructions
+report.py settings HELPER PROGRAM       times a session's start with one of LLDB's settings that a host may set.
+                                        PROGRAM has a symbol main, and runs at the addresses in its file
 """
 
 import json
@@ -11,8 +13,11 @@ import re
 import statistics
 import subprocess
 import sys
+import time
+from pathlib import Path
 
 PEERS = ["lldb-helper", "lldb-dap", "gdb"]
+LIBRARIES = ["ours", "nlohmann", "RapidJSON", "simdjson"]
 # Ratios of one machine differ by a few per cent from run to run, ratios of two machines by up to a quarter.
 GROWTH_ALLOWED, SLACK = 1.3, 0.15
 # Compilers and C libraries differ a little.
@@ -27,23 +32,52 @@ SLOPES = [
     ("breakpoint hit, per thread", "breakpoint hit, 100 threads", "breakpoint hit, 1000 threads", 900),
 ]
 
+# The second helper with a cache finds it filled.
+SETTINGS = ["", "symbols.enable-external-lookup false", "target.preload-symbols false",
+            "symbols.enable-lldb-index-cache true", "symbols.enable-lldb-index-cache true"]
+
+PICTURE = [("one stop", "one stop"), ("registers after a step", "registers"),
+           ("call stack 100, after a step", "call stack\\nof 100"), ("breakpoint hit", "breakpoint\\nhit"),
+           ("memory 4 KiB", "memory\\n4 KiB"), ("launch to entry", "launch")]
+# Bars: how many times the floor's time each takes.
+PLOT = """
+set terminal svg size 860,360 font "sans-serif,13" background "white"
+set output "{path}"
+set style data histogram; set style histogram clustered gap 1; set style fill solid noborder
+set yrange [0:6]; set grid y; set bmargin 4; set key top right; set ylabel "time, LLDB used plainly = 1"
+set arrow from graph 0, first 1 to graph 1, first 1 nohead lw 2
+$data << END
+{data}
+END
+plot $data using 2:xtic(1) title "lldb-helper" lc rgb "#1b7f5a", \\
+  "" using 3 title "lldb-dap" lc rgb "#8fa8c8", "" using 4 title "gdb" lc rgb "#d9b36c"
+"""
+
 
 def load(path):
-    with open(path) as file:
-        return json.load(file)
+    return json.loads(Path(path).read_text())
+
+
+def keep(path, value):
+    Path(path).write_text(json.dumps(value, indent=1) + "\n")
 
 
 def merge(runs):
-    """One row for each job: the medians of the runs' medians and of their ratios."""
+    """One row for each job: the medians of the runs' medians and of their ratios. Each row has its limit: the floor
+    and one raw echo for each request. No program behind a pipe can take less."""
     rows = []
     for first in runs[0]["rows"]:
         same = [row for run in runs for row in run["rows"] if row["job"] == first["job"]]
         row = {key: first[key] for key in ("job", "unit", "base", "requests") if key in first}
         for kind in ("median", "ratio"):
-            row[kind] = {name: statistics.median(one[kind][name] for one in same)
-                         for name in first.get(kind) or {}}
+            row[kind] = {name: statistics.median(one[kind][name] for one in same) for name in first.get(kind) or {}}
         rows.append(row)
-    return limits(rows)
+    echo = next((row["median"]["raw echo"] for row in rows if row["base"] == "raw echo"), None)
+    for row in rows:
+        if row.get("requests") and echo:
+            row["limit"] = row["median"]["floor"] + row["requests"] * echo
+            row["of the limit"] = row["median"]["lldb-helper"] / row["limit"]
+    return rows
 
 
 def amount(value, unit):
@@ -54,44 +88,36 @@ def amount(value, unit):
     return f"{value / 1000:.3g} ms" if value < 1e6 else f"{value / 1e6:.3g} s"
 
 
-def limits(rows):
-    """Adds to each row its limit: the floor and one raw echo for each request. No program behind a pipe can take less."""
-    echo = next((row["median"]["raw echo"] for row in rows if row["base"] == "raw echo"), None)
-    for row in rows:
-        if row.get("requests") and echo:
-            row["limit"] = row["median"]["floor"] + row["requests"] * echo
-            row["of the limit"] = row["median"]["lldb-helper"] / row["limit"]
-    return rows
+def markdown(heads, rows):
+    lines = ["| " + " | ".join(cells) + " |" for cells in [heads, *rows]]
+    return "\n".join([lines[0], "|---" * len(heads) + "|", *lines[1:]])
 
 
 def table(rows):
-    lines = ["| job | floor | lldb-helper | of the floor | of the limit | lldb-dap | gdb |", "|---|---|---|---|---|---|---|"]
+    lines = []
     for row in rows:
-        base, unit = row["base"], row["unit"]
-        name = row["job"] + ("" if base in ("floor", "lldb-helper") else f" (base: {base})")
-        shown = dict(row["ratio"])
+        name = row["job"] + ("" if row["base"] in ("floor", "lldb-helper") else f" (base: {row['base']})")
+        ratios = {**row["ratio"], "limit": row.get("of the limit")}
         if "output" in row["job"]:
-            shown.pop("gdb", None)
-        number = lambda value: "" if value is None else f"{value:.2f}"
-        cells = [name, amount(row["median"][base], unit), amount(row["median"]["lldb-helper"], unit),
-                 number(shown.get("lldb-helper")), number(row.get("of the limit")), number(shown.get("lldb-dap")), number(shown.get("gdb"))]
-        lines.append("| " + " | ".join(cells) + " |")
-    return "\n".join(lines)
+            ratios["gdb"] = None
+        numbers = [ratios.get(key) for key in ("lldb-helper", "limit", "lldb-dap", "gdb")]
+        lines.append([name, *(amount(row["median"][subject], row["unit"]) for subject in (row["base"], "lldb-helper")),
+                      *("" if number is None else f"{number:.2f}" for number in numbers)])
+    return markdown(["job", "floor", "lldb-helper", "of the floor", "of the limit", "lldb-dap", "gdb"], lines)
 
 
 def slopes(rows):
     medians = {row["job"]: row["median"] for row in rows}
-    lines = ["| cost | floor | lldb-helper | lldb-dap | gdb |", "|---|---|---|---|---|"]
-    for name, small, large, steps in SLOPES:
-        cells = [name]
-        for subject in ["floor"] + PEERS:
-            ends = [medians[job].get(subject) for job in (small, large)]
-            cells.append("" if None in ends else amount((ends[1] - ends[0]) / steps, "us"))
-        lines.append("| " + " | ".join(cells) + " |")
-    return "\n".join(lines)
+
+    def cell(subject, small, large, steps):
+        ends = [medians[job].get(subject) for job in (small, large)]
+        return "" if None in ends else amount((ends[1] - ends[0]) / steps, "us")
+
+    subjects = ["floor", *PEERS]
+    return markdown(["cost", *subjects], [[name, *(cell(subject, *ends) for subject in subjects)] for name, *ends in SLOPES])
 
 
-def json_rows(run):
+def json_speeds(run):
     speeds = {}
     for entry in run["benchmarks"]:
         job, library, text = entry["name"].split("/")
@@ -100,72 +126,31 @@ def json_rows(run):
 
 
 def json_table(speeds):
-    libraries = ["ours", "nlohmann", "RapidJSON", "simdjson"]
-    lines = ["| job, text | " + " | ".join(libraries) + " |", "|---" * (len(libraries) + 1) + "|"]
-    for job, speed in speeds.items():
-        cells = [f"{speed[library]:,.0f}" if library in speed else "" for library in libraries]
-        lines.append(f"| {job} | " + " | ".join(cells) + " |")
-    return "\n".join(lines)
+    return markdown(["job, text", *LIBRARIES], [
+        [job, *(f"{speed[library]:,.0f}" if library in speed else "" for library in LIBRARIES)]
+        for job, speed in speeds.items()])
 
 
-def fill(page, name, text):
-    pattern = re.compile(f"(<!-- {name} -->\n).*?(<!-- end -->)", re.DOTALL)
-    filled, count = pattern.subn(lambda found: found[1] + text + "\n" + found[2], page)
-    if count != 1:
-        sys.exit(f"the page has no place for {name}")
-    return filled
-
-
-PICTURE = [("one stop", "one stop"), ("registers after a step", "registers"), ("call stack 100, after a step", "call stack\\nof 100"),
-           ("breakpoint hit", "breakpoint\\nhit"), ("memory 4 KiB", "memory\\n4 KiB"), ("launch to entry", "launch")]
-
-
-def plot(rows, path):
-    """Bars: how many times the floor's time each takes."""
+def page(kept_path, svg_path, page_path, *paths):
+    *runs, all_cpus, json_run = map(load, paths)
+    rows, free_rows, speeds = merge(runs), merge([all_cpus]), json_speeds(json_run)
+    processor = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())[1]
+    keep(kept_path, {"processor": processor, "processors": os.cpu_count(), "lldb": runs[0]["lldb"],
+                     "one processor": rows, "all processors": free_rows, "Json, MB/s": speeds})
     ratios = {row["job"]: row["ratio"] for row in rows}
-    data = "".join('"%s" %s\n' % (name, " ".join(str(ratios[job].get(peer, "NaN")) for peer in PEERS)) for job, name in PICTURE)
-    commands = f"""
-set terminal svg size 860,360 font "sans-serif,13" background "white"
-set output "{path}"
-set style data histogram
-set style histogram clustered gap 1
-set style fill solid noborder
-set yrange [0:6]
-set grid y
-set bmargin 4
-set key top right
-set ylabel "time, LLDB used plainly = 1"
-set arrow from graph 0, first 1 to graph 1, first 1 nohead lw 2
-$data << END
-{data}END
-plot $data using 2:xtic(1) title "lldb-helper" lc rgb "#1b7f5a", \\
-  "" using 3 title "lldb-dap" lc rgb "#8fa8c8", "" using 4 title "gdb" lc rgb "#d9b36c"
-"""
-    subprocess.run(["gnuplot"], input=commands, text=True, check=True)
-
-
-def write_page(kept_path, svg_path, page_path, one_cpu, all_cpus, json_run):
-    runs = [load(path) for path in one_cpu]
-    rows, free_rows, speeds = merge(runs), merge([load(all_cpus)]), json_rows(load(json_run))
-    with open("/proc/cpuinfo") as file:
-        processor = re.search(r"model name\s*: (.*)", file.read())[1]
-    kept = {"processor": processor, "processors": os.cpu_count(), "lldb": runs[0]["lldb"],
-            "one processor": rows, "all processors": free_rows, "Json, MB/s": speeds}
-    with open(kept_path, "w") as file:
-        json.dump(kept, file, indent=1)
-        file.write("\n")
-    plot(rows, svg_path)
-    with open(page_path) as file:
-        page = file.read()
+    data = "\n".join(" ".join([f'"{name}"', *(str(ratios[job].get(peer, "NaN")) for peer in PEERS)]) for job, name in PICTURE)
+    subprocess.run(["gnuplot"], input=PLOT.format(path=svg_path, data=data), text=True, check=True)
+    text = Path(page_path).read_text()
     machine = f"{processor}, {os.cpu_count()} processors, {runs[0]['lldb'].splitlines()[0]}."
-    for name, text in [("machine", machine), ("one processor", table(rows)), ("slopes", slopes(rows)),
-                       ("all processors", table(free_rows)), ("json", json_table(speeds))]:
-        page = fill(page, name, text)
-    with open(page_path, "w") as file:
-        file.write(page)
+    for name, content in [("machine", machine), ("one processor", table(rows)), ("slopes", slopes(rows)),
+                          ("all processors", table(free_rows)), ("json", json_table(speeds))]:
+        text, count = re.subn(rf"(?s)(<!-- {name} -->\n).*?(<!-- end -->)", lambda found: f"{found[1]}{content}\n{found[2]}", text)
+        if count != 1:
+            sys.exit(f"the page has no place for {name}")
+    Path(page_path).write_text(text)
 
 
-def check(kept_path, paths):
+def check(kept_path, *paths):
     """Holds each row's ratio to the floor, and where a row has one, to the limit."""
     kept = {row["job"]: row for row in load(kept_path)["one processor"]}
     slower = False
@@ -182,41 +167,61 @@ def check(kept_path, paths):
     sys.exit(slower)
 
 
-def instructions(kept_path, program, keep):
+def instructions(kept_path, program, *options):
     """Counts the instructions of Json's work under callgrind."""
-    names = subprocess.run([program], text=True, capture_output=True, check=True).stdout.splitlines()
-    counts = {}
-    for name in names:
-        # Compilers make copies of the function, with longer names.
-        found = subprocess.run(
-            ["valgrind", "--tool=callgrind", "--toggle-collect=measured*", "--callgrind-out-file=/dev/null",
-             program, name], text=True, capture_output=True, check=True).stderr
-        counts[name] = int(re.search(r"Collected : (\d+)", found)[1])
-    if keep:
-        with open(kept_path, "w") as file:
-            json.dump(counts, file, indent=1)
-            file.write("\n")
-        return
+    run = lambda *command: subprocess.check_output(command, stderr=subprocess.STDOUT, text=True)
+    # Compilers make copies of the function measured, with longer names.
+    callgrind = ["valgrind", "--tool=callgrind", "--toggle-collect=measured*", "--callgrind-out-file=/dev/null"]
+    counts = {name: int(re.search(r"Collected : (\d+)", run(*callgrind, program, "--count", name))[1])
+              for name in run(program, "--count").splitlines()}
+    if "--keep" in options:
+        return keep(kept_path, counts)
     kept, more = load(kept_path), False
     for name, count in counts.items():
         bound = int(kept[name] * INSTRUCTIONS_ALLOWED)
         wrong = count == 0 or count > bound
         more |= wrong
-        print(f"{'MORE' if wrong else 'ok':4} {name:24} {count:12,} instructions, kept {kept[name]:,}, bound {bound:,}")
+        print(f"{'MORE' if wrong else 'ok':4} {name:26} {count:12,} instructions, kept {kept[name]:,}, bound {bound:,}")
     sys.exit(more)
 
 
-def main(verb, *arguments):
-    if verb == "page":
-        kept, svg, page, *one_cpu, all_cpus, json_run = arguments
-        write_page(kept, svg, page, one_cpu, all_cpus, json_run)
-    elif verb == "check":
-        check(arguments[0], arguments[1:])
-    elif verb == "instructions":
-        instructions(arguments[0], arguments[1], "--keep" in arguments)
-    else:
-        sys.exit(__doc__)
+def session(helper, program, main):
+    """Milliseconds from the launch to the entry, from there to main, and for the first call stack."""
+    def timed(command, stops):
+        start = time.perf_counter()
+        helper.ask(command)
+        while stops and helper.next_event().get("state_desc") != "eStateStopped":
+            pass
+        return 1000 * (time.perf_counter() - start)
+
+    helper.ask("prepareExecutable", path=program, triple="", args="--version")
+    entry = timed("createProcess", True)
+    helper.ask("setBreakpointAtVirtualAddress", address=main)
+    times = [entry, timed("continueExecution", True)]
+    helper.ask("selectThreadID", tid=helper.ask("getThreadIDList")["threads"][0]["thread-id"])
+    times.append(timed("getCallstack", False))
+    helper.ask("deleteProcess")
+    return ", ".join(f"{number:.0f}" if number >= 10 else f"{number:.1f}" for number in times)
+
+
+def settings(program_of_helper, program):
+    sys.path.insert(0, str(Path(__file__).parents[1] / "examples"))
+    from host import Helper
+
+    symbols = subprocess.check_output(["nm", "-D", program], text=True)
+    address = int(re.search(r"^(\w+) T main$", symbols, re.M)[1], 16)
+    print("milliseconds: launch to entry, entry to main, call stack")
+    for setting in SETTINGS:
+        helper = Helper(program_of_helper)
+        if setting:
+            helper.ask("executeCommand", cli=f"settings set {setting}")
+        first, second = (session(helper, program, address) for _ in range(2))
+        print(f"{setting or 'default'}: first session {first}; second {second}")
+        helper.close()
 
 
 if __name__ == "__main__":
-    main(*sys.argv[1:])
+    verbs = {verb.__name__: verb for verb in (page, check, instructions, settings)}
+    if len(sys.argv) < 2 or sys.argv[1] not in verbs:
+        sys.exit(__doc__)
+    verbs[sys.argv[1]](*sys.argv[2:])
