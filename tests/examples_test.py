@@ -1,36 +1,35 @@
-"""The example hosts: each runs its session on examples/sample.c, and is killed in the middle of it."""
+"""The example hosts: each runs its session on examples/sample.c, and is killed in the middle of it. And examples/console.py,
+as a script and at a terminal."""
 
-import os
-import re
 import resource
-import shutil
-import subprocess
-import tempfile
+
+import pexpect
 
 from kit import *
 
-EXAMPLES = os.path.join(SOURCE, "examples")
+EXAMPLES, SAMPLE = f"{SOURCE}/examples", f"{BUILD}/examples/sample"
+SESSION = [sys.executable, "-B", f"{EXAMPLES}/session.py"]
+CONSOLE = [sys.executable, "-B", f"{EXAMPLES}/console.py", "--helper"]
 EXACT_PC = r"pc 0x[0-9a-f]{5,16}\b"
+WHERE = r"thread 1 \(steps\); 0x[0-9a-f]{16} "
 
 
-def helper_with_odd_library():
-    """A helper that loads a library into its programs whose name is not UTF-8."""
-    folder = tempfile.mkdtemp().encode()
-    library = shutil.copy(inferior("libplugin.so").encode(), folder + b"/b\xff.so")
-    script = os.path.join(folder, b"helper")
-    with open(script, "wb") as file:
-        file.write(b"#!/bin/sh\nexport ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0\nLD_PRELOAD=%b exec %b \"$@\"\n"
-                   % (library, HELPER.encode()))
-    os.chmod(script, 0o755)
-    return script
+def run(command, typed="", **environment):
+    """What a command prints, and its status."""
+    child = subprocess.run(command, input=typed, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
+                           timeout=DEADLINE, preexec_fn=die_with_parent, env=os.environ | environment)  # fmt: skip
+    return child.stdout, child.returncode
 
 
-def run_example(*command, shows=()):
+def run_session(*command, shows=()):
+    """The program loads a library whose name is not UTF-8."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # a helper whose host dies ends by abort
+    odd = preload("libplugin.so", "b\udcff.so")
+    helper = script(f"LD_PRELOAD={odd['LD_PRELOAD']} ASAN_OPTIONS={odd['ASAN_OPTIONS']} exec '{HELPER}' \"$@\"")
     # Python writes to a pipe only at its end.
     options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True, "errors": "surrogateescape",
-               "env": os.environ | {"PYTHONUNBUFFERED": "1"}}
-    host = subprocess.Popen([*command, helper_with_odd_library(), f"{BUILD}/examples/sample"], **options)
+               "env": os.environ | {"PYTHONUNBUFFERED": "1"}}  # fmt: skip
+    host = subprocess.Popen([*command, helper, SAMPLE], **options)
     output = host.communicate(timeout=DEADLINE)[0]
     expect(host.returncode, 0, output)
     for pattern in ("Good morning, world!", "sample: 1 arguments", "exit status 3", r"b(\udcff|\\udcff)\.so", *shows):
@@ -44,20 +43,94 @@ def run_example(*command, shows=()):
     eventually(lambda: not descendants(os.getpid()), "nothing stays when the host is killed")
 
 
-def node():
-    found = shutil.which("node") or shutil.which("nodejs")
-    if not found:
-        raise NotTested("there is no node")
-    return found
-
-
 def test_python_c_and_cpp():
-    run_example(sys.executable, os.path.join(EXAMPLES, "session.py"))
+    run_session(*SESSION)
     for name in ("c", "cpp"):
-        run_example(f"{BUILD}/examples/example-{name}", shows=[EXACT_PC])
+        run_session(f"{BUILD}/examples/example-{name}", shows=[EXACT_PC])
 
 
 def test_node():
-    run_example(node(), os.path.join(EXAMPLES, "session.js"), shows=[EXACT_PC, r"not in memory: \S+ 0xf{16}\b"])
-    numbers = os.path.join(SOURCE, "tests", "numbers.js")
-    subprocess.run([node(), numbers, HELPER, f"{BUILD}/examples/sample"], check=True, timeout=DEADLINE)
+    node = shutil.which("node") or shutil.which("nodejs")
+    if not node:
+        raise NotTested("there is no node")
+    run_session(node, f"{EXAMPLES}/session.js", shows=[EXACT_PC, r"not in memory: \S+ 0xf{16}\b"])
+    subprocess.run([node, f"{SOURCE}/tests/numbers.js", HELPER, SAMPLE], check=True, timeout=DEADLINE)
+
+
+def test_a_failure_is_a_sentence_and_comes_at_once():
+    for command, environment, words in (
+        (CONSOLE + ["/nonexistent"], {}, "there is no /nonexistent"),
+        (CONSOLE + ["/bin/true"], {}, "lldb-helper has ended"),
+        (SESSION + ["/nonexistent", SAMPLE], {}, "the helper does not start"),
+        (SESSION + ["/bin/true", SAMPLE], {}, "the helper has ended; docs/troubleshooting.md"),
+        (SESSION + [HELPER, "/nonexistent"], {}, "docs/troubleshooting.md explains"),
+        (SESSION + [HELPER, SAMPLE], {"LLDB_DEBUGSERVER_PATH": "/nonexistent"}, "cannot create process: "),
+    ):
+        output, status = run(command, **environment)
+        check(words in output and "Traceback" not in output and status == 1, output)
+
+
+def test_the_console_as_a_script():
+    session = (
+        ("wait\nwhere", r"There is no program\. launch "),
+        (f"launch '{inferior('steps')}'", rf"\* stopped: the program's entry; {WHERE}ld-\S*`"),
+        ("b leaf", r"Breakpoint 1: where = steps`leaf"),
+        ("c\nwait", rf"\* loaded libc\S* at 0x(?s:.*)\* stopped: breakpoint 1\.1; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:7\n"),
+        ("bt", r"frame #1: \S+ steps`middle.*\n.*steps`main"),
+        ("s", rf"\* stopped: .*; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:\d\n"),
+        (f"regs {PC}", rf"\*{PC} 0x[0-9a-f]{{16}}\n"),
+        ("regs", r"(?s)(rax.*?rbx.*?rip|x0.*?x1.*?pc)[^\n]*\n"),
+        ("x $sp", r"(0x[0-9a-f]{16}(  [0-9a-f ]{47}).*\n){4}"),
+        ("x main+4 2\nx leaf 2", r"(0x\S+  [0-9a-f]{2} [0-9a-f]{2} .*\n){2}"),
+        ("code", r"\n-> +0x[0-9a-f]+ <\+\d+>"),
+        ("readMemory length=4 address=nowhere", r"«nowhere» is not a number"),
+        ("help readMemory", r"readMemory: .*\n +address +integer .*\n.*\nErrors: no process · unable to read memory\n"),
+        ("raw on\nping\nraw off", r'\{"command": "ping"\}\n\{"id": \d+, "status": "ok"\}\n'),
+        ("delete\nc\nwait", r"counted 20\n(?s:.*)\* exited, status 0\n"),
+        ("x $sp", r"The program has ended with status 0\. run "),
+        ("run\nkill\nwait", r"\* stopped: the program's entry(?s:.*)\* exited, status 9\n"),
+        (f"launch '{inferior('wait')}'\nc\nregs\ninterrupt\nwait", r"The program is running\.(?s:.*)\* stopped: "),
+    )
+    output, status = run([*CONSOLE, HELPER], "\n".join(typed for typed, _ in session))
+    at = 0
+    for typed, pattern in session:
+        found = re.compile(pattern).search(output, at)
+        check(found, f"{typed!r} does not show {pattern}: {output[at:]}")
+        at = found.end() - 1
+    expect(status, 0)
+
+
+def test_the_console_at_a_terminal():
+    home = tempfile.mkdtemp()
+    terminal = pexpect.spawn(CONSOLE[0], [*CONSOLE[1:], HELPER, inferior("wait")], DEADLINE, encoding="utf-8",
+                             env=os.environ | {"TERM": "xterm", "XDG_STATE_HOME": home, "NO_COLOR": "1"},
+                             preexec_fn=die_with_parent)  # fmt: skip
+
+    def brings(typed, pattern):
+        terminal.send(typed)
+        terminal.expect([re.compile(pattern)])
+        return terminal.match
+
+    for typed, pattern in (
+        ("", r"\* stopped: the program's entry.*\r\n\(helper\) $"),
+        ("getPro\t\r", r"getProcessState \r\nstate 5 .*\r\n\(helper\) $"),
+        ("b mai\t\r", r"b main \r\nBreakpoint 1"),
+        ("s\r", r"\* stopped: .*\r\n\(helper\) $"),
+        ("\r", r"\r\n\* stopped: .*\r\n\(helper\) $"),  # repeats
+        ("dance", "dance"),
+        ("\x03", r"^\r\n\(helper\) $"),
+        ("getProcessState\r", r"^getProcessState\r\nstate 5 "),
+        ("delete\rc\r", "ready"),
+        ("half", "half"),  # an event arrives while a line is typed, and the line stays
+    ):
+        brings(typed, pattern)
+    os.kill(eventually(lambda: descendants(terminal.pid, "wait"), "the program")[0], signal.SIGUSR1)
+    brings("", r"\* stopped: signal SIGUSR1.*\r\n\(helper\) half$")
+    brings("\x03", r"\(helper\) $")
+    brings("!process handle SIGUSR1 --pass false\r", "SIGUSR1 ")
+    brings("c\r", r"\(helper\) $")
+    eventually(lambda: brings("getProcessState\r", r"state (\d+) ")[1] == "6", "it runs")
+    brings("\x03", r"\* stopped: .*\r\n\(helper\) $")
+    terminal.send("\x04")
+    expect(terminal.wait(), 0)
+    check(os.path.getsize(f"{home}/lldb-helper/history") > 0, "the history is not kept")

@@ -1,8 +1,5 @@
 """Registers, memory, call stack and modules, compared with the kernel's view and with the files."""
 
-import os
-import re
-
 from kit import *
 
 NOWHERE = 2**64 - 1  # LLDB's invalid address
@@ -102,7 +99,7 @@ def test_memory_is_what_the_kernel_shows(host):
     for address, length in ((end - 8, 16), (end, 16), (0, 16), (start, -1), (start, -(2**31)), (start, 2**31 - 1)):
         expect(host.ask("readMemory", address=address, length=length), error("unable to read memory"))
     check(SANITIZER or peak() < before + 64 * 1024, f"a peak of {peak()} KiB after {before}")
-    host.conformance.checks_requests = False
+    host.checks_requests = False
     for value, byte in ((255, 255), (256, 0), (511, 255), (-1, 255), (128, 128), ("7", 0), (1.9, 1), (2**32, 0)):
         host.ok("writeByte", address=start, value=77)
         host.ok("writeByte", address=start, value=value)
@@ -112,7 +109,7 @@ def test_memory_is_what_the_kernel_shows(host):
 
 
 def test_modules_lie_where_the_kernel_put_them(host):
-    host.conformance.checks_requests = False
+    host.checks_requests = False
     host.launch("steps")
     host.run_to("main")
     bases = {os.path.basename(file): start for start, _, offset, file in mappings(host.inferior_pid()) if offset == 0}

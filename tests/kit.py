@@ -1,6 +1,9 @@
-"""A host that checks every message, for sessions and Python tests. Exports all of machine.py."""
+"""A host that checks every message, for sessions and Python tests.
+
+`from kit import *` gives a test this file's names, those of machine.py, and the standard modules that both import."""
 
 import collections
+import contextlib
 import functools
 import json
 import os
@@ -36,45 +39,17 @@ def conform(part, text):
     check(problem is None, problem and f"not as the schema has {part}: {text[:500]!r}: {problem.message[:500]}")
 
 
-class Conformance:
-    """Checks each message of one conversation against docs/protocol.schema.json, a response by its request."""
-
-    def __init__(self, checks_requests):
-        self.checks_requests = checks_requests
-        self.asked = collections.deque()
-
-    def sent(self, text):
-        try:
-            command = json.loads(text.split(b"\0")[0])["command"] if len(text) < LONGEST else None
-            is_known = command in SCHEMA["$defs"]["requests"]
-        except (ValueError, TypeError, KeyError):
-            is_known = False
-        if self.checks_requests and len(text) < LONGEST:
-            check(is_known, f"no host should send {text[:500]!r}")
-            conform(f"requests/{command}", text.decode())
-        self.asked.append(f"responses/{command}" if is_known else "response")
-
-    def received(self, text):
-        text = text.decode(errors="surrogateescape")
-        message = json.loads(text) if len(text) < LONGEST else {}
-        if message.get("status") == "event":
-            return conform(f"events/{message.get('type')}", text)
-        check(self.asked, f"nobody asked for {text[:500]!r}")
-        part = self.asked.popleft()
-        if message and not validator("responses/*").is_valid(message):  # the request loop's own answers
-            conform(part, text)
-
-
 # LLDB's settings for reading.
 AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"
 PIECE_SIZE = "target.process.memory-cache-line-size"
 
 
 class Host(Helper):
-    """A host that checks every message, and takes events in order. None is dropped."""
+    """A host that checks every message against docs/protocol.schema.json, a response by its request, and drops no event."""
 
     def __init__(self, program=HELPER, checks_requests=True, prepare=lambda: None, **options):
-        self.conformance = Conformance(checks_requests)
+        self.checks_requests = checks_requests
+        self.asked = collections.deque()  # the parts of the schema for the responses to come
         self.history = []
         self.output = ""
         self.symbols = None  # the file that has the symbols, where the program has none
@@ -91,16 +66,34 @@ class Host(Helper):
             self.problem = found
 
     def receive(self):
-        self.text = super().receive()
-        if self.text:
-            self.conformance.received(self.text)
+        if text := super().receive():
+            self.check_message(text.decode(errors="surrogateescape"))
         self.reading.wait()
-        return self.text
+        return text
+
+    def check_message(self, text):
+        message = json.loads(text) if len(text) < LONGEST else {}
+        if message.get("status") == "event":
+            return conform(f"events/{message.get('type')}", text)
+        check(self.asked, f"nobody asked for {text[:500]!r}")
+        part = self.asked.popleft()
+        if message and not validator("responses/*").is_valid(message):  # the request loop's own answers
+            conform(part, text)
+
+    def check_request(self, text):
+        is_known = False
+        with contextlib.suppress(ValueError, TypeError, KeyError):
+            command = json.loads(text.split(b"\0")[0])["command"] if len(text) < LONGEST else None
+            is_known = command in SCHEMA["$defs"]["requests"]
+        if self.checks_requests and len(text) < LONGEST:
+            check(is_known, f"no host should send {text[:500]!r}")
+            conform(f"requests/{command}", text.decode())
+        self.asked.append(f"responses/{command}" if is_known else "response")
 
     def send(self, *texts):
         """Sends frames in one write."""
         for text in texts:
-            self.conformance.sent(text)
+            self.check_request(text)
         self.requests.write(b"".join(len(text).to_bytes(4, sys.byteorder) + text for text in texts))
         self.requests.flush()
 
@@ -133,29 +126,23 @@ class Host(Helper):
         expect(response.pop("status"), "ok", f"{command} {arguments} {response}")
         return response
 
-    def next_state(self):
-        """The next state event. Adds the output before it to `output`."""
-        while (event := self.next_event())["type"] != "state":
-            self.output += bytes.fromhex(event.get("output", "")).decode()
+    def next_event(self):
+        """Adds output to `output`."""
+        event = super().next_event()
+        self.output += bytes.fromhex(event.get("output", "")).decode()
         return event
 
     def state(self, name):
         """The next state event, which must be this one."""
-        event = self.next_state()
+        while (event := self.next_event())["type"] != "state":
+            pass
         expect(event["state_desc"], name, f"the next state, after the output {self.output[-200:]!r}")
         return event
-
-    def await_exit(self):
-        """The exit, whatever states come before it."""
-        while (event := self.next_event()).get("state_desc") != "eStateExited":
-            pass
-        return event["exit_status"]
 
     def await_output(self, end):
         while not self.output.endswith(end):
             event = self.next_event()
             check(event["type"] != "state", f"{event} before {end!r}, after {self.output[-200:]!r}")
-            self.output += bytes.fromhex(event.get("output", "")).decode()
 
     def prepare(self, program, args="", **more):
         self.program = program if "/" in program else inferior(program)

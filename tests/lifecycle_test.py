@@ -1,14 +1,7 @@
 """Starting, stopping and ending, in orders and at speeds that are hard for a debugger's threads; programs that LLDB stops
 and resumes itself; and processes that LLDB's command line replaces."""
 
-import os
-import shutil
-import signal
 import statistics
-import subprocess
-import sys
-import tempfile
-import time
 
 from kit import *
 

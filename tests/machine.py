@@ -148,9 +148,22 @@ def peek(pid, address, size):
         return memory.read(size)
 
 
-def shim(**variables):
-    """The environment of a helper with tests/inferiors/shim.c in it."""
+def script(line):
+    """Returns an executable file with this shell script."""
+    path = f"{tempfile.mkdtemp()}/script"
+    with open(path, "w", errors="surrogateescape", opener=lambda name, flags: os.open(name, flags, 0o755)) as file:
+        file.write(f"#!/bin/sh\n{line}\n")
+    return path
+
+
+def preload(library, name, **variables):
+    """An environment that loads this library, under this name, into every program."""
     # LD_PRELOAD separates names by spaces, so a folder must have none.
-    library = shutil.copy(inferior("libshim.so"), tempfile.mkdtemp())
+    copy = shutil.copy(inferior(library), f"{tempfile.mkdtemp()}/{name}")
     sanitizers = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-    return os.environ | variables | {"LD_PRELOAD": library, "ASAN_OPTIONS": sanitizers}
+    return os.environ | variables | {"LD_PRELOAD": copy, "ASAN_OPTIONS": sanitizers}
+
+
+def shim(**variables):
+    """The environment of a helper with tests/inferiors/shim.cpp in it."""
+    return preload("libshim.so", "shim.so", **variables)

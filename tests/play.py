@@ -25,16 +25,9 @@ the address of a function of the running program. «=name» matches a number or 
 
 import difflib
 import itertools
-import json
-import re
 import shlex
-import signal
-import subprocess
-import sys
-import tempfile
 
-import kit
-from kit import HELPER, Failure, Host, check, inferior
+from kit import *
 
 # --- The short forms ----------------------------------------------------------------------------------
 
@@ -64,7 +57,7 @@ def message_text(line):
         return as_object([("message", f'"{rest}"'), ("status", '"error"')])
     if kind.startswith("eState"):
         status = [("exit_status", rest)] if rest else []
-        number = kit.SCHEMA["$defs"]["stateName"]["enum"].index(kind)
+        number = SCHEMA["$defs"]["stateName"]["enum"].index(kind)
         return as_object([*status, ("inferior_state", number), ("state_desc", f'"{kind}"'), *event])
     if kind == "output":
         return as_object([("output", f'"{json.loads(rest).encode().hex()}"'), *event])
@@ -95,7 +88,7 @@ class Session(Host):
 
     def __init__(self):
         super().__init__()
-        self.names = {"inferiors": inferior("")[:-1], "folder": tempfile.mkdtemp(), "PC": kit.PC, "PLAIN": kit.PLAIN}
+        self.names = {"inferiors": inferior("")[:-1], "folder": tempfile.mkdtemp(), "PC": PC, "PLAIN": PLAIN}
         self.events = []  # that no turn has claimed yet
 
     def _run(self):
@@ -127,7 +120,7 @@ class Session(Host):
         return found is not None
 
     def next_text(self):
-        signal.alarm(kit.DEADLINE)
+        signal.alarm(DEADLINE)
         text = self.receive()
         signal.alarm(0)
         check(text, "the helper has closed its output")
@@ -150,7 +143,7 @@ class Session(Host):
         requests = [self.fill_in(request_text(text)) for texts in lines_of_requests for text in texts]
         responses, events = ([message_text(line) for line in rests(sign)] for sign in ("<-", "*"))
         check(len(requests) == len(responses), f"as many responses as requests, please: {lines}")
-        self.conformance.checks_requests = not any(line.startswith("!>") for line in lines)
+        self.checks_requests = not any(line.startswith("!>") for line in lines)
         self.send(*(text.encode() for text in requests))
         came, problem = [], ""
         try:
@@ -196,9 +189,9 @@ class Session(Host):
             yield ["-> continueExecution", "<- ok", "* eStateRunning", "* eStateStopped"]
         elif name == "lldb-server":
             words = [self.fill_in(word).replace("«port»", "PORT") for word in shlex.split(rest)]
-            _, self.names["port"] = kit.server(kit.CACHE["LLDB_SERVER"], *words)
+            _, self.names["port"] = server(CACHE["LLDB_SERVER"], *words)
         else:
-            self.names["pid"] = kit.Program(*(self.fill_in(word) for word in shlex.split(line))).pid
+            self.names["pid"] = Program(*(self.fill_in(word) for word in shlex.split(line))).pid
 
     def play(self, lines):
         """Yields each turn's lines, its requests, and the messages that came."""
@@ -222,7 +215,7 @@ def play_console(block):
     """Messages end without a line end; each begins a line on the page."""
     typed = [line for line in block if line.startswith("> ")]
     data = "".join(line[2:] + "\n" for line in typed).encode()
-    output = subprocess.run([HELPER, *block[0].split()[2:]], input=data, stdout=subprocess.PIPE, timeout=kit.DEADLINE, check=True)
+    output = subprocess.run([HELPER, *block[0].split()[2:]], input=data, stdout=subprocess.PIPE, timeout=DEADLINE, check=True)
     lines = re.sub(r"(?<!\n)(INPUT|OUTPUT): ", r"\n\1: ", output.stdout.decode()).strip("\n").splitlines()
     return [block[0], *typed, *lines]
 
@@ -230,7 +223,7 @@ def play_console(block):
 def blocks(path):
     """The page in pieces: (heading, lines, whether they are a session)."""
     heading = ""
-    for number, piece in enumerate(re.split(r"^```\n|^```$", kit.read(path), flags=re.M)):
+    for number, piece in enumerate(re.split(r"^```\n|^```$", read(path), flags=re.M)):
         headings = re.findall(r"^#+ (.*)", piece, re.M) if number % 2 == 0 else []
         heading = headings[-1] if headings else heading
         yield heading, piece.splitlines(), number % 2 == 1

@@ -6,37 +6,30 @@ Usage: run.py BUILD          prints them for ctest, as CMake commands
 A function with a parameter gets a host, which must end with status 0.
 """
 
-import contextlib
-import functools
 import glob
 import importlib
 import os
-import re
-import signal
 import sys
-import tempfile
 
 os.environ["LLDB_HELPER_TESTS"] = os.path.abspath(sys.argv[1])
-HERE = os.path.dirname(os.path.abspath(__file__))
-import kit  # noqa: E402
 import play  # noqa: E402
+from kit import *  # noqa: E402
 
 
 def run(function):
-    if function.__code__.co_argcount == 0:
-        return function()
-    host = kit.Host()
-    function(host)
-    host.end()
+    hosts = [Host() for _ in range(function.__code__.co_argcount)]
+    function(*hosts)
+    for host in hosts:
+        host.end()
 
 
 def tests():
     """The name and the function of each test. A name is the file's, a dot, and the words of the heading or function."""
     name = lambda path, words: os.path.basename(path).partition(".")[0] + "." + re.sub("[^A-Za-z0-9]+", "-", words)
-    for path in glob.glob(f"{HERE}/sessions/*.md") + glob.glob(f"{HERE}/../docs/transcripts/*.md"):
+    for path in glob.glob(f"{SOURCE}/tests/sessions/*.md") + glob.glob(f"{SOURCE}/docs/transcripts/*.md"):
         for heading in dict.fromkeys(heading for heading, _, is_session in play.blocks(path) if is_session):
             yield name(path, heading), functools.partial(play.play, path, heading)
-    for path in glob.glob(f"{HERE}/*_test.py"):
+    for path in glob.glob(f"{SOURCE}/tests/*_test.py"):
         for words, function in vars(importlib.import_module(os.path.basename(path)[:-3])).items():
             if words.startswith("test_"):
                 yield name(path.replace("_test.py", "."), words[5:]), functools.partial(run, function)
@@ -45,17 +38,17 @@ def tests():
 def main(test):
     # What the helper leaves when it dies becomes this process's child, so that it can be ended.
     pr_set_child_subreaper = 36
-    kit.libc.prctl(pr_set_child_subreaper, 1)
+    libc.prctl(pr_set_child_subreaper, 1)
     with tempfile.TemporaryDirectory() as own:
         os.environ["TMPDIR"] = tempfile.tempdir = own
         try:
             dict(tests())[test]()
-        except kit.NotTested as reason:
+        except NotTested as reason:
             print(f"NOT TESTED: {reason}")
-        except kit.Failure as failure:
+        except Failure as failure:
             sys.exit(f"{test}: {failure}")
         finally:
-            while left := kit.descendants(os.getpid()):
+            while left := descendants(os.getpid()):
                 for pid in left:
                     with contextlib.suppress(ProcessLookupError):
                         os.kill(pid, signal.SIGKILL)

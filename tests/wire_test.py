@@ -1,12 +1,6 @@
 """Bytes on the wire, the console, the log, and debug servers of several makers."""
 
-import json
-import os
-import re
-import shutil
 import struct
-import subprocess
-import tempfile
 
 from kit import *
 
@@ -60,6 +54,16 @@ def test_the_console():
     expect(said([HELPER], typed.encode()).count(b'OUTPUT: {"status": "ok"}'), len(lines))
 
 
+def test_a_person_at_the_terminal_is_greeted():
+    for option, words in (("--help", b"usage: lldb-helper INPUT OUTPUT"), ("--version", b"lldb-helper 0.")):
+        check(said([option], b"").startswith(words), option)
+    expect(said(["--helpful"], b"null"), b'INPUT: null\nOUTPUT: {"message": "Cannot decode JSON: ", "status": "error"}')
+    terminal, its_end = os.openpty()
+    os.write(terminal, b"\x04")
+    run = subprocess.run([HELPER], stdin=its_end, capture_output=True, timeout=DEADLINE, check=True)
+    expect((run.stdout, run.stderr.count(b"\n"), b"Ctrl-D" in run.stderr), (b"", 2, True))
+
+
 def test_descriptors_that_cannot_be_used():
     for arguments in (["77", "78"], ["0", "78"], ["77", "1"], ["-1", "1"]):
         read, write = os.pipe()  # the requests' end can be read, not written
@@ -79,7 +83,7 @@ def test_every_command_takes_arguments_of_every_kind(host):
     """None ends the helper or goes without an answer, with a process or without."""
     requests = SCHEMA["$defs"]["requests"]
     arguments = {name for request in requests.values() for name in request["properties"]} - {"command", "id", "pid"}
-    host.conformance.checks_requests = False
+    host.checks_requests = False
     for has_process in (False, True):
         for value in (None, True, -1, 0, 0.5, 1e300, 2**64 - 1, "text", "", '"', "a" * 5000, [], [None, "x", 7], {"a": 1}):
             if has_process:

@@ -2,8 +2,7 @@
 //
 // SYSLOG_FILE    gets the name and the text of each record, with a byte 0x1e at its end
 // SLOW_THREADS   the seconds by which each std::thread begins late
-// SLOW_EVENTS    the milliseconds by which the event thread takes each event late, and then handles
-// it late
+// SLOW_EVENTS    the milliseconds by which the event thread takes and then handles each event late
 #include <lldb/API/LLDB.h>
 
 #include <dlfcn.h>
@@ -13,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -20,20 +20,24 @@
 
 namespace {
 
-int setting(const char *name) {
-  return std::getenv(name) != nullptr ? std::atoi(std::getenv(name)) : 0;
-}
-
 const char *const logFile = std::getenv("SYSLOG_FILE");
-std::string identity;
+const char *identity;
+
+void wait(const char *variable, int unit) {
+  const char *value = std::getenv(variable);
+  if (value != nullptr)
+    std::this_thread::sleep_for(std::chrono::milliseconds(unit * std::atoi(value)));
+}
 
 struct LateState : std::thread::_State {
   std::unique_ptr<std::thread::_State> state;
   void _M_run() override {
-    sleep(static_cast<unsigned>(setting("SLOW_THREADS")));
+    wait("SLOW_THREADS", 1000);
     state->_M_run();
   }
 };
+
+bool isLog(const char *path) { return logFile != nullptr && std::strcmp(path, "/dev/log") == 0; }
 
 }  // namespace
 
@@ -52,13 +56,10 @@ void __syslog_chk(int priority, int, const char *format, const char *text) {
 
 // The log exists, also where the system has none.
 int access(const char *path, int mode) {
-  return logFile != nullptr && std::strcmp(path, "/dev/log") == 0
-             ? 0
-             : faccessat(AT_FDCWD, path, mode, 0);
+  return isLog(path) ? 0 : faccessat(AT_FDCWD, path, mode, 0);
 }
 int connect(int descriptor, const sockaddr *address, socklen_t size) {
-  if (logFile == nullptr || address->sa_family != AF_UNIX ||
-      std::strcmp(address->sa_data, "/dev/log") != 0)
+  if (address->sa_family != AF_UNIX || !isLog(address->sa_data))
     return static_cast<int>(syscall(SYS_connect, descriptor, address, size));
   errno = EPROTOTYPE;
   return -1;
@@ -68,20 +69,17 @@ int connect(int descriptor, const sockaddr *address, socklen_t size) {
 void std::thread::_M_start_thread(_State_ptr state, void (*depend)()) {
   constexpr char name[] =
       "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE";
-  const auto start =
-      reinterpret_cast<void (*)(std::thread *, _State_ptr, void (*)())>(dlsym(RTLD_NEXT, name));
   auto late = std::make_unique<LateState>();
   late->state = std::move(state);
-  start(this, std::move(late), depend);
+  reinterpret_cast<void (*)(std::thread *, _State_ptr, void (*)())>(dlsym(RTLD_NEXT, name))(
+      this, std::move(late), depend);
 }
 
 bool lldb::SBListener::WaitForEvent(uint32_t seconds, SBEvent &event) {
   constexpr char name[] = "_ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE";
-  const auto wait =
-      reinterpret_cast<bool (*)(SBListener *, uint32_t, SBEvent &)>(dlsym(RTLD_NEXT, name));
-  const auto delay = static_cast<useconds_t>(1000 * setting("SLOW_EVENTS"));
-  usleep(delay);
-  const bool found = wait(this, seconds, event);
-  usleep(delay);
+  wait("SLOW_EVENTS", 1);
+  const bool found = reinterpret_cast<bool (*)(SBListener *, uint32_t, SBEvent &)>(
+      dlsym(RTLD_NEXT, name))(this, seconds, event);
+  wait("SLOW_EVENTS", 1);
   return found;
 }

@@ -7,25 +7,20 @@ static pthread_barrier_t start;
 
 __attribute__((noinline)) void work(void) { puts("working"); }
 
-static void *worker(void *unused) {
+static void *run(void *works) {
   pthread_barrier_wait(&start);
-  work();
-  return unused;
-}
-
-static void *sleeper(void *unused) {
-  pthread_barrier_wait(&start);
-  sleep(60);
-  return unused;
+  if (works) work();
+  if (!works) sleep(60);
+  return works;
 }
 
 int main(void) {
-  pthread_t threads[2];
+  pthread_t worker, sleeper;
   alarm(120);
   pthread_barrier_init(&start, 0, 3);
-  pthread_create(&threads[0], 0, worker, 0);
-  pthread_create(&threads[1], 0, sleeper, 0);
+  pthread_create(&worker, 0, run, &start);
+  pthread_create(&sleeper, 0, run, 0);
   pthread_barrier_wait(&start);
-  pthread_join(threads[0], 0);
-  return 0;
+  pthread_join(worker, 0);
+  return pthread_join(sleeper, 0);
 }

@@ -1,6 +1,12 @@
-#include "channel/LaunchArguments.h"
-
 #include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "channel/LaunchArguments.h"
+#include "channel/MessageChannel.h"
 
 namespace {
 
@@ -12,17 +18,11 @@ constexpr std::string_view nameBytes = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmn
 
 TEST(LaunchArguments, CommandLinesAreSplit) {
   const std::pair<std::string, Words> rows[] = {
-      {"", {}},
-      {" \t\n\v\f\r", {}},
-      {"  one  \"two three\"  four ", {"one", "two three", "four"}},
-      {"a \"\" b", {"a", "b"}},
-      {"x\"y z\"w", {"xy zw"}},
+      {" \n", {}},
+      {"  one  \"two three\"  x\"y z\"w \"\" ", {"one", "two three", "xy zw"}},
       {"\"never closed to the end ", {"never closed to the end "}},
-      {"a\\\"b", {"a\\b"}},
-      {"a\\ b", {"a\\b"}},
-      {"a\\\\b c", {"a\\b", "c"}},
+      {"a\\\"b a\\ b a\\\\b end\\", {"a\\b", "a\\b", "a\\b", "end\\"}},
       {"\"a\\\"b c\" d", {"a\\b c", "d"}},
-      {"end\\", {"end\\"}},
   };
   for (const auto &[text, words] : rows) EXPECT_EQ(splitArguments(text), words) << text;
 }
@@ -34,25 +34,18 @@ TEST(LaunchArguments, EnvironmentsAreParsed) {
     bool isWellFormed;
   };
   const Row rows[] = {
-      {"", {}, true},
       {"  \n", {}, true},
-      {"A=1 B=\"x y\" C=", {{"A", "1"}, {"B", "x y"}, {"C", ""}}, true},
-      {"A= B=2", {{"A", ""}, {"B", "2"}}, true},
-      {"A=1 A=2", {{"A", "1"}, {"A", "2"}}, true},
-      {"A=\"1\"BC=2", {{"A", "1"}, {"BC", "2"}}, true},
-      {"A=\"\" B=\"\t\"", {{"A", ""}, {"B", "\t"}}, true},
+      {"A=1 B=\"x y\" A= C=", {{"A", "1"}, {"B", "x y"}, {"A", ""}, {"C", ""}}, true},
+      {"A=\"1\"BC=\"\"", {{"A", "1"}, {"BC", ""}}, true},
       {"A=x\\ y", {{"A", "x y"}}, true},
       {"A=x\\\"y\\\\", {{"A", "x\"y\\"}}, true},
       {"A=\"x\\\"\\\\y\"", {{"A", "x\"\\y"}}, true},
-      {"A=\\ y=1", {{"A", "\\"}, {"y", "1"}}, true},
-      {"A=a=b", {{"A", "a=b"}}, true},
+      {"A=\\ y=a=b", {{"A", "\\"}, {"y", "a=b"}}, true},
       {"A=x\\", {{"A", "x"}}, true},
       {"A=1 9B=2", {{"A", "1"}}, false},
-      {"VAR1=x", {}, false},
       {"A=x\"y", {}, false},
       {"A=\"unterminated", {}, false},
       {"A=\"unterminated\\\"", {}, false},
-      {"NAME", {}, false},
       {"A=1 B C=2", {{"A", "1"}}, false},
       {"A=1 =2", {{"A", "1"}}, false},
   };
@@ -79,6 +72,32 @@ TEST(LaunchArguments, EveryByteIsOfItsClass) {
       EXPECT_EQ(entries.size(), isSpace ? 2u : byte == "\"" ? 0u : 1u) << code;
     }
   }
+}
+
+TEST(MessageChannel, MessagesOfSeveralThreadsNeverMix) {
+  constexpr std::size_t count = 25000;
+  FILE *stream = std::tmpfile();
+  MessageChannel channel(stream, stream, false);
+  // Each thread sends texts of its own letter, each longer than the one before, up to 50 bytes.
+  const auto message = [](char letter, std::size_t number) {
+    return std::string(1 + number % 50, letter);
+  };
+  std::vector<std::thread> threads;
+  for (char letter = 'a'; letter <= 'h'; ++letter)
+    threads.emplace_back([&channel, &message, letter] {
+      for (std::size_t number = 0; number < count; ++number)
+        channel.writeMessage(message(letter, number));
+    });
+  for (std::thread &thread : threads) thread.join();
+  std::rewind(stream);
+  std::map<char, std::size_t> received;
+  while (const auto text = channel.readMessage()) {
+    const char letter = text->c_str()[0];
+    ASSERT_EQ(*text, message(letter, received[letter]++));
+  }
+  EXPECT_EQ(received.size(), 8u);
+  for (const auto &[letter, number] : received) EXPECT_EQ(number, count) << letter;
+  std::fclose(stream);
 }
 
 }  // namespace
