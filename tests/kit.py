@@ -165,12 +165,10 @@ class Host(Helper):
         return self.state(to)
 
     def launch_flood(self, lines):
-        """Launches a program that writes numbered lines in large pieces. Returns what will arrive."""
-        text = "".join(f"{line:07}\n" for line in range(lines))
-        with open(f"{os.environ['TMPDIR']}/lines", "w") as file:
-            file.write(text)
-        self.launch("/bin/cat", f'"{file.name}"')
-        return text.replace("\n", "\r\n")
+        """Launches a program that writes numbered lines of seven digits. Returns what will arrive."""
+        numbers = range(1000000, 1000000 + lines)
+        self.launch("/usr/bin/seq", f"{numbers[0]} {numbers[-1]}")
+        return "".join(f"{number}\r\n" for number in numbers)
 
     def start_waiting(self, program="wait"):
         """Runs a program until it waits."""

@@ -73,8 +73,8 @@ def test_ending_right_after_a_step():
 
 
 def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
-    """The shim delays each of the helper's threads for longer than the helper waits for anything."""
-    host = Host(env=shim(SLOW_THREADS="3"))
+    """It starts later than the helper waits for anything."""
+    host = Host(env=shim(SLOW_START="3000"))
     expect(host.ask_all(HELLO, "createProcess", "deleteProcess"), [OK] * 3)
     host.end()
 
@@ -89,8 +89,6 @@ def test_attach_to_a_running_program(host):
         slide = image_base(program.pid, inferior("wait"))
         expect((answer["loadAddr"] - answer["fileAddr"], answer["aslrSlide"]), (slide, slide))
         expect(stat(program.pid)[1], "t")
-        for again in ("attachToProcess", "createProcess"):
-            expect(host.ask(again), error("process already exists"))
         host.state("eStateStopped")
         host.resume_only()
         host.ok("detach")

@@ -22,10 +22,6 @@ def refuse(call, bits=0):
     calls.load()
 
 
-def limit(host, what, much):
-    resource.prlimit(host.pid, what, (much, resource.prlimit(host.pid, what)[1]))
-
-
 def launch_hello(host):
     """Returns the answer to createProcess."""
     host.prepare("hello")
@@ -38,11 +34,12 @@ def test_descriptors_run_out_at_each_step_of_a_launch(host):
     if SANITIZER:
         raise NotTested("a sanitizer needs a pipe to look at memory")
     host.ok("ping")
-    before, _ = resource.prlimit(host.pid, resource.RLIMIT_NOFILE)
+    before = resource.prlimit(host.pid, resource.RLIMIT_NOFILE)
     for more in range(32):
-        limit(host, resource.RLIMIT_NOFILE, len(os.listdir(f"/proc/{host.pid}/fd")) + more)
+        few = len(os.listdir(f"/proc/{host.pid}/fd")) + more
+        resource.prlimit(host.pid, resource.RLIMIT_NOFILE, (few, before[1]))
         answer = launch_hello(host)
-        limit(host, resource.RLIMIT_NOFILE, before)
+        resource.prlimit(host.pid, resource.RLIMIT_NOFILE, before)
         if answer == OK:
             break
     check(0 < more < 31, "it needs as many descriptors as it gets")
@@ -55,7 +52,7 @@ def test_memory_runs_out_for_an_answer(host):
     if SANITIZER:
         raise NotTested("a sanitizer ends the program where memory runs out")
     host.launch("wait")
-    limit(host, resource.RLIMIT_AS, (status_figure(host.pid, "VmSize") + 256 * 1024) * 1024)
+    resource.prlimit(host.pid, resource.RLIMIT_AS, [(status_figure(host.pid, "VmSize") + 256 * 1024) * 1024] * 2)
     # In a handler, and outside of one.
     expect(host.ask("readMemory", length=2147483647), error("bad request: std::bad_alloc"))
     host.asked.append("response")

@@ -151,39 +151,35 @@ def test_the_log():
 
 
 def debug_through(pc, file, triple, *command):
-    """All registers are read at once. They must be those that are read one by one."""
+    """Registers, memory, a breakpoint, a step, and on to the exit: with the registers read at once, and one by one."""
     if not shutil.which(command[0]) or not os.path.exists(file):
         raise NotTested(f"{command[0]} or {os.path.basename(file)} is missing here")
-    expect(*(session_through(is_plain, pc, file, triple, *command) for is_plain in (False, True)))
-
-
-def session_through(is_plain, pc, file, triple, *command):
-    """Registers, memory, a breakpoint, a step, and on to the exit. Returns the registers at each stop."""
-    program, port = server(*command)
-    host, leaf = Host(), symbol(file, "leaf")
-    registers = lambda: host.ok("getRegisters")["registers"]
-    expect(host.setting(AT_ONCE), "true")
-    if is_plain:
-        host.read_registers_plainly()
-    connect = {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "platform": "ignored", "file": file, "triple": triple}
-    host.ok("connectRemote", **connect)
-    host.state("eStateStopped")
-    expect(host.setting(PIECE_SIZE), "512")
-    expect(host.ask("connectRemote", **connect), error("already has a process"))
-    code = host.ok("readMemory", address=leaf, length=4)
-    host.ok("setBreakpointAtVirtualAddress", address=leaf)
-    host.resume()
-    at_leaf, frame = registers(), host.stack()[0]
-    expect((int(at_leaf[pc].split()[0], 16), frame["pc"], frame["function"]), (leaf, leaf, "leaf"))
-    expect(host.ok("readMemory", address=leaf, length=4), code)
-    expect(host.ok("getThreadIDList")["threads"][0]["state"], "Breakpoint")
-    host.resume(how="stepInstruction")
-    after_step = registers()
-    check(after_step[pc] != at_leaf[pc], "it has not stepped")
-    host.ok("removeAllBreakpoints")
-    host.resume("eStateExited")
-    host.end()
-    return at_leaf, after_step
+    seen, leaf = [], symbol(file, "leaf")
+    for is_plain in (False, True):
+        program, port = server(*command)
+        host = Host()
+        expect(host.setting(AT_ONCE), "true")
+        if is_plain:
+            host.read_registers_plainly()
+        connect = {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "file": file, "triple": triple}
+        host.ok("connectRemote", **connect, platform="ignored")
+        host.state("eStateStopped")
+        expect(host.setting(PIECE_SIZE), "512")
+        expect(host.ask("connectRemote", **connect), error("already has a process"))
+        code = host.ok("readMemory", address=leaf, length=4)
+        host.ok("setBreakpointAtVirtualAddress", address=leaf)
+        host.resume()
+        registers, frame = host.ok("getRegisters")["registers"], host.stack()[0]
+        expect((int(registers[pc].split()[0], 16), frame["pc"], frame["function"]), (leaf, leaf, "leaf"))
+        expect(host.ok("readMemory", address=leaf, length=4), code)
+        expect(host.ok("getThreadIDList")["threads"][0]["state"], "Breakpoint")
+        host.resume(how="stepInstruction")
+        seen.append((registers, host.ok("getRegisters")["registers"]))
+        check(seen[-1][1][pc] != registers[pc], "it has not stepped")
+        host.ok("removeAllBreakpoints")
+        host.resume("eStateExited")
+        host.end()
+    expect(*seen)
 
 
 def test_lldb_server():

@@ -1,8 +1,8 @@
-// Preloaded into the helper. Replaces syslog(3), and delays the helper's threads.
+// Preloaded into the helper. Replaces syslog(3), and delays the event thread.
 //
-// SYSLOG_FILE    gets the name and the text of each record, with a byte 0x1e at its end
-// SLOW_THREADS   the seconds by which each std::thread begins late
-// SLOW_EVENTS    the milliseconds by which the event thread takes and then handles each event late
+// SYSLOG_FILE   gets the name and the text of each record, with a byte 0x1e at its end
+// SLOW_START    the milliseconds by which the event thread starts late to listen for events
+// SLOW_EVENTS   the milliseconds by which it takes and then handles each event late
 #include <lldb/API/LLDB.h>
 
 #include <dlfcn.h>
@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <memory>
 #include <thread>
 
 namespace {
@@ -23,26 +22,22 @@ namespace {
 const char *const logFile = std::getenv("SYSLOG_FILE");
 const char *identity;
 
-void wait(const char *variable, int unit) {
-  const char *value = std::getenv(variable);
-  if (value != nullptr)
-    std::this_thread::sleep_for(std::chrono::milliseconds(unit * std::atoi(value)));
+bool isLog(const char *path) { return logFile != nullptr && std::strcmp(path, "/dev/log") == 0; }
+
+void wait(const char *variable) {
+  if (const char *time = std::getenv(variable); time != nullptr)
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(time)));
 }
 
-struct LateState : std::thread::_State {
-  std::unique_ptr<std::thread::_State> state;
-  void _M_run() override {
-    wait("SLOW_THREADS", 1000);
-    state->_M_run();
-  }
-};
-
-bool isLog(const char *path) { return logFile != nullptr && std::strcmp(path, "/dev/log") == 0; }
+/// The function that this library replaces.
+template <typename Function>
+Function *original(const char *name) {
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
 
 }  // namespace
 
 extern "C" {
-
 void openlog(const char *name, int, int) { identity = name; }
 
 // The helper's format is "%s".
@@ -66,20 +61,16 @@ int connect(int descriptor, const sockaddr *address, socklen_t size) {
 }
 }
 
-void std::thread::_M_start_thread(_State_ptr state, void (*depend)()) {
-  constexpr char name[] =
-      "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE";
-  auto late = std::make_unique<LateState>();
-  late->state = std::move(state);
-  reinterpret_cast<void (*)(std::thread *, _State_ptr, void (*)())>(dlsym(RTLD_NEXT, name))(
-      this, std::move(late), depend);
+uint32_t lldb::SBListener::StartListeningForEvents(const SBBroadcaster &source, uint32_t mask) {
+  wait("SLOW_START");
+  return original<uint32_t(SBListener *, const SBBroadcaster &, uint32_t)>(
+      "_ZN4lldb10SBListener23StartListeningForEventsERKNS_13SBBroadcasterEj")(this, source, mask);
 }
 
 bool lldb::SBListener::WaitForEvent(uint32_t seconds, SBEvent &event) {
-  constexpr char name[] = "_ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE";
-  wait("SLOW_EVENTS", 1);
-  const bool found = reinterpret_cast<bool (*)(SBListener *, uint32_t, SBEvent &)>(
-      dlsym(RTLD_NEXT, name))(this, seconds, event);
-  wait("SLOW_EVENTS", 1);
+  wait("SLOW_EVENTS");
+  const bool found = original<bool(SBListener *, uint32_t, SBEvent &)>(
+      "_ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE")(this, seconds, event);
+  wait("SLOW_EVENTS");
   return found;
 }
