@@ -74,15 +74,11 @@ def test_a_log_that_is_full_holds_nothing_up(host):
         os.unlink("/dev/log")
 
 
-def test_requests_may_be_large_deep_and_many(host):
+def test_requests_may_be_large_and_many(host):
     host.checks_requests = False
     name = "x" * (64 << 20)
     host.send(b'{"command":"%s"}' % name.encode())
     check(host.response() == error(f"unknown command '{name}'"), "not the whole name")
-    # The number lies one deeper than the lists around it, and they one deeper than the object.
-    for lists, answer in ((199, "unknown command ''"), (200, "Cannot decode JSON: exceeded maximum nesting depth")):
-        host.send(b'{"command":%s1%s}' % (b"[" * lists, b"]" * lists))
-        expect(host.response(), error(answer))
     # The answers do not fit the pipe, so the helper stops reading until they are read.
     ids = range(10000)
     expect(host.ask_all(*({"command": "ping", "id": number} for number in ids)), [OK | {"id": number} for number in ids])
