@@ -66,18 +66,14 @@ def test_registers_read_at_once_are_those_read_one_by_one(host):
         expect(registers, one_by_one)
 
 
-def test_memory_is_read_in_large_pieces_unless_a_person_has_chosen_a_size(host):
-    for chosen, expected in (("512", "1024"), ("256", "256")):
-        host.cli(f"settings set {PIECE_SIZE} {chosen}")
-        host.launch("hello")
-        expect(host.setting(PIECE_SIZE), expected)
-        host.ok("deleteProcess")
-
-
 def test_a_deep_call_stack_through_code_of_no_module(host):
     host.launch("recurse", "1000")
     host.run_to("bottom")
+    packets = os.environ["TMPDIR"] + "/packets"
+    host.cli(f"log enable -f '{packets}' gdb-remote packets")
     stack = host.stack()
+    host.cli("log disable gdb-remote")
+    check(len(re.findall(r"^(?!.*history).* send packet: ", read(packets), re.M)) < 24, "it is read in large pieces")
     expect([frame.get("function") for frame in stack[:1003]], ["bottom", None, *["recurse"] * 1000, "main"])
     expect(stack[1], {"pc": stack[1]["pc"]})
     names = [(frame["filename"], len(frame["uuid"]) > 10) for frame in (stack[0], *stack[2:])]

@@ -39,9 +39,7 @@ def conform(part, text):
     check(problem is None, problem and f"not as the schema has {part}: {text[:500]!r}: {problem.message[:500]}")
 
 
-# LLDB's settings for reading.
-AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"
-PIECE_SIZE = "target.process.memory-cache-line-size"
+AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"  # LLDB's setting
 
 
 class Host(Helper):
@@ -188,9 +186,6 @@ class Host(Helper):
         answer = self.ok("executeCommand", cli=line)
         check(answer["succeeded"], (line, answer))
         return answer.get("output", "")
-
-    def setting(self, name):
-        return self.cli(f"settings show {name}").split()[-1]
 
     def read_registers_plainly(self):
         """Has each register read by a packet and as a value of its own, as LLDB does by default."""

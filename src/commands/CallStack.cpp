@@ -1,45 +1,79 @@
 // The frames of the selected thread.
 
+#include <algorithm>
+#include <vector>
+
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"
 
 namespace {
 
-/// Caches the last module's name and UUID: LLDB formats the UUID at every call, and neighbouring
-/// frames mostly belong to the same module.
+/// Unwinds the stack of `thread`, and has LLDB read it in few packets. LLDB's unwinder reads word
+/// by word, through a cache that it fills in pieces of 512 bytes, by a packet for each. A larger
+/// read stays in that cache as one piece until the process runs or the memory is written.
+void unwind(lldb::SBProcess &process, lldb::SBThread &thread) {
+  constexpr std::uint32_t frameCount = 32;  // that are unwound between two looks at the memory
+  constexpr std::size_t firstSize = 2048, largestSize = 65536;
+  std::vector<std::uint8_t> bytes(firstSize);
+  lldb::SBFrame frame = thread.GetFrameAtIndex(0);
+  std::uint64_t readEnd = frame.GetSP();
+  std::uint64_t lastEnd = readEnd;
+  for (std::uint32_t index = 0; frame.IsValid(); index += frameCount) {
+    const std::uint64_t frameEnd = frame.GetCFA();
+    // The next frames are taken to be as large as the last ones.
+    if (frameEnd + (frameEnd - lastEnd) >= readEnd) {
+      lldb::SBError ignored;  // the stack may end here; the unwinder reads what it needs
+      process.ReadMemory(readEnd, bytes.data(), bytes.size(), ignored);
+      readEnd += bytes.size();
+      bytes.resize(std::min(2 * bytes.size(), largestSize));
+    }
+    lastEnd = frameEnd;
+    frame = thread.GetFrameAtIndex(index + frameCount);
+  }
+}
+
+/// The names of the frames' modules. Neighbouring frames mostly belong to the same section of a
+/// module, so LLDB is asked only where the section changes.
 class ModuleNames {
  public:
-  /// Adds the name and the UUID of `module`, if it has them. `module` may be invalid.
-  void addTo(Json::object &members, lldb::SBModule module) {
-    // Not "module != last": both of LLDB's comparisons are false for an invalid module.
-    if (!(module == last)) {
-      last = module;
-      uuid = name = Json();
-      if (module.IsValid()) ask(module);
-    }
+  explicit ModuleNames(lldb::SBTarget &target) : target(target) {}
+
+  /// Adds the name and the UUID of the module of `frame`, if there is one and it has them.
+  void addTo(Json::object &members, lldb::SBFrame &frame, std::uint64_t pc) {
+    // LLDB looks up the module of a calling frame at the byte before its program counter.
+    if (pc <= start || pc >= end) ask(frame);
     if (uuid.type() != JsonType::Null) members["uuid"] = uuid;
     if (name.type() != JsonType::Null) members["filename"] = name;
   }
 
  private:
-  void ask(lldb::SBModule &module) {
+  void ask(lldb::SBFrame &frame) {
+    uuid = name = Json();
+    start = end = 0;
+    lldb::SBModule module = frame.GetModule();
+    if (!module.IsValid()) return;
     if (const char *text = module.GetUUIDString()) uuid = text;
     const lldb::SBFileSpec file = module.GetFileSpec();
     const char *text = file.IsValid() ? file.GetFilename() : nullptr;
     if (text != nullptr) name = text;
+    lldb::SBSection section = frame.GetPCAddress().GetSection();
+    start = section.GetLoadAddress(target);
+    end = start + section.GetByteSize();
   }
 
-  lldb::SBModule last;
+  lldb::SBTarget &target;
+  std::uint64_t start = 0, end = 0;  ///< the section's addresses in memory
   Json uuid;
   Json name;
 };
 
 /// The members of a frame. Only its program counter is always there.
 Json frameToJson(lldb::SBFrame frame, ModuleNames &names) {
+  const std::uint64_t pc = frame.GetPC();
   Json::object members;
-  names.addTo(members, frame.GetModule());
+  names.addTo(members, frame, pc);
   if (const char *function = frame.GetFunctionName()) members["function"] = function;
-  members["pc"] = std::uint64_t{frame.GetPC()};
+  members["pc"] = pc;
   return Json(std::move(members));
 }
 
@@ -48,8 +82,10 @@ Json frameToJson(lldb::SBFrame frame, ModuleNames &names) {
 Json DebugSession::getCallstack() {
   if (!refreshProcess().IsValid()) return errorResponse("getCallstack", "no process");
   lldb::SBThread thread = process.GetSelectedThread();
+  // A connection may be slow, and its memory may hold a device's registers.
+  if (hasOwnServer()) unwind(process, thread);
   const std::uint32_t count = thread.GetNumFrames();
-  ModuleNames names;
+  ModuleNames names(target);
   Json::array frames;
   frames.reserve(count);
   for (std::uint32_t index = 0; index < count; ++index)

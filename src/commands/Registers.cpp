@@ -7,7 +7,7 @@
 Json DebugSession::getRegisters() {
   if (!refreshProcess().IsValid()) return errorResponse("getRegisters", "no process");
   const lldb::SBFrame frame = process.GetSelectedThread().GetSelectedFrame();
-  return okResponseWith({{"registers", registerReader.read(process, frame)}});
+  return okResponseWith({{"registers", registerReader.read(process, frame, hasOwnServer())}});
 }
 
 Json DebugSession::setRegister(const std::string &name, const std::string &value) {

@@ -8,7 +8,6 @@
 #include "platform/Process.h"
 #include "session/DebugSession.h"
 #include "session/LldbError.h"
-#include "session/LldbSettings.h"
 
 namespace {
 
@@ -68,8 +67,7 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
     discardTarget();
     return errorResponse("attachToProcess", "cannot attach to process: " + errorText(error));
   }
-  readMemoryInLargePieces(debugger);
-  registerReader.setOwnServer(process);
+  processOfOwnServer = process.GetUniqueID();
   eventThread.start(target);
   waitForFirstStop();
   return okResponseWith(executableLoadInfo(target));

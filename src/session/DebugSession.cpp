@@ -48,6 +48,7 @@ DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
   redirectLldbToDevNull(debugger);
   loadModulesOneByOne(debugger);
   readRegistersAtOnce(debugger);
+  unwindWithoutLanguageRuntimes(debugger);
   debugger.SetAsync(true);
 }
 
@@ -72,6 +73,8 @@ lldb::SBProcess &DebugSession::refreshProcess() {
   process = target.IsValid() ? target.GetProcess() : lldb::SBProcess();
   return process;
 }
+
+bool DebugSession::hasOwnServer() { return processOfOwnServer == process.GetUniqueID(); }
 
 lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
   if (!platform::isFileOrFolder(executablePath)) {

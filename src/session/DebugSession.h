@@ -110,6 +110,10 @@ class DebugSession {
   /// calls this first: LLDB's command line may have replaced it.
   lldb::SBProcess &refreshProcess();
 
+  /// Whether LLDB's own debug server runs `process`: it was launched or attached to, and not
+  /// connected to.
+  bool hasOwnServer();
+
   /// Creates LLDB's target for `executablePath` and `triple`. Returns an invalid target and fills
   /// `error` on failure.
   lldb::SBTarget buildTarget(lldb::SBError &error);
@@ -161,6 +165,7 @@ class DebugSession {
   std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB chooses
   bool is64Bits = true;                        ///< only logged
 
+  std::uint32_t processOfOwnServer = 0;  ///< LLDB's unique id, which begins with 1
   RegisterReader registerReader;
   std::unique_ptr<InferiorInput> inferiorInput;  ///< null until the first sendToApplication
 

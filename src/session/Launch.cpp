@@ -9,7 +9,6 @@
 #include "platform/Process.h"
 #include "session/DebugSession.h"
 #include "session/LldbError.h"
-#include "session/LldbSettings.h"
 
 namespace {
 
@@ -37,8 +36,7 @@ Json DebugSession::createProcess() {
     return errorResponse("createProcess", "cannot create process: " + errorText(error));
   }
 
-  readMemoryInLargePieces(debugger);
-  registerReader.setOwnServer(process);
+  processOfOwnServer = process.GetUniqueID();
   eventThread.start(target);
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());

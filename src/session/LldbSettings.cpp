@@ -6,9 +6,7 @@ namespace {
 
 constexpr char parallelModules[] = "target.parallel-module-load";
 constexpr char registersAtOnce[] = "plugin.process.gdb-remote.use-g-packet-for-reading";
-constexpr char pieceSize[] = "target.process.memory-cache-line-size";
-constexpr char defaultSize[] = "512";
-constexpr char largeSize[] = "1024";
+constexpr char noRuntimePlans[] = "target.process.disable-language-runtime-unwindplans";
 
 }  // namespace
 
@@ -20,11 +18,8 @@ void readRegistersAtOnce(lldb::SBDebugger &debugger) {
   lldb::SBDebugger::SetInternalVariable(registersAtOnce, "true", debugger.GetInstanceName());
 }
 
-void readMemoryInLargePieces(lldb::SBDebugger &debugger) {
-  const char *instance = debugger.GetInstanceName();
-  lldb::SBStringList values = lldb::SBDebugger::GetInternalVariableValue(pieceSize, instance);
-  const char *size = values.GetStringAtIndex(0);
-  // LLDB sets the selected process's own value where there is such a process.
-  if (size != nullptr && std::strcmp(size, defaultSize) == 0)
-    lldb::SBDebugger::SetInternalVariable(pieceSize, largeSize, instance);
+void unwindWithoutLanguageRuntimes(lldb::SBDebugger &debugger) {
+  // The version of an LLDB with Swift has a line "Swift version ...".
+  if (std::strstr(lldb::SBDebugger::GetVersionString(), "Swift") != nullptr) return;
+  lldb::SBDebugger::SetInternalVariable(noRuntimePlans, "true", debugger.GetInstanceName());
 }

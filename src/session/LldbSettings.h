@@ -2,7 +2,7 @@
 
 #include <lldb/API/LLDB.h>
 
-// LLDB's settings for loading modules and for reading registers and memory. A person sees them with
+// LLDB's settings for loading modules, reading registers and unwinding. A person sees them with
 // "settings show" and changes them with "settings set". An LLDB that does not know a setting goes
 // on without it.
 
@@ -15,10 +15,7 @@ void loadModulesOneByOne(lldb::SBDebugger &debugger);
 /// Has LLDB read all registers of a thread by one packet, not one packet for each.
 void readRegistersAtOnce(lldb::SBDebugger &debugger);
 
-/// Has LLDB read the memory of the selected process in pieces of 1024 bytes, not 512, from its next
-/// stop on: a stack is unwound in fewer packets. 2048 would make each stop dearer than it makes a
-/// stack cheaper. LLDB leaves out a piece that crosses the end of a mapping, so the size must
-/// divide the smallest page. A debugger's size that is not LLDB's default is a person's, and stays.
-///
-/// Not for connections: one may be slow, and its memory may hold a device's registers.
-void readMemoryInLargePieces(lldb::SBDebugger &debugger);
+/// Has LLDB unwind a stack without asking each language's runtime for a plan at each frame. Only
+/// the Swift runtime has plans, for asynchronous functions, so an LLDB that knows Swift goes on
+/// asking.
+void unwindWithoutLanguageRuntimes(lldb::SBDebugger &debugger);

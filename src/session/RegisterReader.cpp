@@ -140,11 +140,11 @@ class SBFormat;  // LLDB 14 to 17 do not declare it
 RegisterReader::RegisterReader(lldb::SBDebugger &debugger)
     : debugger(debugger), initialTypeFormats(countTypeFormats(this->debugger)) {}
 
-Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame) {
+Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame, bool hasOwnServer) {
   lldb::SBValueList values = frame.GetRegisters();
   if (processOfSets != process.GetUniqueID() || values.GetSize() != sets.size()) findNames(values);
   processOfSets = process.GetUniqueID();
-  const bool usesFormatted = isFormattedTextUsable(process);
+  const bool usesFormatted = isFormattedTextUsable(process, hasOwnServer);
   std::string formatted = usesFormatted ? formatRegisters(frame) : "";
   // A register of the program before an exec has no text now, nor has one of an outer frame.
   if ((!usesFormatted || hasEmptyLine(formatted)) && !areNamesCurrent(values)) {
@@ -172,9 +172,8 @@ Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame) 
   return Json::object(std::move(texts));
 }
 
-bool RegisterReader::isFormattedTextUsable(lldb::SBProcess &process) {
-  return formatRegisters && processOfOwnServer == process.GetUniqueID() &&
-         process.GetByteOrder() == lldb::eByteOrderLittle &&
+bool RegisterReader::isFormattedTextUsable(lldb::SBProcess &process, bool hasOwnServer) {
+  return formatRegisters && hasOwnServer && process.GetByteOrder() == lldb::eByteOrderLittle &&
          countTypeFormats(debugger) == initialTypeFormats;
 }
 

@@ -27,12 +27,10 @@ class RegisterReader {
  public:
   explicit RegisterReader(lldb::SBDebugger &debugger);
 
-  /// Records that LLDB's own debug server runs this process.
-  void setOwnServer(lldb::SBProcess process) { processOfOwnServer = process.GetUniqueID(); }
-
   /// Returns the texts of all registers of `frame`, a frame of `process`. If several register sets
   /// have the same name, the last one's text is kept. An invalid frame has no registers.
-  Json::object read(lldb::SBProcess process, lldb::SBFrame frame);
+  /// `hasOwnServer`: whether LLDB's own debug server runs the process.
+  Json::object read(lldb::SBProcess process, lldb::SBFrame frame, bool hasOwnServer);
 
  private:
   struct Register {
@@ -41,14 +39,13 @@ class RegisterReader {
   };
   using Set = std::vector<Register>;
 
-  bool isFormattedTextUsable(lldb::SBProcess &process);
+  bool isFormattedTextUsable(lldb::SBProcess &process, bool hasOwnServer);
   bool areNamesCurrent(lldb::SBValueList &values) const;
   void findNames(lldb::SBValueList &values);
 
   lldb::SBDebugger debugger;
   const std::size_t initialTypeFormats;
-  /// LLDB's unique ids, which begin with 1.
-  std::uint32_t processOfOwnServer = 0, processOfSets = 0;
+  std::uint32_t processOfSets = 0;  ///< LLDB's unique id, which begins with 1
   std::vector<Set> sets;
   /// Returns a line for each register of `sets`. It is empty for one that has no value. Null: LLDB
   /// 14 to 17.
