@@ -112,7 +112,8 @@ def test_a_stop_that_lldb_resumes_is_no_stop(host):
     a stop is refused and strands nothing. script/soak goes through more of them."""
     for how in ("vfork", "spawn", "timer", "calls"):
         host.launch("forks", f"{how} 30")
-        host.cli("breakpoint set -n call -c 'calls < 0'")
+        if how != "timer":  # a signal may keep LLDB from evaluating a condition, and then the program stops
+            host.cli("breakpoint set -n call -c 'calls < 0'")
         host.resume_only()
         while host.events.empty():  # of the program's output or exit
             answer = host.ask("continueExecution")

@@ -1,9 +1,5 @@
-// Whether examples/host.js keeps all 64 bits of numbers, in texts and through a helper.
-//
 // Usage: node numbers.js HELPER PROGRAM
-
-'use strict';
-
+// Whether examples/host.js keeps all 64 bits of numbers, in texts and through a helper.
 const assert = require('node:assert/strict');
 const { Helper, parse, stringify } = require('../examples/host.js');
 
@@ -27,8 +23,7 @@ assert.equal(parse(`[${'255, '.repeat(1e6)}18446744073709551615]`).length, 1e6 +
 
 (async () => {
   const helper = new Helper(process.argv[2]);
-  // Several requests at once: each gets its own answer.
-  const answers = await Promise.all([
+  const answers = await Promise.all([  // several requests at once: each gets its own answer
     helper.ask('prepareExecutable', { path: process.argv[3] }),
     helper.ask('createProcess'),
     helper.ask('setBreakpointAtVirtualAddress', { address: 0xfedcba9876543210n }),
