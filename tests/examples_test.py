@@ -1,5 +1,4 @@
-"""The example hosts: each runs its session on examples/sample.c, and is killed in the middle of it. And examples/console.py,
-as a script and at a terminal."""
+"""The example hosts on examples/sample.c; and examples/console.py, as a script and at a terminal."""
 
 import resource
 
@@ -22,7 +21,7 @@ def run(command, typed="", **environment):
 
 
 def run_session(*command, shows=()):
-    """The program loads a library whose name is not UTF-8."""
+    """To its end, and killed in the middle. The program loads a library whose name is not UTF-8."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # a helper whose host dies ends by abort
     odd = preload("libplugin.so", "b\udcff.so")
     helper = script(f"LD_PRELOAD={odd['LD_PRELOAD']} ASAN_OPTIONS={odd['ASAN_OPTIONS']} exec '{HELPER}' \"$@\"")

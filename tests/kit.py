@@ -8,6 +8,7 @@ import functools
 import json
 import os
 import queue
+import struct
 import sys
 import threading
 
@@ -25,6 +26,10 @@ LONGEST = 1 << 18  # a longer message is counted, not checked: shorter ones have
 
 def error(message):
     return {"message": message, "status": "error"}
+
+
+def frame(text):
+    return struct.pack("=I", len(text)) + text
 
 
 @functools.cache
@@ -92,7 +97,7 @@ class Host(Helper):
         """Sends frames in one write."""
         for text in texts:
             self.check_request(text)
-        self.requests.write(b"".join(len(text).to_bytes(4, sys.byteorder) + text for text in texts))
+        self.requests.write(b"".join(map(frame, texts)))
         self.requests.flush()
 
     def _take(self, messages):

@@ -8,6 +8,7 @@ from kit import *
 HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
 ALREADY_RUNNING = error("resume request failed - process already running")
 WAIT = HELLO | {"path": inferior("wait")}
+one_processor = lambda: os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
 
 
 def test_a_hundred_random_sessions_are_as_the_model_of_the_soak():

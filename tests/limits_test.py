@@ -1,12 +1,9 @@
-"""Requests that need more than there is, that LLDB would never answer, or that come in odd surroundings.
-
-The answer is an error, and the next request is answered as usual."""
+"""Requests that need more than there is, that LLDB would never answer, or that come in odd surroundings."""
 
 import errno
 import itertools
 import pathlib
 import resource
-import struct
 
 import seccomp
 

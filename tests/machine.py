@@ -62,10 +62,6 @@ def die_with_parent():
     libc.prctl(pr_set_ptracer, anybody)
 
 
-def one_processor():
-    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
-
-
 def stat(pid):
     """Name, state letter and parent of a process. A process that is gone has the state "X" and the parent 0."""
     try:
@@ -164,6 +160,4 @@ def preload(library, name, **variables):
     return os.environ | variables | {"LD_PRELOAD": copy, "ASAN_OPTIONS": sanitizers}
 
 
-def shim(**variables):
-    """The environment of a helper with tests/inferiors/shim.cpp in it."""
-    return preload("libshim.so", "shim.so", **variables)
+shim = lambda **variables: preload("libshim.so", "shim.so", **variables)  # tests/inferiors/shim.cpp

@@ -18,9 +18,9 @@
 A block below a heading is a session with a helper of its own, which must end with status 0. State events must be exactly
 these, in this order. Output must be complete before an exit, in any pieces. The named modules must be loaded; others may.
 
-«inferiors», «folder» (empty, the session's own), «PC», «PLAIN» (registers), «pid» and «port» have values. «steps:leaf» is
-the address of a function of the running program. «=name» matches a number or text and keeps it as «name». «name+5» adds, and
-«name|x» is a number in one of Python's forms. Any other name matches anything.
+«inferiors», «PC», «PLAIN» (registers), «pid» and «port» have values. «steps:leaf» is the address of a function of the running
+program. «=name» matches a number or text and keeps it as «name». «name+5» adds, and «name|x» is a number in one of Python's
+forms. Any other name matches anything.
 """
 
 import difflib
@@ -28,9 +28,6 @@ import itertools
 import shlex
 
 from kit import *
-
-# --- The short forms ----------------------------------------------------------------------------------
-
 
 def as_object(members):
     return "{" + ", ".join(f'"{key}": {value}' for key, value in members) + "}"
@@ -64,9 +61,6 @@ def message_text(line):
     return f'{{"modules": [«…»"file": "{rest}"«…»], «…»"moduleLoaded"}}' if kind == "moduleLoaded" else line
 
 
-# --- Playing ------------------------------------------------------------------------------------------
-
-
 def is_event(text):
     return '"status": "event"' in text
 
@@ -79,16 +73,12 @@ def output_of(events):
     return b"".join(bytes.fromhex(found[1]) for event in events if (found := re.search(r'"output": "(\w*)"', event)))
 
 
-def frame(text):
-    return (len(text.encode()).to_bytes(4, sys.byteorder) + text.encode()).hex(" ")
-
-
 class Session(Host):
     compares = True
 
     def __init__(self):
         super().__init__()
-        self.names = {"inferiors": inferior("")[:-1], "folder": tempfile.mkdtemp(), "PC": PC, "PLAIN": PLAIN}
+        self.names = {"inferiors": inferior("")[:-1], "PC": PC, "PLAIN": PLAIN}
         self.events = []  # that no turn has claimed yet
 
     def _run(self):
@@ -155,7 +145,8 @@ class Session(Host):
         answers = [text for text in came if not is_event(text)]
         exits = [at for at, event in enumerate(self.events) if "eStateExited" in event]
         outputs = [output_of(texts) for texts in (events, self.events[: exits[-1]] if exits else self.events)]
-        pairs = [*zip(rests("=>", "<="), map(frame, itertools.chain(*zip(requests, answers))))]
+        frames = [frame(text.encode()).hex(" ") for pair in zip(requests, answers) for text in pair]
+        pairs = [*zip(rests("=>", "<="), frames)]
         pairs += itertools.zip_longest(responses, answers, fillvalue="(nothing)")
         pairs += itertools.zip_longest(states_of(events), states_of(self.events), fillvalue="(nothing)")
         pairs += [tuple(f"output {output!r}" for output in outputs)]

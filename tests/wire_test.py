@@ -1,15 +1,9 @@
 """Bytes on the wire, the console, the log, and debug servers of several makers."""
 
-import struct
-
 from kit import *
 
 PING = b'{"command":"ping"}'
 NOTHING = "Cannot decode JSON: unexpected end of input"
-
-
-def frame(text):
-    return struct.pack("=I", len(text)) + text
 
 
 def said(arguments, data):
@@ -36,11 +30,8 @@ def test_frames_that_no_page_can_show():
     ):
         wanted = b"".join(frame(json.dumps(answer, ensure_ascii=False).encode(errors="surrogateescape")) for answer in answers)
         expect(said(["0", "1"], data), wanted, data)
-
-
-def test_a_refused_length_does_not_wait_for_its_text():
     host = Host()
-    host.requests.write(b"\0\0\0\x80{}")
+    host.requests.write(b"\0\0\0\x80{}")  # is refused before the rest of its text comes
     host.requests.flush()
     expect(host.child.wait(DEADLINE), 0)
 
@@ -111,9 +102,6 @@ def test_the_reference_the_schema_and_the_table_name_the_same_commands():
     expect({(name, word) for name, words in in_schema.items() for word in words if f"`{word}`" not in in_page[name]}, set())
 
 
-# --- The log ------------------------------------------------------------------------------------------
-
-
 def test_the_log():
     """A connection is watched for a second. A kernel is reached through two command lines."""
     refused = [*(f"step {step}: eState" for step in range(10)), "Error in connectRemote: cannot connect to remote, invalid process"]
@@ -145,9 +133,6 @@ def test_the_log():
         logged.sort(key=lambda record: "State changed to " in record)
         starts = [f"lldb-helper {user | notice} {text}" for text in wanted]
         check(len(logged) == len(wanted) and all(map(str.startswith, logged, starts)), logged)
-
-
-# --- Debug servers of several makers ------------------------------------------------------------------
 
 
 def debug_through(pc, file, triple, *command):

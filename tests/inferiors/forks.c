@@ -1,6 +1,5 @@
 /* Starts children or gets signals: LLDB stops for them and resumes by itself.
    usage: forks fork|vfork|spawn|shell|timer|calls [COUNT]; ends with status 5 */
-#define _GNU_SOURCE
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>

@@ -16,10 +16,9 @@ using Object = Json::object;
 
 static_assert(!std::is_constructible_v<Json, int *>, "a pointer would quietly become a bool");
 
-constexpr auto standard = JsonParseMode::Standard;
-constexpr auto comments = JsonParseMode::Comments;
+using enum JsonParseMode;
 
-Json parsed(const std::string &text, JsonParseMode mode = standard) {
+Json parsed(const std::string &text, JsonParseMode mode = Standard) {
   std::string error;
   const Json value = Json::parse(text, error, mode);
   EXPECT_EQ(error, "") << text;
@@ -45,7 +44,7 @@ TEST(Json, ErrorsAreReported) {
   struct Row {
     std::string message;
     std::vector<std::string> texts;
-    JsonParseMode mode = standard;
+    JsonParseMode mode = Standard;
   };
   const std::string end = "unexpected end of input";
   const Row rows[] = {
@@ -76,9 +75,9 @@ TEST(Json, ErrorsAreReported) {
       // The first error stays.
       {"invalid escape character 'q' (113)", {"\"\\q\"", "[\"\\q\", \"\\u12\""}},
       {"exceeded maximum nesting depth", {lists(202), lists(201, "1"), objects(201, "1")}},
-      {end + " after start of comment", {"/", "1 /"}, comments},
-      {end + " inside multi-line comment", {"/*", "/*/"}, comments},
-      {"malformed comment", {"/x", "[/x"}, comments},
+      {end + " after start of comment", {"/", "1 /"}, Comments},
+      {end + " inside multi-line comment", {"/*", "/*/"}, Comments},
+      {"malformed comment", {"/x", "[/x"}, Comments},
   };
   for (const auto &[message, texts, mode] : rows)
     for (const std::string &text : texts) {
@@ -91,7 +90,7 @@ TEST(Json, ErrorsAreReported) {
 TEST(Json, ValuesAreReadAndWritten) {
   struct Row {
     std::string text, written;
-    JsonParseMode mode = standard;
+    JsonParseMode mode = Standard;
   };
   const Row rows[] = {
       {" \t\r\n[1,[ ],null,{\"k\":false},true,{ }] ", "[1, [], null, {\"k\": false}, true, {}]"},
@@ -102,8 +101,8 @@ TEST(Json, ValuesAreReadAndWritten) {
       {lists(201), lists(201)},
       {lists(200, "1"), lists(200, "1")},
       {objects(200, "1"), objects(200, "1")},
-      {"// a\n [1, /* b */ 2] // c", "[1, 2]", comments},
-      {"/**//* * / */{ // x\n}/* */", "{}", comments},
+      {"// a\n [1, /* b */ 2] // c", "[1, 2]", Comments},
+      {"/**//* * / */{ // x\n}/* */", "{}", Comments},
       // What is no escape in the text that is written, and what becomes one.
       {R"("\b\f\n\r\t\"\\\/\u0000\u0010\u001f")", R"("\b\f\n\r\t\"\\/\u0000\u0010\u001f")"},
       {"\"\x7f\x80\xff\xe0\xa0\x80\"", "\"\x7f\x80\xff\xe0\xa0\x80\""},
