@@ -1,7 +1,5 @@
 """What tests learn from the machine, not from the helper: processes, programs, memory as the kernel shows it.
-
-LLDB_HELPER_TESTS names the folder of the build, LLDB_HELPER another helper than the build's.
-"""
+LLDB_HELPER_TESTS names the folder of the build, LLDB_HELPER another helper than the build's."""
 
 import ctypes
 import os

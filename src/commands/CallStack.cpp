@@ -13,8 +13,9 @@ namespace {
 /// read stays in that cache as one piece until the process runs or the memory is written.
 void unwind(lldb::SBProcess &process, lldb::SBThread &thread) {
   constexpr std::uint32_t frameCount = 32;  // that are unwound between two looks at the memory
-  constexpr std::size_t firstSize = 2048, largestSize = 65536;
-  std::vector<std::uint8_t> bytes(firstSize);
+  constexpr std::size_t smallestSize = 512, firstSize = 2048, largestSize = 65536;
+  std::vector<std::uint8_t> bytes;
+  std::size_t size = firstSize;
   lldb::SBFrame frame = thread.GetFrameAtIndex(0);
   std::uint64_t readEnd = frame.GetSP();
   std::uint64_t lastEnd = readEnd;
@@ -22,10 +23,13 @@ void unwind(lldb::SBProcess &process, lldb::SBThread &thread) {
     const std::uint64_t frameEnd = frame.GetCFA();
     // The next frames are taken to be as large as the last ones.
     if (frameEnd + (frameEnd - lastEnd) >= readEnd) {
-      lldb::SBError ignored;  // the stack may end here; the unwinder reads what it needs
-      process.ReadMemory(readEnd, bytes.data(), bytes.size(), ignored);
-      readEnd += bytes.size();
-      bytes.resize(std::min(2 * bytes.size(), largestSize));
+      bytes.resize(size);
+      lldb::SBError ignored;  // the unwinder reads what it needs
+      // The stack may end here. LLDB 14 to 19 read nothing then, LLDB 22 reads up to the end.
+      while (process.ReadMemory(readEnd, bytes.data(), size, ignored) == 0 && size > smallestSize)
+        size /= 2;
+      readEnd += size;
+      if (size == bytes.size()) size = std::min(2 * size, largestSize);
     }
     lastEnd = frameEnd;
     frame = thread.GetFrameAtIndex(index + frameCount);

@@ -8,5 +8,4 @@ __attribute__((noinline)) void crash(void) { *nowhere = 1; }
 int main(void) {
   puts("here goes");
   crash();
-  return 0;
 }

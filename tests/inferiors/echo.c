@@ -16,5 +16,4 @@ int main(void) {
     printf("%02x ", byte);
     fflush(stdout);
   }
-  return 0;
 }

@@ -15,5 +15,4 @@ int main(void) {
   __asm__ volatile("ldp q0, q7, [%0]; ldp q15, q31, [%0, #32]" ::"r"(bytes));
 #endif
   filled();
-  return 0;
 }

@@ -13,5 +13,4 @@ __attribute__((noinline)) int middle(int number) { return leaf(number) + leaf(nu
 int main(void) {
   for (int round = 0; round < 5; ++round) middle(round);
   printf("counted %d\n", counted);
-  return 0;
 }

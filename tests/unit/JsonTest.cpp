@@ -177,8 +177,7 @@ TEST(Json, NumbersTakeTheirForm) {
 }
 
 TEST(Json, LongTextsAreWhole) {
-  // A text is written through a buffer of 4096 bytes: every piece must survive its end, wherever
-  // that falls.
+  // Each piece must survive the end of the writer's buffer, which holds 4096 bytes.
   constexpr std::size_t size = 1300;
   std::fill_n(JsonBytes(size).data(), size, 0xff);  // the allocator may return this block again
   JsonBytes bytes(size);
