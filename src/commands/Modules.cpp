@@ -25,8 +25,10 @@ Json DebugSession::describeModule(lldb::SBModule &module) {
   const lldb::SBFileSpec file = module.GetFileSpec();
   const char *name = file.IsValid() ? file.GetFilename() : nullptr;
   if (name != nullptr) members["filename"] = name;
+  const std::size_t count = module.GetNumSections();
   Json::array sections;
-  for (std::size_t index = 0; index < module.GetNumSections(); ++index)
+  sections.reserve(count);
+  for (std::size_t index = 0; index < count; ++index)
     sections.push_back(describeSection(module.GetSectionAtIndex(index), target));
   members["sections"] = std::move(sections);
   return Json(std::move(members));
