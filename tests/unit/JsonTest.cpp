@@ -196,6 +196,7 @@ TEST(Json, LongTextsAreWhole) {
       {~std::uint64_t{0}, "18446744073709551615"},
       {Object{{"key", -1.0 / 3}}, "{\"key\": -0.33333333333333331}"},
       {JsonBytes(0), "[]"},
+      {JsonBytes(1), "[0]"},
       {std::move(bytes), byteTexts + "]"},
   };
   for (const auto &[value, text] : pieces)
