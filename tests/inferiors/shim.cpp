@@ -29,7 +29,6 @@ void wait(const char *variable) {
     std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(time)));
 }
 
-/// The function that this library replaces.
 template <typename Function>
 Function *original(const char *name) {
   return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
@@ -42,7 +41,8 @@ void openlog(const char *name, int, int) { identity = name; }
 
 // The helper's format is "%s".
 void syslog(int priority, const char *, const char *text) {
-  std::ofstream(logFile, std::ios::app) << identity << ' ' << priority << ' ' << text << '\x1e';
+  if (logFile != nullptr)
+    std::ofstream(logFile, std::ios::app) << identity << ' ' << priority << ' ' << text << '\x1e';
 }
 // Distributions that build with _FORTIFY_SOURCE call this.
 void __syslog_chk(int priority, int, const char *format, const char *text) {
