@@ -17,7 +17,7 @@ def read(path):
         return file.read()
 
 
-BUILD = os.environ["LLDB_HELPER_TESTS"]
+BUILD = os.path.abspath(os.environ["LLDB_HELPER_TESTS"])
 CACHE = dict(re.findall(r"^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt"), re.M))
 SOURCE, SANITIZER = CACHE["CMAKE_HOME_DIRECTORY"], CACHE["LLDB_HELPER_SANITIZE"]
 HELPER = os.environ.get("LLDB_HELPER", f"{BUILD}/lldb-helper")

@@ -11,7 +11,7 @@ import importlib
 import os
 import sys
 
-os.environ["LLDB_HELPER_TESTS"] = os.path.abspath(sys.argv[1])
+os.environ["LLDB_HELPER_TESTS"] = sys.argv[1]
 import play  # noqa: E402
 from kit import *  # noqa: E402
 
