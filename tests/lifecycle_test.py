@@ -151,7 +151,7 @@ def test_ending_in_the_middle_of_them_leaves_nothing(host):
 
 def test_an_end_comes_before_a_stop_is_taken_or_handled():
     """The stop that an end causes is hidden, however late. For one that is queued LLDB itself would wait 20 seconds."""
-    host = Host(env=shim(SLOW_EVENTS="150"))
+    host = Host(env=shim(SLOW_EVENTS="60"))
     host.start_waiting()
     host.ok("stopExecution")
     host.state("eStateExited")
