@@ -21,6 +21,7 @@ from host import Helper  # noqa: E402
 
 OK = {"status": "ok"}
 SCHEMA = json.loads(read(f"{SOURCE}/docs/protocol.schema.json"))
+AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"  # LLDB's setting
 LONGEST = 1 << 18  # a longer message is counted, not checked: shorter ones have the same form
 
 
@@ -42,9 +43,6 @@ def validator(part):
 def conform(part, text):
     problem = jsonschema.exceptions.best_match(validator(part).iter_errors(json.loads(text)))
     check(problem is None, problem and f"not as the schema has {part}: {text[:500]!r}: {problem.message[:500]}")
-
-
-AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"  # LLDB's setting
 
 
 class Host(Helper):

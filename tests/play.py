@@ -29,6 +29,8 @@ import shlex
 
 from kit import *
 
+hex_frame = lambda text: frame(text.encode()).hex(" ")
+
 def as_object(members):
     return "{" + ", ".join(f'"{key}": {value}' for key, value in members) + "}"
 
@@ -145,8 +147,7 @@ class Session(Host):
         answers = [text for text in came if not is_event(text)]
         exits = [at for at, event in enumerate(self.events) if "eStateExited" in event]
         outputs = [output_of(texts) for texts in (events, self.events[: exits[-1]] if exits else self.events)]
-        frames = [frame(text.encode()).hex(" ") for pair in zip(requests, answers) for text in pair]
-        pairs = [*zip(rests("=>", "<="), frames)]
+        pairs = [*zip(rests("=>", "<="), map(hex_frame, itertools.chain(*zip(requests, answers))))]
         pairs += itertools.zip_longest(responses, answers, fillvalue="(nothing)")
         pairs += itertools.zip_longest(states_of(events), states_of(self.events), fillvalue="(nothing)")
         pairs += [tuple(f"output {output!r}" for output in outputs)]

@@ -165,7 +165,8 @@ class DebugSession {
   std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB chooses
   bool is64Bits = true;                        ///< only logged
 
-  std::uint32_t processOfOwnServer = 0;  ///< LLDB's unique id, which begins with 1
+  /// LLDB's unique id of the last launched or attached process. 0: none yet.
+  std::uint32_t processOfOwnServer = 0;
   RegisterReader registerReader;
   std::unique_ptr<InferiorInput> inferiorInput;  ///< null until the first sendToApplication
 
