@@ -58,14 +58,14 @@ def test_memory_runs_out_for_an_answer(host):
     expect(host.response(), OK | {"message": "EOF"})
 
 
-def test_a_log_that_is_full_holds_nothing_up(host):
+def test_a_log_that_is_full_holds_nothing_up():
     daemon = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     try:
         daemon.bind("/dev/log")
     except OSError as problem:
         raise NotTested(f"no place for a log at /dev/log: {problem}") from None
     try:
-        expect(host.ask_all(*["getRegisters"] * 1000), [error("no process")] * 1000)
+        expect(Host().ask_all(*["getRegisters"] * 1000), [error("no process")] * 1000)
         check(daemon.recv(1024, socket.MSG_DONTWAIT), "no record")
     finally:
         os.unlink("/dev/log")

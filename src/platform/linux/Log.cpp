@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
+#include <mutex>
 
 #include "platform/LogFormat.h"
 
@@ -15,21 +17,43 @@ namespace platform {
 
 namespace {
 
-/// Whether the log daemon can take a record now. syslog(3) would block on a daemon that does not
-/// read, and so would the host's requests. Without a daemon it would open a socket for each record.
-bool daemonHasRoom() {
-  if (access(_PATH_LOG, F_OK) != 0) return false;
-  const int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const sockaddr_un address{AF_UNIX, _PATH_LOG};
-  pollfd room{probe, POLLOUT, 0};
-  bool hasRoom = false;
-  if (connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
-    hasRoom = poll(&room, 1, 0) > 0 && (room.revents & POLLOUT) != 0;
-  else
-    hasRoom = errno == EPROTOTYPE;  // a stream socket, which this cannot check
-  close(probe);
-  return hasRoom;
-}
+/// The way to the log daemon. syslog(3) would block on a daemon that does not read, and so would
+/// the host's requests. Without a daemon it would open a socket for each record.
+///
+/// The daemon is looked for at most once a second: that takes longer than a record.
+class DaemonProbe {
+ public:
+  /// Whether the daemon can take a record now.
+  bool hasRoom() {
+    const std::lock_guard lock(mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= nextLook) {
+      nextLook = now + std::chrono::seconds(1);
+      look();
+    }
+    if (!isDatagram) return isStream;
+    pollfd room{probe, POLLOUT, 0};
+    return poll(&room, 1, 0) > 0 && (room.revents & POLLOUT) != 0;
+  }
+
+ private:
+  void look() {
+    if (probe >= 0) close(probe);
+    probe = -1;
+    isDatagram = isStream = false;
+    probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address{AF_UNIX, _PATH_LOG};
+    isDatagram = connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    isStream = !isDatagram && errno == EPROTOTYPE;  // which cannot be asked
+  }
+
+  std::mutex mutex;
+  std::chrono::steady_clock::time_point nextLook;
+  int probe = -1;
+  bool isDatagram = false, isStream = false;
+};
+
+DaemonProbe daemonProbe;
 
 }  // namespace
 
@@ -38,7 +62,7 @@ void openLog() { openlog("lldb-helper", LOG_PID, LOG_USER); }
 bool logEnabled() { return (setlogmask(0) & LOG_MASK(LOG_NOTICE)) != 0; }
 
 void logToSyslog(const char *format, ...) {
-  if (!daemonHasRoom()) return;
+  if (!daemonProbe.hasRoom()) return;
   std::va_list arguments;
   va_start(arguments, format);
   syslog(LOG_USER | LOG_NOTICE, "%s", formatRecord(format, arguments).c_str());
