@@ -5,9 +5,8 @@
 #include "platform/Log.h"
 
 Json okResponse(const std::optional<std::string> &message) {
-  Json::object members;
-  if (message) members["message"] = *message;
-  return okResponseWith(std::move(members));
+  static const Json ok = okResponseWith({});
+  return message ? okResponseWith({{"message", *message}}) : ok;
 }
 
 Json okResponseWith(Json::object members) {

@@ -47,6 +47,17 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
                            {"slide", loadAddress - fileAddress}});
 }
 
+Json::object describeState(lldb::StateType state) {
+  return {{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", stateName(state)}};
+}
+
+/// The message with `members`, "status" and "type".
+std::string eventText(const char *type, Json::object members) {
+  members["status"] = "event";
+  members["type"] = type;
+  return Json(std::move(members)).dump();
+}
+
 }  // namespace
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
@@ -78,9 +89,10 @@ void EventMonitor::handleEvent() {
   const std::uint32_t type = event.GetType();
   if (lldb::SBProcess::EventIsProcessEvent(event)) {
     lldb::SBProcess source = lldb::SBProcess::GetProcessFromEvent(event);
-    const bool isLater = source.GetUniqueID() > process.GetUniqueID();
-    if (isLater && source.GetTarget() == target) process = source;
-    if (source.GetUniqueID() == process.GetUniqueID()) handleProcessEvent(type);
+    const std::uint32_t sourceId = source.GetUniqueID(), currentId = process.GetUniqueID();
+    const bool isNewer = sourceId > currentId && source.GetTarget() == target;
+    if (isNewer) process = source;
+    if (isNewer || sourceId == currentId) handleProcessEvent(type);
   } else if (lldb::SBTarget::EventIsTargetEvent(event)) {
     if (lldb::SBTarget::GetTargetFromEvent(event) == target) handleTargetEvent(type);
   }
@@ -118,16 +130,27 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
   }
 }
 
-/// The log records every state. The host receives those that it can act on.
+/// The host receives the states that it can act on. The log records every state, after the host has
+/// it: a log daemon takes its time.
 void EventMonitor::reportState(lldb::StateType state, bool isRestarted) {
   publicState.taken(state, isRestarted);
-  const std::string name = stateName(state);
-  LOG_RECORD("State changed to %{public}s", name.c_str());
-  Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
-  if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
-  if (publicState.isForHost(state, isRestarted, process.GetUniqueID()))
-    send("state", std::move(members));
+  if (publicState.isForHost(state, isRestarted, process.GetUniqueID())) sendState(state);
   publicState.handled(isRestarted);
+  LOG_RECORD("State changed to %{public}s", stateName(state).c_str());
+}
+
+void EventMonitor::sendState(lldb::StateType state) {
+  if (state == lldb::eStateExited) {
+    Json::object members = describeState(state);
+    members["exit_status"] = process.GetExitStatus();
+    return send("state", std::move(members));
+  }
+  std::string &text = stateTexts[state];
+  if (text.empty()) text = eventText("state", describeState(state));
+  if (state == lldb::eStateRunning)
+    channel.writeBeforeResponse(text);
+  else
+    channel.writeMessage(text);
 }
 
 void EventMonitor::reportModulesLoaded() {
@@ -147,7 +170,5 @@ void EventMonitor::reportModulesUnloaded() {
 }
 
 void EventMonitor::send(const char *type, Json::object members) {
-  members["status"] = "event";
-  members["type"] = type;
-  channel.sendResponse(Json(std::move(members)));
+  channel.writeMessage(eventText(type, std::move(members)));
 }

@@ -110,7 +110,10 @@ bool EventThread::mayResume(lldb::SBProcess process) {
 }
 
 void EventThread::setResumed(bool resumed) {
-  if (resumed) publicState.showStops();
+  if (resumed) {
+    publicState.showStops();
+    channel.announceResponse();
+  }
   publicState.setRunning(resumed);
 }
 

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <map>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "channel/LaunchArguments.h"
@@ -26,12 +28,7 @@ TEST(LaunchArguments, CommandLinesAreSplit) {
 }
 
 TEST(LaunchArguments, EnvironmentsAreParsed) {
-  struct Row {
-    std::string text;
-    Entries entries;
-    bool isWellFormed;
-  };
-  const Row rows[] = {
+  const std::tuple<std::string, Entries, bool> rows[] = {
       {"  \n", {}, true},
       {"A=1 B=\"x y\" A= C=", {{"A", "1"}, {"B", "x y"}, {"A", ""}, {"C", ""}}, true},
       {"A=\"1\"azAZ_=\"\"", {{"A", "1"}, {"azAZ_", ""}}, true},
@@ -42,15 +39,14 @@ TEST(LaunchArguments, EnvironmentsAreParsed) {
       {"A=x\\", {{"A", "x"}}, true},
       {"A=1 9B=2", {{"A", "1"}}, false},
       {"A=x\"y", {}, false},
-      {"A=\"unterminated", {}, false},
       {"A=\"unterminated\\\"", {}, false},
       {"A=1 B C=2", {{"A", "1"}}, false},
       {"A=1 =2", {{"A", "1"}}, false},
   };
-  for (const Row &row : rows) {
+  for (const auto &[text, wanted, isWellFormed] : rows) {
     Entries entries;
-    EXPECT_EQ(parseEnvironment(row.text, entries), row.isWellFormed) << row.text;
-    EXPECT_EQ(entries, row.entries) << row.text;
+    EXPECT_EQ(parseEnvironment(text, entries), isWellFormed) << text;
+    EXPECT_EQ(entries, wanted) << text;
   }
   Entries entries{{"BEFORE", "stays"}};
   for (const char byte : {'@', '[', '^', '`', '{', '0', '\xc1'})
@@ -81,6 +77,19 @@ TEST(MessageChannel, MessagesOfSeveralThreadsNeverMix) {
   }
   EXPECT_EQ(received.size(), 8u);
   for (const auto &[letter, number] : received) EXPECT_EQ(number, count) << letter;
+  std::fclose(stream);
+}
+
+TEST(MessageChannel, AResponseTakesTheMessageBeforeItAlong) {
+  FILE *stream = std::tmpfile();
+  MessageChannel channel(stream, stream, false);
+  channel.announceResponse();
+  channel.writeBeforeResponse("one");
+  EXPECT_EQ(lseek(fileno(stream), 0, SEEK_END), 0);
+  channel.writeMessage("two");
+  EXPECT_EQ(lseek(fileno(stream), 0, SEEK_END), 14);
+  channel.writeBeforeResponse("three");
+  EXPECT_EQ(lseek(fileno(stream), 0, SEEK_END), 23);
   std::fclose(stream);
 }
 
