@@ -23,14 +23,8 @@ OK = {"status": "ok"}
 SCHEMA = json.loads(read(f"{SOURCE}/docs/protocol.schema.json"))
 AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"  # LLDB's setting
 LONGEST = 1 << 18  # a longer message is counted, not checked: shorter ones have the same form
-
-
-def error(message):
-    return {"message": message, "status": "error"}
-
-
-def frame(text):
-    return struct.pack("=I", len(text)) + text
+error = lambda message: {"message": message, "status": "error"}
+frame = lambda text: struct.pack("=I", len(text)) + text
 
 
 @functools.cache

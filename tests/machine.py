@@ -21,6 +21,7 @@ BUILD = os.path.abspath(os.environ["LLDB_HELPER_TESTS"])
 CACHE = dict(re.findall(r"^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt"), re.M))
 SOURCE, SANITIZER = CACHE["CMAKE_HOME_DIRECTORY"], CACHE["LLDB_HELPER_SANITIZE"]
 HELPER = os.environ.get("LLDB_HELPER", f"{BUILD}/lldb-helper")
+inferior = lambda name: f"{BUILD}/tests/inferiors/{name}"
 DEADLINE = 60  # seconds, for whatever is awaited
 ARM = os.uname().machine == "aarch64"
 PC, PLAIN, VECTOR = ("pc", "x19", "v0") if ARM else ("rip", "rbx", "xmm0")
@@ -113,10 +114,6 @@ def server(*command):
     listening = re.compile(rf":{port:04X} [0:]+ 0A ")
     eventually(lambda: listening.search(read("/proc/net/tcp") + read("/proc/net/tcp6")), f"{command[0]} listens on port {port}")
     return program, port
-
-
-def inferior(name):
-    return f"{BUILD}/tests/inferiors/{name}"
 
 
 def symbol(program, name):

@@ -56,6 +56,7 @@ class MessageChannel {
   const bool consoleMode;
   std::mutex writeMutex;  ///< held for one whole message
   FILE *const output GUARDED_BY(writeMutex);
-  /// Set without the mutex: a thread that the host's answer interrupts may still hold it.
+  /// Set without the mutex. The event thread may still hold it: the host that it has woken may run
+  /// first, and send the next request.
   std::atomic<bool> responseFollows = false;
 };

@@ -52,10 +52,10 @@ Json::object describeState(lldb::StateType state) {
 }
 
 /// The message with `members`, "status" and "type".
-std::string eventText(const char *type, Json::object members) {
+Json makeEvent(const char *type, Json::object members) {
   members["status"] = "event";
   members["type"] = type;
-  return Json(std::move(members)).dump();
+  return Json(std::move(members));
 }
 
 }  // namespace
@@ -146,7 +146,7 @@ void EventMonitor::sendState(lldb::StateType state) {
     return send("state", std::move(members));
   }
   std::string &text = stateTexts[state];
-  if (text.empty()) text = eventText("state", describeState(state));
+  if (text.empty()) text = makeEvent("state", describeState(state)).dump();
   if (state == lldb::eStateRunning)
     channel.writeBeforeResponse(text);
   else
@@ -170,5 +170,5 @@ void EventMonitor::reportModulesUnloaded() {
 }
 
 void EventMonitor::send(const char *type, Json::object members) {
-  channel.writeMessage(eventText(type, std::move(members)));
+  channel.sendResponse(makeEvent(type, std::move(members)));
 }

@@ -39,6 +39,7 @@ TEST(LaunchArguments, EnvironmentsAreParsed) {
       {"A=x\\", {{"A", "x"}}, true},
       {"A=1 9B=2", {{"A", "1"}}, false},
       {"A=x\"y", {}, false},
+      {"A=\"unterminated", {}, false},
       {"A=\"unterminated\\\"", {}, false},
       {"A=1 B C=2", {{"A", "1"}}, false},
       {"A=1 =2", {{"A", "1"}}, false},

@@ -39,8 +39,6 @@ class DaemonProbe {
  private:
   void look() {
     if (probe >= 0) close(probe);
-    probe = -1;
-    isDatagram = isStream = false;
     probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address{AF_UNIX, _PATH_LOG};
     isDatagram = connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
