@@ -31,6 +31,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 PROMPT = "(helper) "
 NOWHERE = 2**64 - 1  # LLDB's invalid address
 RUNNING = ("eStateLaunching", "eStateRunning", "eStateStepping")
+ENDED = (None, "eStateExited", "eStateDetached")
 
 HELP = """\
 start   launch PROGRAM [ARGUMENTS]    run [ARGUMENTS]   attach PID   detach   kill
@@ -314,13 +315,14 @@ class Console:
             self.show((without and self.obstacle()) or response["message"], 31)
         else:
             self.show(show(response, arguments))
-        if command in STEPS and response["status"] == "ok":
-            self.await_stop(0.5 if self.is_terminal else None)
+        if command in (*STEPS, "stopExecution") and response["status"] == "ok":
+            self.await_stop(0.5 if self.is_terminal else None, is_killed=command == "stopExecution")
         return response["status"] == "ok"
 
-    def await_stop(self, seconds=None):
+    def await_stop(self, seconds=None, is_killed=False):
+        """Waits until the program stops or exits. A killed program exits soon after the response."""
         with self.changed:
-            self.changed.wait_for(lambda: self.state not in RUNNING, seconds)
+            self.changed.wait_for(lambda: self.state in ENDED if is_killed else self.state not in RUNNING, seconds)
         self.catch_up()
 
     def obstacle(self):
@@ -402,7 +404,7 @@ class Console:
         """b: lists the breakpoints. b FUNCTION, b FILE:LINE, b ADDRESS: sets one."""
         place = "".join(words)
         self.catch_up()
-        if self.state in (None, "eStateExited", "eStateDetached"):
+        if self.state in ENDED:
             self.need_a_stop()
         line = "breakpoint list"
         if found := re.fullmatch(r"(.*[^:]):(\d+)", place):
