@@ -60,15 +60,15 @@ def test_delete_does_not_wait_for_the_event_thread(host):
 
 
 def test_ending_right_after_a_step():
-    """LLDB's public state is old here. A kill that trusts it crashes LLDB, or waits 20 seconds."""
+    """LLDB's public state is old here. A kill that trusts it crashes LLDB, or waits 20 seconds. The exit is reported."""
     # On one processor LLDB's events are taken late.
     for host in (Host(prepare=one_processor), Host(env=shim(SLOW_EVENTS="20"))):
         for end in ("deleteProcess", "stopExecution") * 8:
             expect(host.ask_all(WAIT, "createProcess"), [OK] * 2)
             start = time.monotonic()
-            expect(host.ask_all("stepOver", "stepInstruction", end), [OK] * 3)
+            expect(host.ask_all("stepOver", "stepInstruction", end, "deleteProcess")[:3], [OK] * 3)
             check(time.monotonic() - start < 10, end)
-            host.ask("deleteProcess")
+            expect(sum("exit_status" in event for event in host.rest()), int(end == "stopExecution"), f"exits after {end}")
         host.end()
 
 
@@ -157,13 +157,13 @@ def test_an_end_comes_before_a_stop_is_taken_or_handled():
     host.state("eStateExited")
     for _ in range(2):
         host.ok("deleteProcess")
+        list(host.rest())  # the exit
         host.launch("steps")
         host.ok("setBreakpointAtVirtualAddress", address=host.address("main"))
         host.resume_only()
         start = time.monotonic()
         host.cli("process kill")
         check((took := time.monotonic() - start) < 10, took)
-        list(host.rest())
     host.end()
 
 

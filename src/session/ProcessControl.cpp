@@ -24,6 +24,7 @@ Json DebugSession::detach() {
 Json DebugSession::deleteProcess() {
   if (!refreshProcess().IsValid()) return errorResponse("deleteProcess", "no process");
   eventThread.halt(process);
+  eventThread.waitForPendingStateEvents(process);  // the exit, if stopExecution came right before
   eventThread.stop();
   process.Destroy();
   inferiorInput.reset();
