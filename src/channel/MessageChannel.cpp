@@ -59,26 +59,15 @@ std::optional<std::string> MessageChannel::readLine() {
 }
 
 void MessageChannel::writeMessage(const std::string &text) {
-  const std::lock_guard lock(writeMutex);
-  append(text);
-  responseFollows = false;
-  std::fflush(output);
-}
-
-void MessageChannel::writeBeforeResponse(const std::string &text) {
-  const std::lock_guard lock(writeMutex);
-  append(text);
-  if (!responseFollows) std::fflush(output);
-}
-
-void MessageChannel::append(const std::string &text) {
   const auto length = static_cast<std::uint32_t>(text.size());
+  const std::lock_guard lock(writeMutex);
   if (consoleMode) {
     std::fputs("OUTPUT: ", output);
   } else {
     std::fwrite(&length, sizeof length, 1, output);
   }
   std::fwrite(text.data(), 1, length, output);
+  std::fflush(output);
 }
 
 void MessageChannel::sendResponse(const Json &response) { writeMessage(response.dump()); }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <mutex>
@@ -36,13 +35,6 @@ class MessageChannel {
   /// messages.
   void writeMessage(const std::string &text);
 
-  /// The same, but after announceResponse it leaves the message in the stream's buffer, from where
-  /// the next message takes it along. So the host is woken once, not twice.
-  void writeBeforeResponse(const std::string &text);
-
-  /// Called by the main thread, which then sends a response within moments.
-  void announceResponse() { responseFollows = true; }
-
   void sendResponse(const Json &response);
   void sendError(const std::string &message);
   void sendOk(const std::optional<std::string> &message = std::nullopt);
@@ -50,13 +42,9 @@ class MessageChannel {
  private:
   std::optional<std::string> readFrame();
   std::optional<std::string> readLine();
-  void append(const std::string &text) REQUIRES(writeMutex);
 
   FILE *const input;  ///< the main thread's
   const bool consoleMode;
   std::mutex writeMutex;  ///< held for one whole message
   FILE *const output GUARDED_BY(writeMutex);
-  /// Set without the mutex. The event thread may still hold it: the host that it has woken may run
-  /// first, and send the next request.
-  std::atomic<bool> responseFollows = false;
 };

@@ -47,17 +47,6 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
                            {"slide", loadAddress - fileAddress}});
 }
 
-Json::object describeState(lldb::StateType state) {
-  return {{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", stateName(state)}};
-}
-
-/// The message with `members`, "status" and "type".
-Json makeEvent(const char *type, Json::object members) {
-  members["status"] = "event";
-  members["type"] = type;
-  return Json(std::move(members));
-}
-
 }  // namespace
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
@@ -130,27 +119,16 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
   }
 }
 
-/// The host receives the states that it can act on. The log records every state, after the host has
-/// it: a log daemon takes its time.
+/// The log records every state. The host receives those that it can act on.
 void EventMonitor::reportState(lldb::StateType state, bool isRestarted) {
   publicState.taken(state, isRestarted);
-  if (publicState.isForHost(state, isRestarted, process.GetUniqueID())) sendState(state);
+  const std::string name = stateName(state);
+  LOG_RECORD("State changed to %{public}s", name.c_str());
+  Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
+  if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
+  if (publicState.isForHost(state, isRestarted, process.GetUniqueID()))
+    send("state", std::move(members));
   publicState.handled(isRestarted);
-  LOG_RECORD("State changed to %{public}s", stateName(state).c_str());
-}
-
-void EventMonitor::sendState(lldb::StateType state) {
-  if (state == lldb::eStateExited) {
-    Json::object members = describeState(state);
-    members["exit_status"] = process.GetExitStatus();
-    return send("state", std::move(members));
-  }
-  std::string &text = stateTexts[state];
-  if (text.empty()) text = makeEvent("state", describeState(state)).dump();
-  if (state == lldb::eStateRunning)
-    channel.writeBeforeResponse(text);
-  else
-    channel.writeMessage(text);
 }
 
 void EventMonitor::reportModulesLoaded() {
@@ -170,5 +148,7 @@ void EventMonitor::reportModulesUnloaded() {
 }
 
 void EventMonitor::send(const char *type, Json::object members) {
-  channel.sendResponse(makeEvent(type, std::move(members)));
+  members["status"] = "event";
+  members["type"] = type;
+  channel.sendResponse(Json(std::move(members)));
 }

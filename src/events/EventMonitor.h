@@ -5,9 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
-#include <map>
 #include <optional>
-#include <string>
 
 #include "channel/MessageChannel.h"
 #include "events/PublicState.h"
@@ -46,7 +44,6 @@ class EventMonitor {
   using OutputReader = std::size_t (lldb::SBProcess::*)(char *, std::size_t) const;
   void reportOutput(const char *type, OutputReader read);
   void reportState(lldb::StateType state, bool isRestarted);
-  void sendState(lldb::StateType state);
   void reportModulesLoaded();
   void reportModulesUnloaded();
 
@@ -61,6 +58,4 @@ class EventMonitor {
   std::atomic<bool> &stop;
   PublicState &publicState;
   std::optional<lldb::StateType> unreportedInitialState;
-  /// Messages that were sent and will be sent again: each step sends two.
-  std::map<lldb::StateType, std::string> stateTexts;
 };

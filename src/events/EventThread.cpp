@@ -110,10 +110,7 @@ bool EventThread::mayResume(lldb::SBProcess process) {
 }
 
 void EventThread::setResumed(bool resumed) {
-  if (resumed) {
-    publicState.showStops();
-    channel.announceResponse();
-  }
+  if (resumed) publicState.showStops();
   publicState.setRunning(resumed);
 }
 

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <map>
 #include <string>
@@ -78,19 +77,6 @@ TEST(MessageChannel, MessagesOfSeveralThreadsNeverMix) {
   }
   EXPECT_EQ(received.size(), 8u);
   for (const auto &[letter, number] : received) EXPECT_EQ(number, count) << letter;
-  std::fclose(stream);
-}
-
-TEST(MessageChannel, AResponseTakesTheMessageBeforeItAlong) {
-  FILE *stream = std::tmpfile();
-  MessageChannel channel(stream, stream, false);
-  channel.announceResponse();
-  channel.writeBeforeResponse("one");
-  EXPECT_EQ(lseek(fileno(stream), 0, SEEK_END), 0);
-  channel.writeMessage("two");
-  EXPECT_EQ(lseek(fileno(stream), 0, SEEK_END), 14);
-  channel.writeBeforeResponse("three");
-  EXPECT_EQ(lseek(fileno(stream), 0, SEEK_END), 23);
   std::fclose(stream);
 }
 
