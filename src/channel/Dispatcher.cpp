@@ -1,23 +1,22 @@
-// handleRequest: the table of the commands, in the order of docs/protocol.md.
+// The table of the commands, and handleRequest, which goes by it.
 
 #include <algorithm>
-#include <iterator>
-#include <string_view>
 #include <utility>
 
+#include "channel/CommandTable.h"
 #include "channel/Envelope.h"
 #include "channel/LaunchArguments.h"
 #include "session/DebugSession.h"
 
+using enum Needs;
+
 namespace {
 
-struct Command {
-  std::string_view name;
-  /// Takes the command's arguments from the request and calls the handler. An argument that is
-  /// missing or of another kind becomes the accessor's default. The handler decides whether that is
-  /// an error.
-  Json (*handle)(DebugSession &session, const Json &request);
-};
+/// Calls the handler of a command that takes no arguments.
+template <Json (DebugSession::*handler)()>
+Json plain(DebugSession &session, const Json &) {
+  return (session.*handler)();
+}
 
 /// Deliberate: drops the higher bits. A host may extend the sign of a 32-bit number.
 std::uint32_t truncateToUint32(const Json &number) {
@@ -36,47 +35,54 @@ Json prepareExecutable(DebugSession &session, const Json &request) {
 
 // clang-format off
 const Command commands[] = {
-    {"ping",              [](DebugSession &, const Json &) { return okResponse(); }},
-    {"prepareExecutable", prepareExecutable},
-    {"createProcess",     [](DebugSession &s, const Json &) { return s.createProcess(); }},
-    {"attachToProcess",   [](DebugSession &s, const Json &r) {
+    {"ping",                          Nothing,           [](DebugSession &, const Json &) { return okResponse(); }},
+    {"prepareExecutable",             Nothing,           prepareExecutable},
+    {"createProcess",                 NoTarget,          plain<&DebugSession::createProcess>},
+    {"attachToProcess",               NoTarget,          [](DebugSession &s, const Json &r) {
         return s.attachToProcess(r["pid"].uint64Value(), r["executable"].stringValue(),
                                  r["is64Bits"].boolValue(), r["triple"].stringValue()); }},
-    {"detach",            [](DebugSession &s, const Json &) { return s.detach(); }},
-    {"deleteProcess",     [](DebugSession &s, const Json &) { return s.deleteProcess(); }},
-    {"hasProcess",        [](DebugSession &s, const Json &) { return s.hasProcess(); }},
-    {"getProcessState",   [](DebugSession &s, const Json &) { return s.getProcessState(); }},
-    {"continueExecution", [](DebugSession &s, const Json &) { return s.continueExecution(); }},
-    {"stopExecution",     [](DebugSession &s, const Json &) { return s.stopExecution(); }},
-    {"breakExecution",    [](DebugSession &s, const Json &) { return s.breakExecution(); }},
-    {"getThreadIDList",   [](DebugSession &s, const Json &) { return s.getThreadIDList(); }},
-    {"selectThreadID",    [](DebugSession &s, const Json &r) { return s.selectThreadID(r["tid"].uint64Value()); }},
-    {"getRegisters",      [](DebugSession &s, const Json &) { return s.getRegisters(); }},
-    {"setBreakpointAtVirtualAddress", [](DebugSession &s, const Json &r) {
+    {"detach",                        Process,           plain<&DebugSession::detach>},
+    {"deleteProcess",                 Process,           plain<&DebugSession::deleteProcess>},
+    {"hasProcess",                    Process,           plain<&DebugSession::hasProcess>},
+    {"getProcessState",               TargetThenProcess, plain<&DebugSession::getProcessState>},
+    {"continueExecution",             TargetThenProcess, plain<&DebugSession::continueExecution>},
+    {"stopExecution",                 Process,           plain<&DebugSession::stopExecution>},
+    {"breakExecution",                Process,           plain<&DebugSession::breakExecution>},
+    {"getThreadIDList",               Process,           plain<&DebugSession::getThreadIDList>},
+    {"selectThreadID",                Process,           [](DebugSession &s, const Json &r) {
+        return s.selectThreadID(r["tid"].uint64Value()); }},
+    {"getRegisters",                  Process,           plain<&DebugSession::getRegisters>},
+    {"setBreakpointAtVirtualAddress", Target,            [](DebugSession &s, const Json &r) {
         return s.setBreakpointAtVirtualAddress(r["address"].uint64Value()); }},
-    {"removeBreakpoint",  [](DebugSession &s, const Json &r) { return s.removeBreakpoint(r["bkpt_id"].intValue()); }},
-    {"removeAllBreakpoints", [](DebugSession &s, const Json &) { return s.removeAllBreakpoints(); }},
-    {"stepInstruction",   [](DebugSession &s, const Json &) { return s.stepInstruction(); }},
-    {"stepOver",          [](DebugSession &s, const Json &) { return s.stepOver(); }},
-    {"stepOut",           [](DebugSession &s, const Json &) { return s.stepOut(); }},
-    {"readMemory",        [](DebugSession &s, const Json &r) {
+    {"removeBreakpoint",              Target,            [](DebugSession &s, const Json &r) {
+        return s.removeBreakpoint(r["bkpt_id"].intValue()); }},
+    {"removeAllBreakpoints",          Target,            plain<&DebugSession::removeAllBreakpoints>},
+    {"stepInstruction",               Process,           plain<&DebugSession::stepInstruction>},
+    {"stepOver",                      Process,           plain<&DebugSession::stepOver>},
+    {"stepOut",                       Process,           plain<&DebugSession::stepOut>},
+    {"readMemory",                    Process,           [](DebugSession &s, const Json &r) {
         return s.readMemory(r["address"].uint64Value(), r["length"].intValue()); }},
-    {"writeByte",         [](DebugSession &s, const Json &r) {
+    {"writeByte",                     Process,           [](DebugSession &s, const Json &r) {
         return s.writeByte(r["address"].uint64Value(),
                            static_cast<std::uint8_t>(r["value"].intValue() & 0xff)); }},
-    {"getCallstack",      [](DebugSession &s, const Json &) { return s.getCallstack(); }},
-    {"selectFrame",       [](DebugSession &s, const Json &r) { return s.selectFrame(truncateToUint32(r["index"])); }},
-    {"setRegister",       [](DebugSession &s, const Json &r) {
+    {"getCallstack",                  Process,           plain<&DebugSession::getCallstack>},
+    {"selectFrame",                   Process,           [](DebugSession &s, const Json &r) {
+        return s.selectFrame(truncateToUint32(r["index"])); }},
+    {"setRegister",                   Process,           [](DebugSession &s, const Json &r) {
         return s.setRegister(r["register"].stringValue(), r["value"].stringValue()); }},
-    {"executeCommand",    [](DebugSession &s, const Json &r) { return s.executeCommand(r["cli"].stringValue()); }},
-    {"completeCommand",   [](DebugSession &s, const Json &r) {
+    {"executeCommand",                Nothing,           [](DebugSession &s, const Json &r) {
+        return s.executeCommand(r["cli"].stringValue()); }},
+    {"completeCommand",               Nothing,           [](DebugSession &s, const Json &r) {
         return s.completeCommand(r["cli"].stringValue(), truncateToUint32(r["pos"])); }},
-    {"sendToApplication", [](DebugSession &s, const Json &r) { return s.sendToApplication(r["data"].arrayItems()); }},
-    {"moduleCount",       [](DebugSession &s, const Json &) { return s.moduleCount(); }},
-    {"moduleAtIndex",     [](DebugSession &s, const Json &r) { return s.moduleAtIndex(truncateToUint32(r["index"])); }},
-    {"moduleForFile",     [](DebugSession &s, const Json &r) { return s.moduleForFile(r["file"].stringValue()); }},
+    {"sendToApplication",             Process,           [](DebugSession &s, const Json &r) {
+        return s.sendToApplication(r["data"].arrayItems()); }},
+    {"moduleCount",                   Process,           plain<&DebugSession::moduleCount>},
+    {"moduleAtIndex",                 Process,           [](DebugSession &s, const Json &r) {
+        return s.moduleAtIndex(truncateToUint32(r["index"])); }},
+    {"moduleForFile",                 Process,           [](DebugSession &s, const Json &r) {
+        return s.moduleForFile(r["file"].stringValue()); }},
     // The request also has "platform", which is not used.
-    {"connectRemote",     [](DebugSession &s, const Json &r) {
+    {"connectRemote",                 NoProcess,         [](DebugSession &s, const Json &r) {
         return s.connectRemote(r["is64Bits"].boolValue(), r["triple"].stringValue(),
                                r["url"].stringValue(), r["plugin"].stringValue(),
                                r["file"].stringValue()); }},
@@ -85,10 +91,28 @@ const Command commands[] = {
 
 }  // namespace
 
+std::span<const Command> commandTable() { return commands; }
+
+const char *whyRefused(Needs needs, bool hasTarget, bool hasProcess) {
+  switch (needs) {
+    case Nothing: return nullptr;
+    case NoTarget: return hasTarget ? "process already exists" : nullptr;
+    case NoProcess: return hasProcess ? "already has a process" : nullptr;
+    case Target: return hasTarget ? nullptr : "no target";
+    case Process: return hasProcess ? nullptr : "no process";
+    case TargetThenProcess: return whyRefused(hasTarget ? Process : Target, hasTarget, hasProcess);
+  }
+  return nullptr;
+}
+
 Json DebugSession::handleRequest(const Json &request) {
   const std::string &name = request["command"].stringValue();
-  const auto command = std::find_if(std::begin(commands), std::end(commands),
-                                    [&](const Command &row) { return row.name == name; });
-  if (command != std::end(commands)) return command->handle(*this, request);
-  return errorResponse("handleRequest", "unknown command '" + name + "'");
+  const auto row = std::find_if(std::begin(commands), std::end(commands),
+                                [&](const Command &command) { return command.name == name; });
+  if (row == std::end(commands)) return errorResponse(__func__, "unknown command '" + name + "'");
+  // LLDB's command line may have replaced the process.
+  process = target.IsValid() ? target.GetProcess() : lldb::SBProcess();
+  if (const char *reason = whyRefused(row->needs, target.IsValid(), process.IsValid()))
+    return errorResponse(row->name, reason);
+  return row->call(*this, request);
 }

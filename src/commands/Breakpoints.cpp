@@ -20,10 +20,8 @@ std::string locationText(lldb::SBBreakpointLocation location) {
 }  // namespace
 
 Json DebugSession::setBreakpointAtVirtualAddress(std::uint64_t address) {
-  if (!target.IsValid()) return errorResponse("setBreakpointAtVirtualAddress", "no target");
   lldb::SBBreakpoint breakpoint = target.BreakpointCreateByAddress(address);
-  if (!breakpoint.IsValid())
-    return errorResponse("setBreakpointAtVirtualAddress", "cannot create breakpoint");
+  if (!breakpoint.IsValid()) return errorResponse(__func__, "cannot create breakpoint");
   Json::object members{{"bkpt_id", std::int32_t{breakpoint.GetID()}}};
   for (std::uint32_t index = 0; index < breakpoint.GetNumLocations(); ++index)
     members["bl" + std::to_string(index)] = locationText(breakpoint.GetLocationAtIndex(index));
@@ -31,16 +29,14 @@ Json DebugSession::setBreakpointAtVirtualAddress(std::uint64_t address) {
 }
 
 Json DebugSession::removeBreakpoint(std::int32_t id) {
-  if (!target.IsValid()) return errorResponse("removeBreakpoint", "no target");
   // Deliberate: an unknown id is no error. Hosts remove breakpoints that LLDB may have removed.
   target.BreakpointDelete(id);
   return okResponse();
 }
 
 Json DebugSession::removeAllBreakpoints() {
-  if (!target.IsValid()) return errorResponse("removeAllBreakpoints", "no target");
   if (!target.DeleteAllBreakpoints())
-    return errorResponse("removeAllBreakpoints", "cannot remove all breakpoints");
+    return errorResponse(__func__, "cannot remove all breakpoints");
   return okResponse();
 }
 
@@ -48,9 +44,7 @@ Json DebugSession::removeAllBreakpoints() {
 ///
 /// Deliberate: answers "ok" also when no step can begin, because no thread is selected or the
 /// process runs. No stopped event follows then, and hosts go by that.
-Json DebugSession::step(const char *command,
-                        const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin) {
-  if (!refreshProcess().IsValid()) return errorResponse(command, "no process");
+Json DebugSession::step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin) {
   lldb::SBThread thread = process.GetSelectedThread();
   // The selected thread is invalid while the process runs. Stepping an invalid thread does nothing.
   // Stepping a valid one then would queue a plan, and LLDB 14 to 19 show stale registers at the
@@ -65,19 +59,18 @@ Json DebugSession::step(const char *command,
 
 Json DebugSession::stepInstruction() {
   constexpr bool overCalls = false;
-  return step("stepInstruction", [](lldb::SBThread &thread, lldb::SBError &error) {
+  return step([](lldb::SBThread &thread, lldb::SBError &error) {
     thread.StepInstruction(overCalls, error);
   });
 }
 
 Json DebugSession::stepOver() {
   constexpr bool overCalls = true;
-  return step("stepOver", [](lldb::SBThread &thread, lldb::SBError &error) {
+  return step([](lldb::SBThread &thread, lldb::SBError &error) {
     thread.StepInstruction(overCalls, error);
   });
 }
 
 Json DebugSession::stepOut() {
-  return step("stepOut",
-              [](lldb::SBThread &thread, lldb::SBError &error) { thread.StepOut(error); });
+  return step([](lldb::SBThread &thread, lldb::SBError &error) { thread.StepOut(error); });
 }

@@ -84,7 +84,6 @@ Json frameToJson(lldb::SBFrame frame, ModuleNames &names) {
 }  // namespace
 
 Json DebugSession::getCallstack() {
-  if (!refreshProcess().IsValid()) return errorResponse("getCallstack", "no process");
   lldb::SBThread thread = process.GetSelectedThread();
   // A connection may be slow, and its memory may hold a device's registers.
   if (hasOwnServer()) unwind(process, thread);
@@ -98,7 +97,6 @@ Json DebugSession::getCallstack() {
 }
 
 Json DebugSession::selectFrame(std::uint32_t index) {
-  if (!refreshProcess().IsValid()) return errorResponse("selectFrame", "no process");
   // Deliberate: an index past the last frame is no error. LLDB keeps its selection. Hosts
   // take the index from getCallstack.
   process.GetSelectedThread().SetSelectedFrame(index);

@@ -9,7 +9,7 @@ Json DebugSession::executeCommand(const std::string &commandLine) {
   lldb::SBCommandInterpreter interpreter = debugger.GetCommandInterpreter();
   lldb::SBCommandReturnObject result;
   constexpr bool addToHistory = false;
-  const lldb::SBProcess before = refreshProcess();
+  const lldb::SBProcess before = process;
   eventThread.waitForPendingStateEvents(before);  // the line may be "kill"
   eventThread.showStops();                        // or "continue"
   interpreter.HandleCommand(commandLine.c_str(), result, addToHistory);
@@ -49,7 +49,6 @@ Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t
 }
 
 Json DebugSession::sendToApplication(const Json::array &data) {
-  if (!refreshProcess().IsValid()) return errorResponse("sendToApplication", "no process");
   std::string bytes;
   bytes.reserve(data.size());
   for (const Json &item : data) bytes += static_cast<char>(item.intValue() & 0xff);

@@ -14,22 +14,20 @@ constexpr std::size_t envelopeRoom = 1024;
 }  // namespace
 
 Json DebugSession::readMemory(std::uint64_t address, std::int64_t length) {
-  if (!refreshProcess().IsValid()) return errorResponse("readMemory", "no process");
-  if (length < 0) return errorResponse("readMemory", "unable to read memory");
+  if (length < 0) return errorResponse(__func__, "unable to read memory");
   JsonBytes bytes(static_cast<std::size_t>(length));
   lldb::SBError error;
   process.ReadMemory(address, bytes.data(), bytes.size(), error);
   // A text that does not fit a frame is an error, not a shorter answer.
   if (!error.Success() || bytes.textSize() > MessageChannel::maxMessageSize - envelopeRoom)
-    return errorResponse("readMemory", "unable to read memory");
+    return errorResponse(__func__, "unable to read memory");
   return okResponseWith({{"memory", Json(std::move(bytes))}});
 }
 
 Json DebugSession::writeByte(std::uint64_t address, std::uint8_t byte) {
-  if (!refreshProcess().IsValid()) return errorResponse("writeByte", "no process");
   lldb::SBError error;
   process.WriteMemory(address, &byte, 1, error);
   if (error.Success()) return okResponse();
-  return errorResponse("writeByte", "unable to write memory: " + errorText(error) + " (state " +
-                                        stateName(process.GetState()) + ")");
+  return errorResponse(__func__, "unable to write memory: " + errorText(error) + " (state " +
+                                     stateName(process.GetState()) + ")");
 }

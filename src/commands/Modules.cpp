@@ -35,22 +35,19 @@ Json DebugSession::describeModule(lldb::SBModule &module) {
 }
 
 Json DebugSession::moduleCount() {
-  if (!refreshProcess().IsValid()) return errorResponse("moduleCount", "no process");
   return okResponseWith({{"count", static_cast<std::int32_t>(target.GetNumModules())}});
 }
 
 Json DebugSession::moduleAtIndex(std::uint32_t index) {
-  if (!refreshProcess().IsValid()) return errorResponse("moduleAtIndex", "no process");
-  if (index >= target.GetNumModules()) return errorResponse("moduleAtIndex", "index out of range");
+  if (index >= target.GetNumModules()) return errorResponse(__func__, "index out of range");
   lldb::SBModule module = target.GetModuleAtIndex(index);
-  if (!module.IsValid()) return errorResponse("moduleAtIndex", "cannot get module");
+  if (!module.IsValid()) return errorResponse(__func__, "cannot get module");
   return okResponseWith({{"module", describeModule(module)}});
 }
 
 Json DebugSession::moduleForFile(const std::string &file) {
-  if (!refreshProcess().IsValid()) return errorResponse("moduleForFile", "no process");
   constexpr bool resolve = true;
   lldb::SBModule module = target.FindModule(lldb::SBFileSpec(file.c_str(), resolve));
-  if (!module.IsValid()) return errorResponse("moduleForFile", "can't find module");
+  if (!module.IsValid()) return errorResponse(__func__, "can't find module");
   return okResponseWith({{"module", describeModule(module)}});
 }

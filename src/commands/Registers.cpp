@@ -5,17 +5,15 @@
 #include "session/LldbError.h"
 
 Json DebugSession::getRegisters() {
-  if (!refreshProcess().IsValid()) return errorResponse("getRegisters", "no process");
   const lldb::SBFrame frame = process.GetSelectedThread().GetSelectedFrame();
   return okResponseWith({{"registers", registerReader.read(process, frame, hasOwnServer())}});
 }
 
 Json DebugSession::setRegister(const std::string &name, const std::string &value) {
-  if (!refreshProcess().IsValid()) return errorResponse("setRegister", "no process");
   lldb::SBValue found = process.GetSelectedThread().GetSelectedFrame().FindRegister(name.c_str());
-  if (!found.IsValid()) return errorResponse("setRegister", "register not found");
+  if (!found.IsValid()) return errorResponse(__func__, "register not found");
   lldb::SBError error;
   if (!found.SetValueFromCString(value.c_str(), error))
-    return errorResponse("setRegister", "cannot set the register value: " + errorText(error));
+    return errorResponse(__func__, "cannot set the register value: " + errorText(error));
   return okResponse();
 }

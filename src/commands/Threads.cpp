@@ -23,7 +23,6 @@ const char *stopReasonName(lldb::StopReason reason) {
 }  // namespace
 
 Json DebugSession::getThreadIDList() {
-  if (!refreshProcess().IsValid()) return errorResponse("getThreadIDList", "no process");
   const std::uint32_t count = process.GetNumThreads();
   Json::array threads;
   threads.reserve(count);
@@ -36,9 +35,8 @@ Json DebugSession::getThreadIDList() {
 }
 
 Json DebugSession::selectThreadID(std::uint64_t id) {
-  if (!refreshProcess().IsValid()) return errorResponse("selectThreadID", "no process");
   lldb::SBThread thread = process.GetThreadByID(id);
-  if (!thread.IsValid()) return errorResponse("selectThreadID", "no thread " + std::to_string(id));
+  if (!thread.IsValid()) return errorResponse(__func__, "no thread " + std::to_string(id));
   process.SetSelectedThread(thread);
   return okResponse();
 }

@@ -45,19 +45,17 @@ const char *whyNotAttach(std::uint64_t pid) {
 
 Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executable, bool is64Bits,
                                    const std::string &triple) {
-  if (target.IsValid()) return errorResponse("attachToProcess", "process already exists");
   this->is64Bits = is64Bits;
   this->triple = triple;
   executablePath = executable;
 
   if (const char *reason = whyNotAttach(pid))
-    return errorResponse("attachToProcess", std::string("cannot attach to process: ") + reason);
+    return errorResponse(__func__, std::string("cannot attach to process: ") + reason);
   lldb::SBError error;
   target = buildTarget(error);
   // With an empty target LLDB finds the executable of a running process itself.
   if (!target.IsValid()) target = debugger.CreateTarget("");
-  if (!target.IsValid())
-    return errorResponse("attachToProcess", "cannot build target: " + errorText(error));
+  if (!target.IsValid()) return errorResponse(__func__, "cannot build target: " + errorText(error));
 
   lldb::SBListener listener = debugger.GetListener();
   LOG_RECORD("About to attach to process %{public}llu", static_cast<unsigned long long>(pid));
@@ -65,7 +63,7 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
   process = target.AttachToProcessWithID(listener, pid, error);
   if (failedToStart(process, error)) {
     discardTarget();
-    return errorResponse("attachToProcess", "cannot attach to process: " + errorText(error));
+    return errorResponse(__func__, "cannot attach to process: " + errorText(error));
   }
   processOfOwnServer = process.GetUniqueID();
   eventThread.start(target);

@@ -34,7 +34,6 @@ void watchFirstSecond(lldb::SBProcess &process) {
 
 Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const std::string &url,
                                  const std::string &plugin, const std::string &file) {
-  if (refreshProcess().IsValid()) return errorResponse("connectRemote", "already has a process");
   this->is64Bits = is64Bits;
   this->triple = triple;
   executablePath = file;
@@ -74,7 +73,7 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
     target = buildRemoteTarget();
     process = lldb::SBProcess();
   }
-  return errorResponse("connectRemote", "cannot connect to remote, invalid process");
+  return errorResponse(__func__, "cannot connect to remote, invalid process");
 }
 
 void DebugSession::connectThroughInterpreter(const std::string &plugin, const std::string &url) {

@@ -69,11 +69,6 @@ Json DebugSession::prepareExecutable(const std::string &path, bool is64Bits,
   return okResponse();
 }
 
-lldb::SBProcess &DebugSession::refreshProcess() {
-  process = target.IsValid() ? target.GetProcess() : lldb::SBProcess();
-  return process;
-}
-
 bool DebugSession::hasOwnServer() { return processOfOwnServer == process.GetUniqueID(); }
 
 lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {

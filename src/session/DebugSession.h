@@ -44,11 +44,13 @@ class DebugSession {
   /// Answers requests until the end of input. Every request gets exactly one response.
   void run();
 
-  /// Returns the response to one decoded request, never null. Exceptions of a handler pass through.
+  /// Returns the response to one decoded request, never null. Answers a command that lacks what it
+  /// needs with the error that its row names. Exceptions of a handler pass through.
   Json handleRequest(const Json &request);
 
   // The handlers, named as their commands. docs/protocol.md describes the arguments, the response
-  // and the effect of each.
+  // and the effect of each. Only handleRequest calls them, and only if the session has what the
+  // command's row says that it needs (channel/CommandTable.h). `process` is the target's by then.
 
   // A process to debug.
   Json prepareExecutable(const std::string &path, bool is64Bits, const std::string &triple,
@@ -105,11 +107,6 @@ class DebugSession {
   Json moduleForFile(const std::string &file);
 
  private:
-  /// Sets `process` to the process that LLDB holds for the target, and returns it. It is invalid
-  /// when there is no target or the target has no process. Each handler that needs the process
-  /// calls this first: LLDB's command line may have replaced it.
-  lldb::SBProcess &refreshProcess();
-
   /// Whether LLDB's own debug server runs `process`: it was launched or attached to, and not
   /// connected to.
   bool hasOwnServer();
@@ -134,8 +131,7 @@ class DebugSession {
 
   lldb::SBProcess launchTarget(lldb::SBError &error);
 
-  Json step(const char *command,
-            const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin);
+  Json step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin);
 
   /// A module with its top-level sections: where they lie in the file and in memory.
   Json describeModule(lldb::SBModule &module);
@@ -155,7 +151,7 @@ class DebugSession {
   // Main thread only.
   lldb::SBDebugger debugger;  ///< created by the constructor, never replaced
   lldb::SBTarget target;      ///< invalid when there is no target
-  lldb::SBProcess process;    ///< as of the last refreshProcess; may be a dead process
+  lldb::SBProcess process;    ///< as handleRequest found it; may be a dead process
 
   // The settings of the next launch. A later command replaces all of an earlier one's values.
   std::string workingDirectory;

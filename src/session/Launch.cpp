@@ -24,16 +24,14 @@ std::vector<const char *> cStrings(const std::vector<std::string> &texts) {
 }  // namespace
 
 Json DebugSession::createProcess() {
-  if (target.IsValid()) return errorResponse("createProcess", "process already exists");
   lldb::SBError error;
   target = buildTarget(error);
-  if (!target.IsValid())
-    return errorResponse("createProcess", "cannot build target: " + errorText(error));
+  if (!target.IsValid()) return errorResponse(__func__, "cannot build target: " + errorText(error));
 
   process = launchTarget(error);
   if (failedToStart(process, error)) {
     discardTarget();
-    return errorResponse("createProcess", "cannot create process: " + errorText(error));
+    return errorResponse(__func__, "cannot create process: " + errorText(error));
   }
 
   processOfOwnServer = process.GetUniqueID();
@@ -44,7 +42,7 @@ Json DebugSession::createProcess() {
   LOG_RECORD("Process is ready with final state %s\n", stateName(process.GetState()).c_str());
 
   if (process.GetState() == lldb::eStateExited)
-    return errorResponse("createProcess", "process has exited");
+    return errorResponse(__func__, "process has exited");
   return okResponse();
 }
 
