@@ -26,6 +26,7 @@ void DebugSession::run() {
     try {
       const std::optional<std::string> text = channel.readMessage();
       if (!text) {
+        // The host wants no more messages. A host that forgot deleteProcess sees an abnormal end.
         eventThread.requestStop();
         return;
       }

@@ -49,11 +49,11 @@ Json DebugSession::step(const std::function<void(lldb::SBThread &, lldb::SBError
   // The selected thread is invalid while the process runs. Stepping an invalid thread does nothing.
   // Stepping a valid one then would queue a plan, and LLDB 14 to 19 show stale registers at the
   // next stop.
-  if (!thread.IsValid() || !eventThread.mayResume(process)) return okResponse();
+  if (!thread.IsValid() || !runControl.mayResume(process)) return okResponse();
   lldb::SBError error;
-  eventThread.setResumed(true);
+  runControl.setResumed(true);
   begin(thread, error);
-  if (error.Fail()) eventThread.setResumed(false);
+  if (error.Fail()) runControl.setResumed(false);
   return okResponse();
 }
 

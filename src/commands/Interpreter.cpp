@@ -10,8 +10,8 @@ Json DebugSession::executeCommand(const std::string &commandLine) {
   lldb::SBCommandReturnObject result;
   constexpr bool addToHistory = false;
   const lldb::SBProcess before = process;
-  eventThread.waitForPendingStateEvents(before);  // the line may be "kill"
-  eventThread.showStops();                        // or "continue"
+  runControl.waitForQueuedStates(before);  // the line may be "kill"
+  reportedState.showStops();               // or "continue"
   interpreter.HandleCommand(commandLine.c_str(), result, addToHistory);
   if (!target.IsValid()) forgetTarget(before);  // or "target delete"
   Json::object members;
@@ -20,14 +20,6 @@ Json DebugSession::executeCommand(const std::string &commandLine) {
   members["succeeded"] = result.Succeeded();
   // Deliberate: a command that LLDB refuses is no error of the request. Hosts read "succeeded".
   return okResponseWith(std::move(members));
-}
-
-void DebugSession::forgetTarget(const lldb::SBProcess &itsProcess) {
-  eventThread.waitForPendingStateEvents(itsProcess);  // the exit, if LLDB has queued it
-  eventThread.stop();
-  inferiorInput.reset();
-  target = lldb::SBTarget();
-  process = lldb::SBProcess();
 }
 
 Json DebugSession::completeCommand(const std::string &commandLine, std::uint32_t position) {

@@ -50,22 +50,30 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
 }  // namespace
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
-                           MessageChannel &channel, std::atomic<bool> &stop,
-                           PublicState &publicState,
-                           std::optional<lldb::StateType> unreportedInitialState)
+                           MessageChannel &channel, const std::atomic<bool> &stop,
+                           ReportedState &reportedState)
     : target(target),
       process(target.GetProcess()),
       listener(debugger.GetListener()),
       channel(channel),
       stop(stop),
-      publicState(publicState),
-      unreportedInitialState(unreportedInitialState) {}
+      reportedState(reportedState) {}
 
-void EventMonitor::run(std::promise<void> &listening) {
+void EventMonitor::startListening() {
   listener.StartListeningForEvents(target.GetBroadcaster(), targetEvents);
   listener.StartListeningForEvents(process.GetBroadcaster(), processEvents);
-  stop = false;
-  listening.set_value();
+  // Deliberate: LLDB 14 sends no event for the stop at entry, but hosts wait for one.
+  const lldb::StateType state = process.GetState();
+  if (state != lldb::eStateAttaching && !isStateChangeQueued(process, listener))
+    unreportedInitialState = state;
+}
+
+void EventMonitor::stopListening() {
+  listener.StopListeningForEvents(target.GetBroadcaster(), targetEvents);
+  listener.StopListeningForEvents(process.GetBroadcaster(), processEvents);
+}
+
+void EventMonitor::run() {
   if (unreportedInitialState) reportState(*unreportedInitialState, false);
   while (!stop) {
     if (listener.WaitForEvent(waitSeconds, event)) handleEvent();
@@ -121,14 +129,13 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
 
 /// The log records every state. The host receives those that it can act on.
 void EventMonitor::reportState(lldb::StateType state, bool isRestarted) {
-  publicState.taken(state, isRestarted);
+  const bool isForHost = reportedState.take(state, isRestarted, process.GetUniqueID());
   const std::string name = stateName(state);
   LOG_RECORD("State changed to %{public}s", name.c_str());
   Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
   if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
-  if (publicState.isForHost(state, isRestarted, process.GetUniqueID()))
-    send("state", std::move(members));
-  publicState.handled(isRestarted);
+  if (isForHost) send("state", std::move(members));
+  reportedState.setHandled();
 }
 
 void EventMonitor::reportModulesLoaded() {
@@ -151,4 +158,10 @@ void EventMonitor::send(const char *type, Json::object members) {
   members["status"] = "event";
   members["type"] = type;
   channel.sendResponse(Json(std::move(members)));
+}
+
+bool isStateChangeQueued(lldb::SBProcess process, lldb::SBListener listener) {
+  lldb::SBEvent event;
+  return listener.PeekAtNextEventForBroadcasterWithType(
+      process.GetBroadcaster(), lldb::SBProcess::eBroadcastBitStateChanged, event);
 }

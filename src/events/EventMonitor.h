@@ -4,18 +4,18 @@
 
 #include <atomic>
 #include <cstdint>
-#include <future>
 #include <optional>
 
 #include "channel/MessageChannel.h"
-#include "events/PublicState.h"
+#include "events/ReportedState.h"
 
 /// Takes LLDB's events for one target and its process, and reports them to the host as messages
-/// with "status": "event". The event thread runs it.
+/// with "status": "event". The main thread constructs it and begins to listen, then the event
+/// thread runs it.
 ///
 /// The monitor copies its LLDB handles when it is constructed, so a new process gets a new monitor.
 /// It shares three things with the main thread: the channel's writer, which any thread may use, the
-/// stop flag, and the public state.
+/// flag that ends it, and the reported state.
 class EventMonitor {
  public:
   /// The type of an event that ends a wait for events early. The monitor ignores the event itself.
@@ -25,15 +25,18 @@ class EventMonitor {
   /// __PAGEZERO.
   static constexpr std::size_t imageBaseSection = 1;
 
-  /// `channel`, `stop` and `publicState` must outlive the monitor. `unreportedInitialState` is the
-  /// state that the process reached without an event from LLDB, if there is such a state.
+  /// The references must outlive the monitor.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,
-               std::atomic<bool> &stop, PublicState &publicState,
-               std::optional<lldb::StateType> unreportedInitialState = std::nullopt);
+               const std::atomic<bool> &stop, ReportedState &reportedState);
 
-  /// Clears `stop`, and fulfils `listening` when it can neither miss an event nor lose a request to
-  /// stop. Then reports the unreported initial state, and LLDB's events until `stop` is set.
-  void run(std::promise<void> &listening);
+  /// Has LLDB queue the events from now on.
+  void startListening();
+
+  /// Undoes startListening.
+  void stopListening();
+
+  /// Reports the events until `stop` is set. For the event thread.
+  void run();
 
  private:
   void handleEvent();
@@ -55,7 +58,11 @@ class EventMonitor {
   lldb::SBListener listener;
   lldb::SBEvent event;
   MessageChannel &channel;
-  std::atomic<bool> &stop;
-  PublicState &publicState;
+  const std::atomic<bool> &stop;
+  ReportedState &reportedState;
+  /// The state that the process reached without an event from LLDB, if there is such a state.
   std::optional<lldb::StateType> unreportedInitialState;
 };
+
+/// Whether LLDB has queued a state change of `process` that nobody has taken.
+bool isStateChangeQueued(lldb::SBProcess process, lldb::SBListener listener);

@@ -66,7 +66,7 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
     return errorResponse(__func__, "cannot attach to process: " + errorText(error));
   }
   processOfOwnServer = process.GetUniqueID();
-  eventThread.start(target);
+  startEventThread();
   waitForFirstStop();
   return okResponseWith(executableLoadInfo(target));
 }

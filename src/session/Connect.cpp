@@ -56,10 +56,10 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
   // LLDB may return a valid process although no server answered. That process stays unloaded. A
   // process that a server holds has left that state, or the event for it is queued.
   const bool answered = process.GetState() != lldb::eStateUnloaded ||
-                        isStateChangePending(process, debugger.GetListener());
+                        isStateChangeQueued(process, debugger.GetListener());
   bool isConnected = process.IsValid() && answered && !bound.wasReached();
   if (isConnected) {
-    eventThread.start(target);
+    startEventThread();
     waitForFirstStop();
     isConnected = !bound.wasReached();
   }

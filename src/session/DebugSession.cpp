@@ -44,7 +44,8 @@ DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
     : channel(input, output, consoleMode),
       debugger(lldb::SBDebugger::Create()),
       registerReader(debugger),
-      eventThread(debugger, channel) {
+      eventThread(debugger),
+      runControl(debugger, eventThread, reportedState) {
   redirectLldbToDevNull(debugger);
   loadModulesOneByOne(debugger);
   readRegistersAtOnce(debugger);
@@ -91,13 +92,26 @@ lldb::SBTarget DebugSession::buildRemoteTarget() {
 }
 
 void DebugSession::discardTarget() {
-  debugger.DeleteTarget(target);
+  inferiorInput.reset();
+  if (target.IsValid()) debugger.DeleteTarget(target);
   target = lldb::SBTarget();
+}
+
+void DebugSession::startEventThread() {
+  LOG_RECORD("Restarting event thread\n");
+  eventThread.stop();
+  reportedState.reset();
+  eventThread.start(target, channel, reportedState);
+}
+
+void DebugSession::endReports(const lldb::SBProcess &itsProcess) {
+  runControl.waitForQueuedStates(itsProcess);
+  eventThread.stop();
 }
 
 void DebugSession::waitForFirstStop() {
   while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
-  // LLDB's public state is "stopped" only after the event of the stop is taken. A process that is
-  // resumed before that never stops again.
-  eventThread.waitForFirstState();
+  // LLDB's state of the process is "stopped" only after the event of the stop is taken. A process
+  // that is resumed before that never stops again.
+  runControl.waitForFirstState();
 }

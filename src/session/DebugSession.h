@@ -12,6 +12,8 @@
 #include "channel/LaunchArguments.h"
 #include "channel/MessageChannel.h"
 #include "events/EventThread.h"
+#include "events/ReportedState.h"
+#include "events/RunControl.h"
 #include "json/Json.h"
 #include "session/InferiorInput.h"
 #include "session/RegisterReader.h"
@@ -119,12 +121,19 @@ class DebugSession {
   lldb::SBTarget buildRemoteTarget();
 
   /// Leaves the session without a target, and removes the target from LLDB's list, which would keep
-  /// it for ever.
+  /// it for ever. Call it when the target's process is gone.
   void discardTarget();
 
   /// Leaves the session without a target after LLDB's command line has deleted it. `itsProcess` was
-  /// the target's process. Ends the event thread.
+  /// the target's process.
   void forgetTarget(const lldb::SBProcess &itsProcess);
+
+  /// Starts the event thread for `target`, in place of a running one. Throws std::system_error when
+  /// no thread can be started.
+  void startEventThread();
+
+  /// Ends the event thread after it has reported what LLDB has queued of this process's states.
+  void endReports(const lldb::SBProcess &itsProcess);
 
   /// The environment of a launch: the program's own, then the requested entries.
   std::vector<std::string> launchEnvironment() const;
@@ -166,5 +175,7 @@ class DebugSession {
   RegisterReader registerReader;
   std::unique_ptr<InferiorInput> inferiorInput;  ///< null until the first sendToApplication
 
-  EventThread eventThread;  ///< the last member: it uses the channel while it runs
+  ReportedState reportedState;
+  EventThread eventThread;  ///< after the members that it uses while it runs
+  RunControl runControl;
 };

@@ -35,7 +35,7 @@ Json DebugSession::createProcess() {
   }
 
   processOfOwnServer = process.GetUniqueID();
-  eventThread.start(target);
+  startEventThread();
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());
   waitForFirstStop();

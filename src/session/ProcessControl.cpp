@@ -15,19 +15,22 @@ constexpr char runsAlready[] = "resume request failed - process already running"
 Json DebugSession::detach() {
   // Deliberate: the target and the event thread stay, so that the host receives the detached state
   // as an event. A host sends deleteProcess before the next run.
-  eventThread.halt(process);
+  runControl.haltProcess(process);
   process.Detach();
   return okResponse();
 }
 
 Json DebugSession::deleteProcess() {
-  eventThread.halt(process);
-  eventThread.waitForPendingStateEvents(process);  // the exit, if stopExecution came right before
-  eventThread.stop();
+  runControl.haltProcess(process);
+  endReports(process);  // the exit is one of them, if stopExecution came right before
   process.Destroy();
-  inferiorInput.reset();
   discardTarget();
   return okResponse();
+}
+
+void DebugSession::forgetTarget(const lldb::SBProcess &itsProcess) {
+  endReports(itsProcess);
+  discardTarget();
 }
 
 /// The row needs a process, so this is reached only with one.
@@ -40,15 +43,15 @@ Json DebugSession::getProcessState() {
 }
 
 Json DebugSession::continueExecution() {
-  if (!eventThread.mayResume(process)) return errorResponse(__func__, runsAlready);
-  eventThread.setResumed(true);
+  if (!runControl.mayResume(process)) return errorResponse(__func__, runsAlready);
+  runControl.setResumed(true);
   const lldb::SBError error = process.Continue();
-  if (error.Fail()) eventThread.setResumed(false);
+  if (error.Fail()) runControl.setResumed(false);
   return error.Success() ? okResponse() : errorResponse(__func__, errorText(error));
 }
 
 Json DebugSession::stopExecution() {
-  eventThread.halt(process);
+  runControl.haltProcess(process);
   process.Kill();
   return okResponse();
 }

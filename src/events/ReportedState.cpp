@@ -1,33 +1,32 @@
-#include "events/PublicState.h"
+#include "events/ReportedState.h"
 
-void PublicState::reset() {
+void ReportedState::reset() {
   const std::lock_guard lock(mutex);
-  anyHandled = false;
+  isFirstHandled = false;
+  anyTaken = false;
   lastForHost = lldb::eStateInvalid;
   running = false;
   showStops();
 }
 
-void PublicState::taken(lldb::StateType state, bool isRestarted) {
+bool ReportedState::take(lldb::StateType state, bool isRestarted, std::uint32_t processId) {
   running = isRestarted || state == lldb::eStateRunning || state == lldb::eStateStepping;
-}
-
-bool PublicState::isForHost(lldb::StateType state, bool isRestarted, std::uint32_t processId) {
   if (isRestarted) return false;
+  anyTaken = true;
   if (state == lldb::eStateRunning && lastForHost == state) return false;
   // A hidden stop counts: the host receives the running state after it.
   lastForHost = state;
   return state != lldb::eStateStopped || hiddenProcess != processId;
 }
 
-void PublicState::handled(bool isRestarted) {
-  if (isRestarted) return;
+void ReportedState::setHandled() {
+  if (!anyTaken) return;
   const std::lock_guard lock(mutex);
-  anyHandled = true;
+  isFirstHandled = true;
   changed.notify_all();
 }
 
-void PublicState::waitForFirst(std::chrono::milliseconds bound) {
+void ReportedState::waitForFirst(std::chrono::milliseconds bound) {
   std::unique_lock lock(mutex);
-  changed.wait_for(lock, bound, [this] { return anyHandled; });
+  changed.wait_for(lock, bound, [this] { return isFirstHandled; });
 }

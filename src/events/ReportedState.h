@@ -1,0 +1,70 @@
+#pragma once
+
+#include <lldb/API/LLDB.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+/// The process's state as the host knows it: decides which states LLDB's events become messages,
+/// and whether the process runs. The event thread and the main thread share it.
+///
+/// LLDB's own state of the process cannot answer either. It changes when an event is taken from the
+/// listener, before the message is sent. And it is "stopped" after a stop that LLDB has resumed
+/// already. The event of such a stop is marked as restarted. LLDB restarts after forks, after
+/// signals that are set not to stop, and at breakpoints whose condition is false.
+class ReportedState {
+ public:
+  /// Forgets everything. For the main thread, while no event thread runs.
+  void reset();
+
+  // For the event thread.
+
+  /// Takes in a state of the process with this unique id. Returns whether the host receives it. The
+  /// host receives every state except a restarted stop, a hidden stop, and a running state right
+  /// after another one.
+  ///
+  /// Call it before the message is sent. A host that receives a stop may resume at once, and the
+  /// process must not count as running then.
+  bool take(lldb::StateType state, bool isRestarted, std::uint32_t processId);
+
+  /// Ends waitForFirst, unless all states so far were restarted stops. Call it after the message is
+  /// sent.
+  void setHandled();
+
+  // For the main thread.
+
+  /// Returns when the first state has been handled, or after `bound`.
+  void waitForFirst(std::chrono::milliseconds bound);
+
+  /// Hides every later stop of this process from the host, who asked for the process's end.
+  void hideStopsOf(std::uint32_t processId) { hiddenProcess = processId; }
+
+  /// Ends the hiding. Call it before the host or LLDB's command line resumes a process.
+  void showStops() { hiddenProcess = noProcess; }
+
+  /// Whether the process runs: the last state taken in is no stop, or the main thread has resumed
+  /// the process since.
+  bool isRunning() const { return running; }
+
+  /// Records that the main thread resumes the process, or that it failed to.
+  void setRunning(bool runs) { running = runs; }
+
+ private:
+  static constexpr std::uint32_t noProcess = 0xffffffff;
+
+  // The event thread's.
+  lldb::StateType lastForHost = lldb::eStateInvalid;
+  bool anyTaken = false;
+
+  std::atomic<std::uint32_t> hiddenProcess = noProcess;  ///< written by the main thread
+  /// Written by the event thread for each state, and by the main thread when it resumes. The main
+  /// thread resumes only a stopped process, whose states have all been taken in.
+  std::atomic<bool> running = false;
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool isFirstHandled = false;  ///< guarded by the mutex
+};

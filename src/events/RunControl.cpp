@@ -1,0 +1,96 @@
+#include "events/RunControl.h"
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto bound = 2s;
+constexpr auto pollPeriod = 100us;
+
+/// LLDB drops an interrupt that arrives while it resumes the process after a restarted stop.
+constexpr auto interruptPeriod = 100ms;
+
+void waitWhile(const std::function<bool()> &holds) {
+  const auto end = Clock::now() + bound;
+  while (holds() && Clock::now() < end) std::this_thread::sleep_for(pollPeriod);
+}
+
+/// LLDB returns no valid thread from a resume until the event of the next stop is taken.
+bool hasNoThread(lldb::SBProcess &process) { return !process.GetSelectedThread().IsValid(); }
+
+bool runsForLldb(lldb::SBProcess &process) {
+  switch (process.GetState()) {  // read once: it may change
+    case lldb::eStateRunning:
+    case lldb::eStateStepping: return true;
+    case lldb::eStateStopped: return hasNoThread(process);
+    default: return false;
+  }
+}
+
+}  // namespace
+
+RunControl::RunControl(lldb::SBDebugger debugger, const EventThread &eventThread,
+                       ReportedState &reportedState)
+    : debugger(debugger), eventThread(eventThread), reportedState(reportedState) {}
+
+void RunControl::waitForFirstState() {
+  if (eventThread.isRunning()) reportedState.waitForFirst(bound);
+}
+
+void RunControl::takeEvents() {
+  lldb::SBEvent event;
+  while (!eventThread.isRunning() && debugger.GetListener().GetNextEvent(event)) continue;
+}
+
+void RunControl::waitForQueuedStates(lldb::SBProcess process) {
+  takeEvents();
+  if (!eventThread.isRunning()) return;
+  lldb::SBListener listener = debugger.GetListener();
+  waitWhile([&] {
+    const bool isStopped = process.GetState() == lldb::eStateStopped;
+    return (isStopped && (reportedState.isRunning() || hasNoThread(process))) ||
+           isStateChangeQueued(process, listener);
+  });
+}
+
+bool RunControl::mayResume(lldb::SBProcess process) {
+  takeEvents();
+  if (!eventThread.isRunning()) return true;
+  for (const auto end = Clock::now() + bound; Clock::now() < end;
+       std::this_thread::sleep_for(pollPeriod)) {
+    const lldb::StateType state = process.GetState();
+    if (!reportedState.isRunning()) return true;
+    // If the process has ended, the attempt to resume it shows LLDB's reason.
+    if (state != lldb::eStateStopped) return state != lldb::eStateRunning;
+  }
+  return true;
+}
+
+void RunControl::setResumed(bool resumed) {
+  if (resumed) reportedState.showStops();
+  reportedState.setRunning(resumed);
+}
+
+bool RunControl::isResumed(lldb::SBProcess &process) const {
+  return (eventThread.isRunning() && reportedState.isRunning()) || runsForLldb(process);
+}
+
+void RunControl::haltProcess(lldb::SBProcess process) {
+  reportedState.hideStopsOf(process.GetUniqueID());
+  takeEvents();
+  if (!isResumed(process)) return;
+  auto nextInterrupt = Clock::now();
+  waitWhile([&] {
+    if (Clock::now() >= nextInterrupt) {
+      process.SendAsyncInterrupt();
+      nextInterrupt = Clock::now() + interruptPeriod;
+    }
+    takeEvents();
+    return isResumed(process);
+  });
+}

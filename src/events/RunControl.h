@@ -1,0 +1,56 @@
+#pragma once
+
+#include <lldb/API/LLDB.h>
+
+#include "events/EventThread.h"
+#include "events/ReportedState.h"
+
+/// What the main thread does before it resumes or ends the process: it waits until the event thread
+/// has taken the events that LLDB has queued. All members are for the main thread.
+///
+/// The functions that wait give up after two seconds. By then the host does not read, or the
+/// process does not stop, and LLDB's own limits apply.
+///
+/// A process that LLDB's command line launches after a refused connection has no event thread. Then
+/// nothing waits, and these functions take LLDB's events themselves and drop them, so that LLDB's
+/// state follows the process.
+class RunControl {
+ public:
+  /// The references must outlive the object.
+  RunControl(lldb::SBDebugger debugger, const EventThread &eventThread,
+             ReportedState &reportedState);
+
+  /// Returns when the first state of the process has been sent to the host.
+  void waitForFirstState();
+
+  /// Returns when no state change of `process` waits in the listener. `process` may be invalid.
+  void waitForQueuedStates(lldb::SBProcess process);
+
+  /// Whether `process` may be resumed: not while it runs. Waits for a stop whose event is being
+  /// taken.
+  ///
+  /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
+  /// process runs. It then holds that resume for the next stop, and the process never stops again.
+  bool mayResume(lldb::SBProcess process);
+
+  /// Records that the main thread resumes the process, or that it failed to.
+  void setResumed(bool resumed);
+
+  /// Stops `process` so that LLDB can end it, and hides its stops, because the host asked for its
+  /// end. Call it before SBProcess::Kill, Detach and Destroy.
+  ///
+  /// These go by LLDB's state of the process. Right after a resume that is still "stopped": they
+  /// free what LLDB's own thread uses, and LLDB 22 crashes. Right after a stop it is still
+  /// "running": LLDB 14 to 22 wait 20 seconds for a stop that has happened.
+  void haltProcess(lldb::SBProcess process);
+
+ private:
+  bool isResumed(lldb::SBProcess &process) const;
+
+  /// Takes and drops all queued events if there is no event thread.
+  void takeEvents();
+
+  lldb::SBDebugger debugger;
+  const EventThread &eventThread;
+  ReportedState &reportedState;
+};
