@@ -16,7 +16,7 @@ namespace {
 /// The plug-in that only LLDB's command line can load.
 constexpr char kernelPlugin[] = "kdp-remote";
 
-std::string quoted(const std::string &text) {
+std::string inQuotes(const std::string &text) {
   // Deliberate: quotes in the text stay as they are. LLDB's command line interprets them, and a
   // host escapes them for it.
   return "\"" + text + "\"";
@@ -77,8 +77,8 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
 }
 
 void DebugSession::connectThroughInterpreter(const std::string &plugin, const std::string &url) {
-  runLoggedCommand("target create " + quoted(executablePath));
-  runLoggedCommand("process connect --plugin " + plugin + " " + quoted(url));
+  runLoggedCommand("target create " + inQuotes(executablePath));
+  runLoggedCommand("process connect --plugin " + plugin + " " + inQuotes(url));
   target = debugger.GetSelectedTarget();
   process = target.GetProcess();
 }
