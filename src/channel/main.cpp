@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "platform/DebugServer.h"
+#include "platform/Descriptors.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "session/DebugSession.h"

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "channel/Envelope.h"
+#include "events/ModuleDescription.h"
 #include "session/DebugSession.h"
 
 namespace {
@@ -46,20 +47,16 @@ class ModuleNames {
   void addTo(Json::object &members, lldb::SBFrame &frame, std::uint64_t pc) {
     // LLDB looks up the module of a calling frame at the byte before its program counter.
     if (pc <= start || pc >= end) ask(frame);
-    if (uuid.type() != JsonType::Null) members["uuid"] = uuid;
-    if (name.type() != JsonType::Null) members["filename"] = name;
+    for (const auto &[key, text] : name) members[key] = text;
   }
 
  private:
   void ask(lldb::SBFrame &frame) {
-    uuid = name = Json();
+    name = {};
     start = end = 0;
     lldb::SBModule module = frame.GetModule();
     if (!module.IsValid()) return;
-    if (const char *text = module.GetUUIDString()) uuid = text;
-    const lldb::SBFileSpec file = module.GetFileSpec();
-    const char *text = file.IsValid() ? file.GetFilename() : nullptr;
-    if (text != nullptr) name = text;
+    addModuleName(name, module);
     lldb::SBSection section = frame.GetPCAddress().GetSection();
     start = section.GetLoadAddress(target);
     end = start + section.GetByteSize();
@@ -67,8 +64,7 @@ class ModuleNames {
 
   lldb::SBTarget &target;
   std::uint64_t start = 0, end = 0;  ///< the section's addresses in memory
-  Json uuid;
-  Json name;
+  Json::object name;                 ///< "uuid" and "filename", as far as they are known
 };
 
 /// The members of a frame. Only its program counter is always there.

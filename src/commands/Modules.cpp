@@ -1,6 +1,7 @@
 // The images of the process and where their sections lie.
 
 #include "channel/Envelope.h"
+#include "events/ModuleDescription.h"
 #include "session/DebugSession.h"
 
 namespace {
@@ -17,14 +18,10 @@ Json describeSection(lldb::SBSection section, lldb::SBTarget &target) {
   return Json(std::move(members));
 }
 
-}  // namespace
-
-Json DebugSession::describeModule(lldb::SBModule &module) {
+/// A module with its top-level sections: where they lie in the file and in memory.
+Json describeModule(lldb::SBModule &module, lldb::SBTarget &target) {
   Json::object members{{"is_valid", module.IsValid()}};
-  if (const char *uuid = module.GetUUIDString()) members["uuid"] = uuid;
-  const lldb::SBFileSpec file = module.GetFileSpec();
-  const char *name = file.IsValid() ? file.GetFilename() : nullptr;
-  if (name != nullptr) members["filename"] = name;
+  addModuleName(members, module);
   const std::size_t count = module.GetNumSections();
   Json::array sections;
   sections.reserve(count);
@@ -34,6 +31,8 @@ Json DebugSession::describeModule(lldb::SBModule &module) {
   return Json(std::move(members));
 }
 
+}  // namespace
+
 Json DebugSession::moduleCount() {
   return okResponseWith({{"count", static_cast<std::int32_t>(target.GetNumModules())}});
 }
@@ -42,12 +41,12 @@ Json DebugSession::moduleAtIndex(std::uint32_t index) {
   if (index >= target.GetNumModules()) return errorResponse(__func__, "index out of range");
   lldb::SBModule module = target.GetModuleAtIndex(index);
   if (!module.IsValid()) return errorResponse(__func__, "cannot get module");
-  return okResponseWith({{"module", describeModule(module)}});
+  return okResponseWith({{"module", describeModule(module, target)}});
 }
 
 Json DebugSession::moduleForFile(const std::string &file) {
   constexpr bool resolve = true;
   lldb::SBModule module = target.FindModule(lldb::SBFileSpec(file.c_str(), resolve));
   if (!module.IsValid()) return errorResponse(__func__, "can't find module");
-  return okResponseWith({{"module", describeModule(module)}});
+  return okResponseWith({{"module", describeModule(module, target)}});
 }

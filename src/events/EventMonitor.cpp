@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "events/ModuleDescription.h"
 #include "events/StateName.h"
 #include "json/HexDigits.h"
 #include "platform/Log.h"
@@ -36,15 +37,13 @@ const char *textOrEmpty(const char *text) { return text != nullptr ? text : ""; 
 /// its file address.
 Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
   const lldb::SBFileSpec file = module.GetFileSpec();
-  lldb::SBSection section = module.GetSectionAtIndex(EventMonitor::imageBaseSection);
-  const std::uint64_t fileAddress = section.GetFileAddress();
-  const std::uint64_t loadAddress = section.GetLoadAddress(target);
-  if (loadAddress < fileAddress) return Json();
+  const ImageBase base = imageBase(module, target);
+  if (base.loadAddress < base.fileAddress) return Json();
   return Json(Json::object{{"directory", textOrEmpty(file.GetDirectory())},
                            {"file", textOrEmpty(file.GetFilename())},
-                           {"fileAddress", fileAddress},
-                           {"loadAddress", loadAddress},
-                           {"slide", loadAddress - fileAddress}});
+                           {"fileAddress", base.fileAddress},
+                           {"loadAddress", base.loadAddress},
+                           {"slide", base.slide()}});
 }
 
 }  // namespace

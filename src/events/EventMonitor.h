@@ -21,10 +21,6 @@ class EventMonitor {
   /// The type of an event that ends a wait for events early. The monitor ignores the event itself.
   static constexpr std::uint32_t wakeupBit = 1;
 
-  /// The index of the section whose load address locates a module: __TEXT on macOS, after
-  /// __PAGEZERO.
-  static constexpr std::size_t imageBaseSection = 1;
-
   /// The references must outlive the monitor.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,
                const std::atomic<bool> &stop, ReportedState &reportedState);

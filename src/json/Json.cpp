@@ -136,7 +136,7 @@ class JsonArray final : public JsonValue {
   Json::array items;
 };
 
-/// An array of numbers from 0 to 255. Only arrayItems() makes values of the items.
+/// An array of numbers from 0 to 255. Only a look at an item makes values of the items.
 class JsonByteArray final : public JsonValue {
  public:
   explicit JsonByteArray(JsonBytes bytes) : bytes(std::move(bytes)) {}
@@ -147,24 +147,16 @@ class JsonByteArray final : public JsonValue {
   const Json::array &arrayItems() const override {
     std::call_once(itemsMade, [this] {
       items.reserve(bytes.size());
-      for (std::size_t index = 0; index < bytes.size(); ++index) items.push_back((*this)[index]);
+      for (std::size_t index = 0; index < bytes.size(); ++index)
+        items.emplace_back(std::int32_t{bytes.data()[index]});
     });
     return items;
   }
   const Json &operator[](std::size_t index) const override {
-    return index < bytes.size() ? byteNumber(bytes.data()[index]) : JsonValue::operator[](index);
+    return index < bytes.size() ? arrayItems()[index] : JsonValue::operator[](index);
   }
 
  private:
-  static const Json &byteNumber(std::uint8_t byte) {
-    static const Json::array numbers = [] {
-      Json::array all;
-      for (std::int32_t number = 0; number < 256; ++number) all.emplace_back(number);
-      return all;
-    }();
-    return numbers[byte];
-  }
-
   JsonBytes bytes;
   mutable std::once_flag itemsMade;
   mutable Json::array items;
@@ -203,24 +195,21 @@ using Payload = std::shared_ptr<const JsonValue>;
 /// values are copied and dropped without an atomic operation.
 Payload unowned(const JsonValue &payload) { return {Payload(), &payload}; }
 
-/// One payload for each number from 0 to 255. Bytes, counts and identifiers are most of all
-/// numbers.
-template <typename Number>
-class SmallNumbers {
+/// One payload for each number from 0 to 255. Bytes and counts are most of all numbers.
+class SmallInts {
  public:
   /// The shared payload of a small number; a new payload for any other.
-  template <typename Integer>
-  Payload get(Integer value) const {
-    const auto index = static_cast<std::uint64_t>(value);
-    return index < payloads.size() ? unowned(payloads[index]) : std::make_shared<Number>(value);
+  Payload get(std::int32_t value) const {
+    const auto index = static_cast<std::uint32_t>(value);
+    return index < payloads.size() ? unowned(payloads[index]) : std::make_shared<JsonInt>(value);
   }
 
  private:
   template <std::size_t... values>
-  static std::array<Number, sizeof...(values)> make(std::index_sequence<values...>) {
-    return {Number(values)...};
+  static std::array<JsonInt, sizeof...(values)> make(std::index_sequence<values...>) {
+    return {JsonInt(values)...};
   }
-  const std::array<Number, 256> payloads = make(std::make_index_sequence<256>());
+  const std::array<JsonInt, 256> payloads = make(std::make_index_sequence<256>());
 };
 
 /// The payloads that all values share. Made on first use and kept until exit.
@@ -228,8 +217,7 @@ struct Shared {
   const JsonNull null{};
   const JsonBool yes{true};
   const JsonBool no{false};
-  const SmallNumbers<JsonInt> smallInts{};
-  const SmallNumbers<JsonUint64> smallUint64s{};
+  const SmallInts smallInts{};
   const std::string emptyString{};
   const Json::array emptyArray{};
   const Json::object emptyObject{};
@@ -308,7 +296,7 @@ const Json &JsonValue::operator[](std::string_view) const { return nullJson(); }
 Json::Json() noexcept : value(unowned(shared().null)) {}
 Json::Json(bool value) noexcept : value(unowned(value ? shared().yes : shared().no)) {}
 Json::Json(std::int32_t value) : value(shared().smallInts.get(value)) {}
-Json::Json(std::uint64_t value) : value(shared().smallUint64s.get(value)) {}
+Json::Json(std::uint64_t value) : value(std::make_shared<JsonUint64>(value)) {}
 Json::Json(double value) : value(std::make_shared<JsonDouble>(value)) {}
 Json::Json(const std::string &value) : value(std::make_shared<JsonString>(value)) {}
 Json::Json(std::string &&value) : value(std::make_shared<JsonString>(std::move(value))) {}

@@ -26,10 +26,7 @@ using LogSink = void (*)(const std::string &record);
 /// it before they start other threads.
 void setLogSink(LogSink sink);
 
-#if defined(__APPLE__)
-#define LLDB_HELPER_LOG_FORMAT __attribute__((format(os_log, 1, 2)))
-os_log_t logHandle();
-#elif defined(__clang__)
+#if defined(__clang__)
 #define LLDB_HELPER_LOG_FORMAT __attribute__((format(os_log, 1, 2)))
 #else
 #define LLDB_HELPER_LOG_FORMAT  // g++ knows no %{public}s
@@ -38,8 +35,12 @@ os_log_t logHandle();
 /// Passes a record to the sink. Returns false when there is no sink.
 bool logToSink(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
 
-#if !defined(__APPLE__)
+#if defined(__APPLE__)
+os_log_t logHandle();
+#define LLDB_HELPER_LOG(...) os_log(platform::logHandle(), __VA_ARGS__)
+#else
 void logToSyslog(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
+#define LLDB_HELPER_LOG(...) platform::logToSyslog(__VA_ARGS__)
 #endif
 
 }  // namespace platform
@@ -47,16 +48,7 @@ void logToSyslog(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
 /// LOG_RECORD(format, ...) writes one record, and evaluates its arguments, if the level is enabled.
 /// It is a macro because the unified log takes only a literal as its format. The unified log shows
 /// what "%{public}s" prints, and hides what a plain "%s" prints.
-#if defined(__APPLE__)
-#define LOG_RECORD(format, ...)                                                            \
-  do {                                                                                     \
-    if (platform::logEnabled() && !platform::logToSink(format __VA_OPT__(, ) __VA_ARGS__)) \
-      os_log(platform::logHandle(), format __VA_OPT__(, ) __VA_ARGS__);                    \
+#define LOG_RECORD(...)                                                                            \
+  do {                                                                                             \
+    if (platform::logEnabled() && !platform::logToSink(__VA_ARGS__)) LLDB_HELPER_LOG(__VA_ARGS__); \
   } while (false)
-#else
-#define LOG_RECORD(format, ...)                                                            \
-  do {                                                                                     \
-    if (platform::logEnabled() && !platform::logToSink(format __VA_OPT__(, ) __VA_ARGS__)) \
-      platform::logToSyslog(format __VA_OPT__(, ) __VA_ARGS__);                            \
-  } while (false)
-#endif

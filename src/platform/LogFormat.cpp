@@ -3,15 +3,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "platform/Log.h"
-
 namespace platform {
-
-namespace {
-
-LogSink currentSink = nullptr;
-
-}  // namespace
 
 std::string formatRecord(const char *format, std::va_list arguments) {
   constexpr std::string_view mark = "{public}";
@@ -27,17 +19,6 @@ std::string formatRecord(const char *format, std::va_list arguments) {
   std::string text(static_cast<std::size_t>(length), '\0');
   std::vsnprintf(text.data(), text.size() + 1, plain.c_str(), arguments);
   return text;
-}
-
-void setLogSink(LogSink sink) { currentSink = sink; }
-
-bool logToSink(const char *format, ...) {
-  if (currentSink == nullptr) return false;
-  std::va_list arguments;
-  va_start(arguments, format);
-  currentSink(formatRecord(format, arguments));
-  va_end(arguments);
-  return true;
 }
 
 }  // namespace platform

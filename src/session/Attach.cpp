@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "channel/Envelope.h"
-#include "events/EventMonitor.h"
+#include "events/ModuleDescription.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "session/DebugSession.h"
@@ -11,22 +11,16 @@
 
 namespace {
 
-/// The file address and the load address of the executable's image base section. Empty when the
-/// target has no such section.
+/// Where the executable lies. Empty when it has no image base section.
 Json::object executableLoadInfo(lldb::SBTarget target) {
-  constexpr std::size_t imageBaseSection = EventMonitor::imageBaseSection;
   if (target.GetNumModules() == 0) return {};
-  lldb::SBModule module = target.FindModule(target.GetExecutable());
-  if (!module.IsValid() || module.GetNumSections() <= imageBaseSection) return {};
-  lldb::SBSection section = module.GetSectionAtIndex(imageBaseSection);
-  const char *name = section.GetName();
-  const std::uint64_t fileAddress = section.GetFileAddress();
-  const std::uint64_t loadAddress = section.GetLoadAddress(target);
+  ImageBase base = imageBase(target.FindModule(target.GetExecutable()), target);
+  if (!base.section.IsValid()) return {};
+  const char *name = base.section.GetName();
   return {{"sectionName", name != nullptr ? name : ""},
-          {"fileAddr", fileAddress},
-          {"loadAddr", loadAddress},
-          // Deliberate: may wrap around, as the host's own arithmetic on addresses does.
-          {"aslrSlide", loadAddress - fileAddress}};
+          {"fileAddr", base.fileAddress},
+          {"loadAddr", base.loadAddress},
+          {"aslrSlide", base.slide()}};
 }
 
 /// The reason to refuse this process number. Null when LLDB may attach to it.

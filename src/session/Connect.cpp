@@ -5,8 +5,8 @@
 
 #include "channel/Envelope.h"
 #include "events/StateName.h"
+#include "platform/Descriptors.h"
 #include "platform/Log.h"
-#include "platform/Process.h"
 #include "session/ConnectionBound.h"
 #include "session/DebugSession.h"
 #include "session/LldbError.h"
@@ -22,7 +22,8 @@ std::string inQuotes(const std::string &text) {
   return "\"" + text + "\"";
 }
 
-/// Gives the connection a second to complete. Logs the state; nothing depends on it.
+/// Gives the connection a second to complete, in ten steps, whatever state the process reaches.
+/// Hosts find the ten records in the log.
 void watchFirstSecond(lldb::SBProcess &process) {
   for (int step = 0; step < 10; ++step) {
     LOG_RECORD("step %{public}d: %{public}s\n", step, stateName(process.GetState()).c_str());
@@ -40,9 +41,26 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
 
   const ConnectionBound bound;
   discardTarget();
+  const lldb::SBError error = openConnection(plugin, url);
+  watchFirstSecond(process);
+
+  // LLDB may return a valid process although no server answered. That process stays unloaded. A
+  // process that a server holds has left that state, or the event for it is queued.
+  const bool answered = process.IsValid() && (process.GetState() != lldb::eStateUnloaded ||
+                                              isStateChangeQueued(process, debugger.GetListener()));
+  if (answered && !bound.wasReached()) {
+    startEventThread();
+    waitForFirstStop();
+    if (!bound.wasReached()) return okResponse();
+  }
+  if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
+  giveUpConnection();
+  return errorResponse(__func__, "cannot connect to remote, invalid process");
+}
+
+lldb::SBError DebugSession::openConnection(const std::string &plugin, const std::string &url) {
   lldb::SBError error;
-  if (!platform::isFileOrFolder(file)) {
-    process = lldb::SBProcess();
+  if (!platform::isFileOrFolder(executablePath)) {
     error.SetErrorString("the file is a pipe, a socket or a device");
   } else if (plugin == kernelPlugin) {
     connectThroughInterpreter(plugin, url);
@@ -51,29 +69,16 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
     target = buildRemoteTarget();
     process = target.ConnectRemote(listener, url.c_str(), plugin.c_str(), error);
   }
-  watchFirstSecond(process);
+  return error;
+}
 
-  // LLDB may return a valid process although no server answered. That process stays unloaded. A
-  // process that a server holds has left that state, or the event for it is queued.
-  const bool answered = process.GetState() != lldb::eStateUnloaded ||
-                        isStateChangeQueued(process, debugger.GetListener());
-  bool isConnected = process.IsValid() && answered && !bound.wasReached();
-  if (isConnected) {
-    startEventThread();
-    waitForFirstStop();
-    isConnected = !bound.wasReached();
-  }
-  if (isConnected) return okResponse();
-
-  if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
+void DebugSession::giveUpConnection() {
   eventThread.stop();
-  if (process.IsValid()) {
-    // LLDB drops a process only with its target, and the next attempt must not find one.
-    discardTarget();
-    target = buildRemoteTarget();
-    process = lldb::SBProcess();
-  }
-  return errorResponse(__func__, "cannot connect to remote, invalid process");
+  if (!process.IsValid()) return;
+  // LLDB drops a process only with its target, and the next attempt must not find one.
+  discardTarget();
+  target = buildRemoteTarget();
+  process = lldb::SBProcess();
 }
 
 void DebugSession::connectThroughInterpreter(const std::string &plugin, const std::string &url) {

@@ -1,7 +1,7 @@
 #include "session/ConnectionBound.h"
 
+#include "platform/Descriptors.h"
 #include "platform/Log.h"
-#include "platform/Process.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "channel/Envelope.h"
+#include "platform/Descriptors.h"
 #include "platform/Log.h"
-#include "platform/Process.h"
 #include "session/LldbSettings.h"
 
 namespace {

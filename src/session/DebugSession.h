@@ -142,8 +142,12 @@ class DebugSession {
 
   Json step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin);
 
-  /// A module with its top-level sections: where they lie in the file and in memory.
-  Json describeModule(lldb::SBModule &module);
+  /// Sets `target` and `process` to those of a connection that may not be complete yet. Without one
+  /// `process` stays invalid.
+  lldb::SBError openConnection(const std::string &plugin, const std::string &url);
+
+  /// Ends what openConnection has begun. Leaves a target without process.
+  void giveUpConnection();
 
   /// Connects through LLDB's command line, the only way to reach a kernel's debug stub.
   void connectThroughInterpreter(const std::string &plugin, const std::string &url);

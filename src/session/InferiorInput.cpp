@@ -9,8 +9,8 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/Descriptors.h"
 #include "platform/Log.h"
-#include "platform/Process.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ struct InferiorInput::Queue {
   std::atomic<bool> closed = false;
   bool ended = false;
   /// The master side of the program's pty. -1 when LLDB talks to a remote stub instead.
-  const int pty = platform::duplicateInferiorPty();
+  const int pty = platform::unblockAndDuplicateInferiorPty();
   ~Queue() {
     if (pty >= 0) close(pty);
   }

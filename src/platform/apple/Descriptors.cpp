@@ -1,6 +1,6 @@
 #include <sys/select.h>
 
-#include "platform/Process.h"
+#include "platform/Descriptors.h"
 
 namespace platform {
 

@@ -13,4 +13,6 @@ bool isOwnProcess(pid_t pid) {
   return pid == getpid() || information.kp_eproc.e_ppid == getpid();
 }
 
+bool canDisableAslr() { return true; }
+
 }  // namespace platform

@@ -1,6 +1,6 @@
 #include <poll.h>
 
-#include "platform/Process.h"
+#include "platform/Descriptors.h"
 
 namespace platform {
 

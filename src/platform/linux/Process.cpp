@@ -1,3 +1,4 @@
+#include <sys/personality.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -15,6 +16,16 @@ bool isOwnProcess(pid_t pid) {
     if ((name == "Tgid:" || name == "PPid:") && status >> value && value == getpid()) return true;
   }
   return false;
+}
+
+bool canDisableAslr() {
+  constexpr unsigned long ask = 0xffffffff;
+  const int current = personality(ask);
+  if (current == -1) return false;
+  const auto flags = static_cast<unsigned long>(current);
+  if (personality(flags | ADDR_NO_RANDOMIZE) == -1) return false;
+  personality(flags);
+  return true;
 }
 
 }  // namespace platform

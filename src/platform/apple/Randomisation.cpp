@@ -1,7 +1,0 @@
-#include "platform/Process.h"
-
-namespace platform {
-
-bool canDisableAslr() { return true; }
-
-}  // namespace platform
