@@ -60,7 +60,7 @@ std::optional<std::string> MessageChannel::readLine() {
 
 void MessageChannel::writeMessage(const std::string &text) {
   const auto length = static_cast<std::uint32_t>(text.size());
-  const std::lock_guard lock(writeMutex);
+  const MutexLock lock(writeMutex);
   if (consoleMode) {
     std::fputs("OUTPUT: ", output);
   } else {

@@ -2,12 +2,11 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "json/Json.h"
-#include "platform/ThreadSafety.h"
+#include "platform/Mutex.h"
 
 /// The two streams to the host, and the format of messages on them.
 ///
@@ -24,8 +23,6 @@ class MessageChannel {
 
   /// The caller keeps the streams. They must outlive the channel.
   MessageChannel(FILE *input, FILE *output, bool consoleMode);
-  MessageChannel(const MessageChannel &) = delete;
-  MessageChannel &operator=(const MessageChannel &) = delete;
 
   /// Returns the text of the next request, or nothing at the end of input. A text ends at its first
   /// zero byte. A frame that is cut short, or that claims 2 GiB or more, ends the input too.
@@ -45,6 +42,6 @@ class MessageChannel {
 
   FILE *const input;  ///< the main thread's
   const bool consoleMode;
-  std::mutex writeMutex;  ///< held for one whole message
+  Mutex writeMutex;  ///< held for one whole message
   FILE *const output GUARDED_BY(writeMutex);
 };

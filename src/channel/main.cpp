@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "platform/DebugServer.h"
 #include "platform/Descriptors.h"
 #include "platform/Log.h"
 #include "platform/Process.h"

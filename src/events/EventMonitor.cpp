@@ -90,7 +90,11 @@ void EventMonitor::handleEvent() {
     if (isNewer) process = source;
     if (isNewer || sourceId == currentId) handleProcessEvent(type);
   } else if (lldb::SBTarget::EventIsTargetEvent(event)) {
-    if (lldb::SBTarget::GetTargetFromEvent(event) == target) handleTargetEvent(type);
+    if (lldb::SBTarget::GetTargetFromEvent(event) != target) return;
+    if (type == lldb::SBTarget::eBroadcastBitModulesLoaded) reportModulesLoaded();
+    // Deliberate: the list is always empty. Hosts ask for the modules that remain.
+    if (type == lldb::SBTarget::eBroadcastBitModulesUnloaded)
+      send("moduleUnloaded", {{"modules", Json::array{}}});
   }
 }
 
@@ -103,14 +107,6 @@ void EventMonitor::handleProcessEvent(std::uint32_t type) {
     case lldb::SBProcess::eBroadcastBitStateChanged:
       return reportState(lldb::SBProcess::GetStateFromEvent(event),
                          lldb::SBProcess::GetRestartedFromEvent(event));
-    default: return;
-  }
-}
-
-void EventMonitor::handleTargetEvent(std::uint32_t type) {
-  switch (type) {
-    case lldb::SBTarget::eBroadcastBitModulesUnloaded: return reportModulesUnloaded();
-    case lldb::SBTarget::eBroadcastBitModulesLoaded: return reportModulesLoaded();
     default: return;
   }
 }
@@ -146,11 +142,6 @@ void EventMonitor::reportModulesLoaded() {
     if (module.type() != JsonType::Null) modules.push_back(std::move(module));
   }
   send("moduleLoaded", {{"modules", std::move(modules)}});
-}
-
-void EventMonitor::reportModulesUnloaded() {
-  // Deliberate: the list is always empty. Hosts ask for the modules that remain.
-  send("moduleUnloaded", {{"modules", Json::array{}}});
 }
 
 void EventMonitor::send(const char *type, Json::object members) {

@@ -37,14 +37,12 @@ class EventMonitor {
  private:
   void handleEvent();
   void handleProcessEvent(std::uint32_t type);
-  void handleTargetEvent(std::uint32_t type);
 
   /// Sends one message for each read of at most 256 bytes, until a read returns fewer.
   using OutputReader = std::size_t (lldb::SBProcess::*)(char *, std::size_t) const;
   void reportOutput(const char *type, OutputReader read);
   void reportState(lldb::StateType state, bool isRestarted);
   void reportModulesLoaded();
-  void reportModulesUnloaded();
 
   /// Adds "status" and "type" to `members` and sends them.
   void send(const char *type, Json::object members);

@@ -16,8 +16,6 @@ class EventThread {
   /// Deliberate: does not join a running thread, so the program ends through std::terminate. The
   /// abnormal end shows a host that it forgot deleteProcess.
   ~EventThread() = default;
-  EventThread(const EventThread &) = delete;
-  EventThread &operator=(const EventThread &) = delete;
 
   /// Begins to listen to `target` and its process, and starts the thread. It misses no event, and
   /// no request to stop. None may run yet. `channel` and `reportedState` must outlive the thread.

@@ -1,7 +1,7 @@
 #include "events/ReportedState.h"
 
 void ReportedState::reset() {
-  const std::lock_guard lock(mutex);
+  const MutexLock lock(mutex);
   isFirstHandled = false;
   anyTaken = false;
   lastForHost = lldb::eStateInvalid;
@@ -21,12 +21,13 @@ bool ReportedState::take(lldb::StateType state, bool isRestarted, std::uint32_t 
 
 void ReportedState::setHandled() {
   if (!anyTaken) return;
-  const std::lock_guard lock(mutex);
+  const MutexLock lock(mutex);
   isFirstHandled = true;
   changed.notify_all();
 }
 
 void ReportedState::waitForFirst(std::chrono::milliseconds bound) {
-  std::unique_lock lock(mutex);
-  changed.wait_for(lock, bound, [this] { return isFirstHandled; });
+  const auto end = std::chrono::steady_clock::now() + bound;
+  const MutexLock lock(mutex);
+  while (!isFirstHandled && changed.wait_until(mutex, end) == std::cv_status::no_timeout) continue;
 }

@@ -6,7 +6,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
+
+#include "platform/Mutex.h"
 
 /// The process's state as the host knows it: decides which states LLDB's events become messages,
 /// and whether the process runs. The event thread and the main thread share it.
@@ -64,7 +65,7 @@ class ReportedState {
   /// thread resumes only a stopped process, whose states have all been taken in.
   std::atomic<bool> running = false;
 
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool isFirstHandled = false;  ///< guarded by the mutex
+  Mutex mutex;
+  std::condition_variable_any changed;
+  bool isFirstHandled GUARDED_BY(mutex) = false;
 };

@@ -1,7 +1,6 @@
 #include "json/Json.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -195,29 +194,19 @@ using Payload = std::shared_ptr<const JsonValue>;
 /// values are copied and dropped without an atomic operation.
 Payload unowned(const JsonValue &payload) { return {Payload(), &payload}; }
 
-/// One payload for each number from 0 to 255. Bytes and counts are most of all numbers.
-class SmallInts {
- public:
-  /// The shared payload of a small number; a new payload for any other.
-  Payload get(std::int32_t value) const {
-    const auto index = static_cast<std::uint32_t>(value);
-    return index < payloads.size() ? unowned(payloads[index]) : std::make_shared<JsonInt>(value);
-  }
-
- private:
-  template <std::size_t... values>
-  static std::array<JsonInt, sizeof...(values)> make(std::index_sequence<values...>) {
-    return {JsonInt(values)...};
-  }
-  const std::array<JsonInt, 256> payloads = make(std::make_index_sequence<256>());
-};
+/// The payloads of the numbers from 0 to 255. Bytes and counts are most of all numbers.
+std::vector<JsonInt> makeSmallInts() {
+  std::vector<JsonInt> payloads;
+  for (std::int32_t number = 0; number < 256; ++number) payloads.emplace_back(number);
+  return payloads;
+}
 
 /// The payloads that all values share. Made on first use and kept until exit.
 struct Shared {
   const JsonNull null{};
   const JsonBool yes{true};
   const JsonBool no{false};
-  const SmallInts smallInts{};
+  const std::vector<JsonInt> smallInts = makeSmallInts();
   const std::string emptyString{};
   const Json::array emptyArray{};
   const Json::object emptyObject{};
@@ -295,7 +284,10 @@ const Json &JsonValue::operator[](std::string_view) const { return nullJson(); }
 
 Json::Json() noexcept : value(unowned(shared().null)) {}
 Json::Json(bool value) noexcept : value(unowned(value ? shared().yes : shared().no)) {}
-Json::Json(std::int32_t value) : value(shared().smallInts.get(value)) {}
+Json::Json(std::int32_t value)
+    : value(value >= 0 && value < std::ssize(shared().smallInts)
+                ? unowned(shared().smallInts[static_cast<std::size_t>(value)])
+                : std::make_shared<JsonInt>(value)) {}
 Json::Json(std::uint64_t value) : value(std::make_shared<JsonUint64>(value)) {}
 Json::Json(double value) : value(std::make_shared<JsonDouble>(value)) {}
 Json::Json(const std::string &value) : value(std::make_shared<JsonString>(value)) {}

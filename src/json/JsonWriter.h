@@ -16,7 +16,6 @@ class JsonWriter {
   /// Keeps a reference to `out`.
   explicit JsonWriter(std::string &out) : out(out) {}
   JsonWriter(const JsonWriter &) = delete;
-  JsonWriter &operator=(const JsonWriter &) = delete;
 
   /// Appends what the buffer holds. Called once, at the end.
   void finish();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdarg>
 #include <string>
 
 #if defined(__APPLE__)
@@ -18,6 +19,10 @@ void openLog();
 
 /// Whether a record at the default level would go anywhere.
 bool logEnabled();
+
+/// Returns a record as plain text: removes the "{public}" marks from `format` and formats like
+/// printf.
+std::string formatRecord(const char *format, std::va_list arguments);
 
 /// Receives a record as plain text, on the thread that logs it.
 using LogSink = void (*)(const std::string &record);

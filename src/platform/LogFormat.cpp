@@ -1,4 +1,4 @@
-#include "platform/LogFormat.h"
+#include "platform/Log.h"
 
 #include <cstdio>
 #include <string_view>

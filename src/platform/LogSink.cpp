@@ -1,7 +1,4 @@
-#include <cstdarg>
-
 #include "platform/Log.h"
-#include "platform/LogFormat.h"
 
 namespace platform {
 

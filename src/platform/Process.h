@@ -20,6 +20,17 @@ bool isOwnProcess(pid_t pid);
 /// threads.
 void forgetPythonHome();
 
+/// Sets the environment variable LLDB_DEBUGSERVER_PATH, unless it is set, so that LLDB finds the
+/// server program through which it debugs local processes.
+///
+/// Debian and Ubuntu install LLDB's library as a symbolic link. LLDB follows the link and looks for
+/// lldb-server in the wrong folder. The variable names the lldb-server of the LLDB that this
+/// program was built with, or else the one in PATH. On macOS this does nothing: LLDB finds Apple's
+/// signed debugserver itself.
+///
+/// Call it once, before any other thread exists and after the first initialEnvironment.
+void setDebugServerPath();
+
 /// Whether a program can be started without address space layout randomization (ASLR). System call
 /// filters of containers may forbid it, as Docker's does. LLDB then fails to launch with ASLR
 /// disabled.

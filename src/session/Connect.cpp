@@ -13,13 +13,21 @@
 
 namespace {
 
-/// The plug-in that only LLDB's command line can load.
+/// The plug-in for kernels' debug stubs, which only LLDB's command line can load.
 constexpr char kernelPlugin[] = "kdp-remote";
 
 std::string inQuotes(const std::string &text) {
   // Deliberate: quotes in the text stay as they are. LLDB's command line interprets them, and a
   // host escapes them for it.
   return "\"" + text + "\"";
+}
+
+/// Logs one line of LLDB's command line and runs it. Ignores the result.
+void runLoggedCommand(lldb::SBDebugger &debugger, const std::string &commandLine) {
+  LOG_RECORD("%{public}s\n", commandLine.c_str());
+  lldb::SBCommandReturnObject result;
+  constexpr bool addToHistory = false;
+  debugger.GetCommandInterpreter().HandleCommand(commandLine.c_str(), result, addToHistory);
 }
 
 /// Gives the connection a second to complete, in ten steps, whatever state the process reaches.
@@ -63,7 +71,10 @@ lldb::SBError DebugSession::openConnection(const std::string &plugin, const std:
   if (!platform::isFileOrFolder(executablePath)) {
     error.SetErrorString("the file is a pipe, a socket or a device");
   } else if (plugin == kernelPlugin) {
-    connectThroughInterpreter(plugin, url);
+    runLoggedCommand(debugger, "target create " + inQuotes(executablePath));
+    runLoggedCommand(debugger, "process connect --plugin " + plugin + " " + inQuotes(url));
+    target = debugger.GetSelectedTarget();
+    process = target.GetProcess();
   } else {
     lldb::SBListener listener = debugger.GetListener();
     target = buildRemoteTarget();
@@ -79,18 +90,4 @@ void DebugSession::giveUpConnection() {
   discardTarget();
   target = buildRemoteTarget();
   process = lldb::SBProcess();
-}
-
-void DebugSession::connectThroughInterpreter(const std::string &plugin, const std::string &url) {
-  runLoggedCommand("target create " + inQuotes(executablePath));
-  runLoggedCommand("process connect --plugin " + plugin + " " + inQuotes(url));
-  target = debugger.GetSelectedTarget();
-  process = target.GetProcess();
-}
-
-void DebugSession::runLoggedCommand(const std::string &commandLine) {
-  LOG_RECORD("%{public}s\n", commandLine.c_str());
-  lldb::SBCommandReturnObject result;
-  constexpr bool addToHistory = false;
-  debugger.GetCommandInterpreter().HandleCommand(commandLine.c_str(), result, addToHistory);
 }

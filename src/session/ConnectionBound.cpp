@@ -17,7 +17,7 @@ ConnectionBound::ConnectionBound()
 
 ConnectionBound::~ConnectionBound() {
   {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     isOver = true;
   }
   changed.notify_all();
@@ -25,10 +25,12 @@ ConnectionBound::~ConnectionBound() {
 }
 
 void ConnectionBound::watch() {
-  std::unique_lock lock(mutex);
-  for (std::chrono::seconds wait = timeToConnect;
-       !changed.wait_for(lock, wait, [&] { return isOver; }); wait = period) {
+  auto nextCut = std::chrono::steady_clock::now() + timeToConnect;
+  const MutexLock lock(mutex);
+  while (!isOver) {
+    if (changed.wait_until(mutex, nextCut) == std::cv_status::no_timeout || isOver) continue;
     if (!reached.exchange(true)) LOG_RECORD("Cutting a connection that does not complete\n");
     platform::shutDownSockets(known);
+    nextCut += period;
   }
 }

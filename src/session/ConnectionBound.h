@@ -3,9 +3,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "platform/Mutex.h"
 
 /// Bounds an attempt to connect. LLDB itself waits for ever for a peer that echoes, or that sends
 /// without end.
@@ -18,8 +19,6 @@ class ConnectionBound {
   /// Throws std::system_error when no thread can be started.
   ConnectionBound();
   ~ConnectionBound();
-  ConnectionBound(const ConnectionBound &) = delete;
-  ConnectionBound &operator=(const ConnectionBound &) = delete;
 
   /// Whether a connection was cut. What LLDB has of it is useless then.
   bool wasReached() const { return reached; }
@@ -28,9 +27,9 @@ class ConnectionBound {
   void watch();
 
   const std::vector<int> known;  ///< the descriptors that were open before
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool isOver = false;  ///< guarded by the mutex
-  std::atomic<bool> reached = false;
+  Mutex mutex;
+  std::condition_variable_any changed;
+  bool isOver GUARDED_BY(mutex) = false;
+  std::atomic<bool> reached = false;  ///< written by the thread
   std::thread thread;
 };

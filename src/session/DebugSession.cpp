@@ -31,7 +31,6 @@ class PlatformGuard {
       : debugger(debugger), platform(debugger.GetSelectedPlatform()) {}
   ~PlatformGuard() { debugger.SetSelectedPlatform(platform); }
   PlatformGuard(const PlatformGuard &) = delete;
-  PlatformGuard &operator=(const PlatformGuard &) = delete;
 
  private:
   lldb::SBDebugger &debugger;
@@ -47,9 +46,7 @@ DebugSession::DebugSession(FILE *input, FILE *output, bool consoleMode)
       eventThread(debugger),
       runControl(debugger, eventThread, reportedState) {
   redirectLldbToDevNull(debugger);
-  loadModulesOneByOne(debugger);
-  readRegistersAtOnce(debugger);
-  unwindWithoutLanguageRuntimes(debugger);
+  changeSettings(debugger);
   debugger.SetAsync(true);
 }
 

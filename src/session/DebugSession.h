@@ -40,8 +40,6 @@ class DebugSession {
   /// Deliberate: does not join a running event thread, so the program ends through std::terminate.
   /// The abnormal end shows a host that it forgot deleteProcess.
   virtual ~DebugSession();
-  DebugSession(const DebugSession &) = delete;
-  DebugSession &operator=(const DebugSession &) = delete;
 
   /// Answers requests until the end of input. Every request gets exactly one response.
   void run();
@@ -135,9 +133,6 @@ class DebugSession {
   /// Ends the event thread after it has reported what LLDB has queued of this process's states.
   void endReports(const lldb::SBProcess &itsProcess);
 
-  /// The environment of a launch: the program's own, then the requested entries.
-  std::vector<std::string> launchEnvironment() const;
-
   lldb::SBProcess launchTarget(lldb::SBError &error);
 
   Json step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin);
@@ -148,12 +143,6 @@ class DebugSession {
 
   /// Ends what openConnection has begun. Leaves a target without process.
   void giveUpConnection();
-
-  /// Connects through LLDB's command line, the only way to reach a kernel's debug stub.
-  void connectThroughInterpreter(const std::string &plugin, const std::string &url);
-
-  /// Logs one command line and runs it. Ignores the result.
-  void runLoggedCommand(const std::string &commandLine);
 
   /// Returns when `process` is attached to and its first stop is taken and reported, so that the
   /// host's next request acts on the state that the process is really in. Needs the event thread.

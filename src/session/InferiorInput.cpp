@@ -6,11 +6,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
+#include <optional>
 #include <utility>
 
 #include "platform/Descriptors.h"
 #include "platform/Log.h"
+#include "platform/Mutex.h"
 
 namespace {
 
@@ -28,30 +29,62 @@ constexpr auto endBound = 2s;
 
 }  // namespace
 
-/// Shared with the thread, which may outlive the object.
-struct InferiorInput::Queue {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::deque<std::string> texts;
-  std::atomic<bool> closed = false;
-  bool ended = false;
+/// The texts to write. Shared with the thread, which may outlive the object.
+class InferiorInput::Queue {
+ public:
+  ~Queue() {
+    if (pty >= 0) ::close(pty);
+  }
+
+  void add(std::string text) {
+    const MutexLock lock(mutex);
+    texts.push_back(std::move(text));
+    changed.notify_all();
+  }
+
+  /// For the thread: waits for the next text. Returns nothing when the queue is closed.
+  std::optional<std::string> take() {
+    const MutexLock lock(mutex);
+    while (!closed && texts.empty()) changed.wait(mutex);
+    if (closed) return std::nullopt;
+    std::string text = std::move(texts.front());
+    texts.pop_front();
+    return text;
+  }
+
+  /// For the thread, at its end.
+  void setEnded() {
+    const MutexLock lock(mutex);
+    ended = true;
+    changed.notify_all();
+  }
+
+  /// Asks the thread to end. Returns whether it does so within the bound.
+  bool closeAndWait() {
+    const auto end = std::chrono::steady_clock::now() + endBound;
+    const MutexLock lock(mutex);
+    closed = true;
+    changed.notify_all();
+    while (!ended && changed.wait_until(mutex, end) == std::cv_status::no_timeout) continue;
+    return ended;
+  }
+
   /// The master side of the program's pty. -1 when LLDB talks to a remote stub instead.
   const int pty = platform::unblockAndDuplicateInferiorPty();
-  ~Queue() {
-    if (pty >= 0) close(pty);
-  }
+  std::atomic<bool> closed = false;  ///< written by closeAndWait; the thread reads it as it writes
+
+ private:
+  Mutex mutex;
+  std::condition_variable_any changed;
+  std::deque<std::string> texts GUARDED_BY(mutex);
+  bool ended GUARDED_BY(mutex) = false;
 };
 
 InferiorInput::InferiorInput(lldb::SBProcess process)
     : process(process), queue(std::make_shared<Queue>()), thread(run, queue, process) {}
 
 InferiorInput::~InferiorInput() {
-  std::unique_lock lock(queue->mutex);
-  queue->closed = true;
-  queue->changed.notify_all();
-  const bool ended = queue->changed.wait_for(lock, endBound, [this] { return queue->ended; });
-  lock.unlock();
-  if (ended) {
+  if (queue->closeAndWait()) {
     thread.join();
   } else {
     LOG_RECORD("Leaving a write to the application's input running\n");
@@ -59,25 +92,12 @@ InferiorInput::~InferiorInput() {
   }
 }
 
-void InferiorInput::write(std::string bytes) {
-  const std::lock_guard lock(queue->mutex);
-  queue->texts.push_back(std::move(bytes));
-  queue->changed.notify_all();
-}
+void InferiorInput::write(std::string bytes) { queue->add(std::move(bytes)); }
 
 void InferiorInput::run(std::shared_ptr<Queue> queue, lldb::SBProcess process) {
-  std::unique_lock lock(queue->mutex);
-  for (;;) {
-    queue->changed.wait(lock, [&] { return queue->closed || !queue->texts.empty(); });
-    if (queue->closed) break;
-    const std::string text = std::move(queue->texts.front());
-    queue->texts.pop_front();
-    lock.unlock();
-    writeWhenReady(*queue, process, text);
-    lock.lock();
-  }
-  queue->ended = true;
-  queue->changed.notify_all();
+  while (const std::optional<std::string> text = queue->take())
+    writeWhenReady(*queue, process, *text);
+  queue->setEnded();
 }
 
 void InferiorInput::writeWhenReady(const Queue &queue, lldb::SBProcess &process,

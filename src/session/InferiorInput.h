@@ -23,8 +23,6 @@ class InferiorInput {
   /// Drops what has not been written, and ends the thread within milliseconds. Call it when the
   /// process is gone. A thread that LLDB holds for two seconds is left running.
   ~InferiorInput();
-  InferiorInput(const InferiorInput &) = delete;
-  InferiorInput &operator=(const InferiorInput &) = delete;
 
   /// Whether the bytes go to this process.
   bool isFor(lldb::SBProcess other) { return other.GetUniqueID() == process.GetUniqueID(); }
@@ -33,7 +31,7 @@ class InferiorInput {
   void write(std::string bytes);
 
  private:
-  struct Queue;
+  class Queue;
   static void run(std::shared_ptr<Queue> queue, lldb::SBProcess process);
   static void writeWhenReady(const Queue &queue, lldb::SBProcess &process, std::string_view text);
 

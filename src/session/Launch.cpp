@@ -21,6 +21,13 @@ std::vector<const char *> cStrings(const std::vector<std::string> &texts) {
   return pointers;
 }
 
+/// The environment of a launch: the program's own, then the requested entries.
+std::vector<std::string> launchEnvironment(const std::vector<EnvironmentEntry> &requested) {
+  std::vector<std::string> entries = platform::initialEnvironment();
+  for (const auto &[name, value] : requested) entries.push_back(name + "=" + value);
+  return entries;
+}
+
 }  // namespace
 
 Json DebugSession::createProcess() {
@@ -49,7 +56,7 @@ Json DebugSession::createProcess() {
 lldb::SBProcess DebugSession::launchTarget(lldb::SBError &error) {
   const auto argumentVector = cStrings(arguments);
   LOG_RECORD("Building launchinfo\n");
-  const std::vector<std::string> entries = launchEnvironment();
+  const std::vector<std::string> entries = launchEnvironment(environment);
   const auto environmentVector = cStrings(entries);
 
   lldb::SBLaunchInfo launchInfo(const_cast<const char **>(argumentVector.data()));
@@ -63,10 +70,4 @@ lldb::SBProcess DebugSession::launchTarget(lldb::SBError &error) {
   LOG_RECORD("About to launch target\n");
   error.Clear();
   return target.Launch(launchInfo, error);
-}
-
-std::vector<std::string> DebugSession::launchEnvironment() const {
-  std::vector<std::string> entries = platform::initialEnvironment();
-  for (const auto &[name, value] : environment) entries.push_back(name + "=" + value);
-  return entries;
 }

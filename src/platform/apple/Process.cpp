@@ -13,6 +13,8 @@ bool isOwnProcess(pid_t pid) {
   return pid == getpid() || information.kp_eproc.e_ppid == getpid();
 }
 
+void setDebugServerPath() {}
+
 bool canDisableAslr() { return true; }
 
 }  // namespace platform

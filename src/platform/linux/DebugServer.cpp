@@ -1,10 +1,10 @@
-#include "platform/DebugServer.h"
-
 #include <unistd.h>
 
 #include <cstdlib>
 #include <sstream>
 #include <string>
+
+#include "platform/Process.h"
 
 namespace platform {
 

@@ -8,10 +8,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
-#include <mutex>
 
-#include "platform/LogFormat.h"
+#include "platform/Mutex.h"
 
 namespace platform {
 
@@ -25,7 +23,7 @@ class DaemonProbe {
  public:
   /// Whether the daemon can take a record now.
   bool hasRoom() {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     const auto now = std::chrono::steady_clock::now();
     if (now >= nextLook) {
       nextLook = now + std::chrono::seconds(1);
@@ -37,7 +35,7 @@ class DaemonProbe {
   }
 
  private:
-  void look() {
+  void look() REQUIRES(mutex) {
     if (probe >= 0) close(probe);
     probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address{AF_UNIX, _PATH_LOG};
@@ -45,10 +43,11 @@ class DaemonProbe {
     isStream = !isDatagram && errno == EPROTOTYPE;  // which cannot be asked
   }
 
-  std::mutex mutex;
-  std::chrono::steady_clock::time_point nextLook;
-  int probe = -1;
-  bool isDatagram = false, isStream = false;
+  Mutex mutex;
+  std::chrono::steady_clock::time_point nextLook GUARDED_BY(mutex);
+  int probe GUARDED_BY(mutex) = -1;
+  bool isDatagram GUARDED_BY(mutex) = false;
+  bool isStream GUARDED_BY(mutex) = false;
 };
 
 DaemonProbe daemonProbe;

@@ -1,7 +1,0 @@
-#include "platform/DebugServer.h"
-
-namespace platform {
-
-void setDebugServerPath() {}
-
-}  // namespace platform
