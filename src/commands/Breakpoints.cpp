@@ -1,7 +1,6 @@
 // Breakpoints at addresses, and steps of the selected thread.
 
 #include <cstdio>
-#include <functional>
 
 #include "channel/Envelope.h"
 #include "session/DebugSession.h"

@@ -99,7 +99,6 @@ class Json {
   /// are never equal; the codes of the kinds order them.
   friend bool operator==(const Json &a, const Json &b);
   friend bool operator<(const Json &a, const Json &b);
-  friend bool operator!=(const Json &a, const Json &b) { return !(a == b); }
   friend bool operator>(const Json &a, const Json &b) { return b < a; }
   friend bool operator<=(const Json &a, const Json &b) { return !(b < a); }
   friend bool operator>=(const Json &a, const Json &b) { return !(a < b); }

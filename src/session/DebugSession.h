@@ -20,18 +20,18 @@
 
 /// The one session: the channel to the host, LLDB's debugger, and at most one target and process.
 ///
-/// Two threads. The main thread reads requests, one at a time, and runs everything declared here.
-/// The event thread (EventThread) reports the process's state changes, output and modules to the
-/// host. It runs from a launch, attach or connection to the next one or to deleteProcess, on its
-/// own copies of the LLDB handles.
+/// Everything declared here is for the main thread, which reads requests one at a time. Members of
+/// the session start three others: EventThread reports events from a launch, attach or connection
+/// to the next one or to deleteProcess, InferiorInput writes to the program's input,
+/// ConnectionBound watches an attempt to connect. docs/concurrency.md has what they share.
 ///
 /// LLDB's debugger is asynchronous: commands that resume or stop the process return at once, and
-/// their results arrive as events. LLDB's public state of the process changes only when the event
-/// thread takes an event from the debugger's listener, so no other code takes events.
+/// their results arrive as events. LLDB's state of the process changes only when an event is taken
+/// from the debugger's listener. Only the event thread takes events while there is one
+/// (RunControl).
 ///
-/// The session owns the debugger, the target, the process, the stored launch settings and the event
-/// thread. The streams belong to main. Destroying the session neither kills nor detaches an
-/// inferior; a host sends deleteProcess first.
+/// The streams belong to main. Destroying the session neither kills nor detaches an inferior; a
+/// host sends deleteProcess first.
 class DebugSession {
  public:
   /// In console mode requests and messages are lines for a person. Otherwise they are frames. See
@@ -150,7 +150,6 @@ class DebugSession {
 
   MessageChannel channel;
 
-  // Main thread only.
   lldb::SBDebugger debugger;  ///< created by the constructor, never replaced
   lldb::SBTarget target;      ///< invalid when there is no target
   lldb::SBProcess process;    ///< as handleRequest found it; may be a dead process
@@ -160,8 +159,10 @@ class DebugSession {
   std::vector<EnvironmentEntry> environment;
   std::vector<std::string> arguments;
   std::string executablePath;
-  std::string triple = "x86_64-apple-macosx";  ///< empty: LLDB chooses
-  bool is64Bits = true;                        ///< only logged
+  /// Empty: LLDB chooses. Deliberate: hosts know this first value, which is the same on every
+  /// processor. It counts only until a command brings an executable and its triple.
+  std::string triple = "x86_64-apple-macosx";
+  bool is64Bits = true;  ///< only logged
 
   /// LLDB's unique id of the last launched or attached process. 0: none yet.
   std::uint32_t processOfOwnServer = 0;

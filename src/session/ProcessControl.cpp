@@ -33,8 +33,7 @@ void DebugSession::forgetTarget(const lldb::SBProcess &itsProcess) {
   discardTarget();
 }
 
-/// The row needs a process, so this is reached only with one.
-Json DebugSession::hasProcess() { return okResponse(); }
+Json DebugSession::hasProcess() { return okResponse(); }  // its row needs a process
 
 Json DebugSession::getProcessState() {
   const lldb::StateType state = process.GetState();
