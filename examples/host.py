@@ -21,13 +21,20 @@ import threading
 
 
 class Helper:
-    TIMEOUT = 120  # seconds; connectRemote takes more than a minute where no connection comes about
+    TIMEOUT = 360  # seconds; connectRemote takes up to five minutes where no connection comes about
 
-    def __init__(self, program, **options):
-        """Starts the helper. `options` go to subprocess.Popen: env, cwd, stderr and so on."""
+    def __init__(self, program, on_message=None, **options):
+        """Starts the helper. `options` go to subprocess.Popen: env, cwd, stderr and so on.
+
+        `on_message`, if it is given, gets the text of every message (bytes) as it arrives, in the
+        reading thread: to log it, for example. What it raises reaches whoever waits for a message.
+        """
+        self.on_message = on_message
         requests_out, requests_in = os.pipe()
         messages_out, messages_in = os.pipe()
-        options.setdefault("start_new_session", True)  # keeps Ctrl-C at this program's terminal from the helper
+        options.setdefault(
+            "start_new_session", True
+        )  # keeps Ctrl-C at this program's terminal from the helper
         self.child = subprocess.Popen(
             [program, str(requests_out), str(messages_in)],
             pass_fds=(requests_out, messages_in),
@@ -40,21 +47,24 @@ class Helper:
         self.next_id = 1
         self.responses = queue.Queue()
         self.events = queue.Queue()
-        threading.Thread(target=self._run, daemon=True).start()
-
-    def _run(self):
-        """Reads messages in a thread. At the end, wakes everyone who waits for a message."""
-        self._read()
-        for messages in (self.responses, self.events):
-            messages.put(EOFError("the helper has ended"))
+        threading.Thread(target=self._read, daemon=True).start()
 
     def _read(self):
-        """Sorts messages into responses and events, until the helper ends."""
-        while text := self.receive():
-            # File names may have bytes that are not UTF-8. os.fsencode() turns such a text back into the bytes.
-            message = json.loads(text.decode(errors="surrogateescape"))
-            is_event = message["status"] == "event"
-            (self.events if is_event else self.responses).put(message)
+        """Sorts messages into responses and events. At the end, wakes everyone who waits for one."""
+        end = EOFError("the helper has ended")
+        try:
+            while text := self.receive():
+                if self.on_message:
+                    self.on_message(text)
+                # File names may have bytes that are not UTF-8. os.fsencode() turns such a text back
+                # into the bytes.
+                message = json.loads(text.decode(errors="surrogateescape"))
+                is_event = message["status"] == "event"
+                (self.events if is_event else self.responses).put(message)
+        except Exception as problem:
+            end = problem
+        for messages in (self.responses, self.events):
+            messages.put(end)
 
     def receive(self):
         """Returns the text of the next message, or an empty one at the end."""
@@ -63,14 +73,14 @@ class Helper:
         (length,) = struct.unpack("=I", prefix)
         return self.messages.read(length)
 
-    def send(self, text):
-        """Sends one frame."""
-        self.requests.write(struct.pack("=I", len(text)) + text)
+    def send(self, *texts):
+        """Sends a frame for each text, all in one write."""
+        self.requests.write(b"".join(struct.pack("=I", len(text)) + text for text in texts))
         self.requests.flush()
 
     def _take(self, messages):
         message = messages.get(timeout=self.TIMEOUT)
-        if isinstance(message, EOFError):
+        if isinstance(message, Exception):
             messages.put(message)  # for the next call
             raise message
         return message
@@ -79,10 +89,14 @@ class Helper:
         """Sends a request and returns its response, also if its status is "error"."""
         request = {"command": command, "id": self.next_id, **arguments}
         self.send(json.dumps(request, ensure_ascii=False).encode(errors="surrogateescape"))
-        response = self._take(self.responses)
+        response = self.response()
         assert response.get("id") == self.next_id, response
         self.next_id += 1
         return response
+
+    def response(self):
+        """The next response. ask() takes it by itself."""
+        return self._take(self.responses)
 
     def next_event(self):
         return self._take(self.events)

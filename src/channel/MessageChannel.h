@@ -15,6 +15,9 @@
 /// most 1,023 bytes, echoed as "INPUT: " and the line, and an outgoing message is "OUTPUT: " and
 /// its text without a line end.
 ///
+/// The descriptors may be non-blocking, and may become so at any time. Reads and writes wait all
+/// the same, and no byte is lost or sent twice.
+///
 /// Only the main thread reads. Any thread may write: messages of different threads never mix.
 class MessageChannel {
  public:
@@ -28,6 +31,11 @@ class MessageChannel {
   /// zero byte. A frame that is cut short, or that claims 2 GiB or more, ends the input too.
   std::optional<std::string> readMessage();
 
+  /// In pipe mode waits for the next request for some 50 microseconds at most, without sleeping: a
+  /// host that sends it by then need not wake this process. Call it when nothing else wants the
+  /// processor. readMessage works with and without it.
+  void stayAwake();
+
   /// Writes one message and flushes it. Ignores failures: a host that closed its end wants no more
   /// messages.
   void writeMessage(const std::string &text);
@@ -37,6 +45,8 @@ class MessageChannel {
   void sendOk(const std::optional<std::string> &message = std::nullopt);
 
  private:
+  /// Returns false at the end of input, and when a read fails.
+  bool readAll(char *bytes, std::size_t size);
   std::optional<std::string> readFrame();
   std::optional<std::string> readLine();
 

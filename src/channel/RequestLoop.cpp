@@ -43,7 +43,10 @@ void DebugSession::run() {
         response = errorResponse("run", std::string("bad request: ") + exception.what());
       }
       if (response.type() == JsonType::Null) response = errorResponse("run", "empty response");
+      // LLDB needs the processors for a process that runs.
+      const bool processRuns = reportedState.isRunning();
       channel.sendResponse(withId(response, request));
+      if (!processRuns) channel.stayAwake();
     } catch (const std::exception &) {
       // Deliberate: this one message reports every failure outside a handler. Hosts read it as a
       // lost request.

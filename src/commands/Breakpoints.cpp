@@ -50,7 +50,7 @@ Json DebugSession::step(const std::function<void(lldb::SBThread &, lldb::SBError
   // next stop.
   if (!thread.IsValid() || !runControl.mayResume(process)) return okResponse();
   lldb::SBError error;
-  runControl.setResumed(true);
+  runControl.setStepped(thread.GetThreadID());
   begin(thread, error);
   if (error.Fail()) runControl.setResumed(false);
   return okResponse();

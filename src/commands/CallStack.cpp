@@ -1,41 +1,12 @@
 // The frames of the selected thread.
 
-#include <algorithm>
-#include <vector>
+#include <utility>
 
 #include "channel/Envelope.h"
 #include "events/ModuleDescription.h"
 #include "session/DebugSession.h"
 
 namespace {
-
-/// Unwinds the stack of `thread`, and has LLDB read it in few packets. LLDB's unwinder reads word
-/// by word, through a cache that it fills in pieces of 512 bytes, by a packet for each. A larger
-/// read stays in that cache as one piece until the process runs or the memory is written.
-void unwind(lldb::SBProcess &process, lldb::SBThread &thread) {
-  constexpr std::uint32_t frameCount = 32;  // that are unwound between two looks at the memory
-  constexpr std::size_t smallestSize = 512, firstSize = 2048, largestSize = 65536;
-  std::vector<std::uint8_t> bytes;
-  std::size_t size = firstSize;
-  lldb::SBFrame frame = thread.GetFrameAtIndex(0);
-  std::uint64_t readEnd = frame.GetSP();
-  std::uint64_t lastEnd = readEnd;
-  for (std::uint32_t index = 0; frame.IsValid(); index += frameCount) {
-    const std::uint64_t frameEnd = frame.GetCFA();
-    // The next frames are taken to be as large as the last ones.
-    if (frameEnd + (frameEnd - lastEnd) >= readEnd) {
-      bytes.resize(size);
-      lldb::SBError ignored;  // the unwinder reads what it needs
-      // The stack may end here. LLDB 14 to 19 read nothing then, LLDB 22 reads up to the end.
-      while (process.ReadMemory(readEnd, bytes.data(), size, ignored) == 0 && size > smallestSize)
-        size /= 2;
-      readEnd += size;
-      if (size == bytes.size()) size = std::min(2 * size, largestSize);
-    }
-    lastEnd = frameEnd;
-    frame = thread.GetFrameAtIndex(index + frameCount);
-  }
-}
 
 /// The names of the frames' modules. Neighbouring frames mostly belong to the same section of a
 /// module, so LLDB is asked only where the section changes.
@@ -81,8 +52,6 @@ Json frameToJson(lldb::SBFrame frame, ModuleNames &names) {
 
 Json DebugSession::getCallstack() {
   lldb::SBThread thread = process.GetSelectedThread();
-  // A connection may be slow, and its memory may hold a device's registers.
-  if (hasOwnServer()) unwind(process, thread);
   const std::uint32_t count = thread.GetNumFrames();
   ModuleNames names(target);
   Json::array frames;

@@ -12,6 +12,7 @@ Json DebugSession::executeCommand(const std::string &commandLine) {
   const lldb::SBProcess before = process;
   runControl.waitForQueuedStates(before);  // the line may be "kill"
   reportedState.showStops();               // or "continue"
+  runControl.forgetStepped();              // or "thread select"
   interpreter.HandleCommand(commandLine.c_str(), result, addToHistory);
   if (!target.IsValid()) forgetTarget(before);  // or "target delete"
   Json::object members;

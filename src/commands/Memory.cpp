@@ -5,6 +5,7 @@
 #include "events/StateName.h"
 #include "session/DebugSession.h"
 #include "session/LldbError.h"
+#include "session/LldbSettings.h"
 
 namespace {
 
@@ -17,7 +18,10 @@ Json DebugSession::readMemory(std::uint64_t address, std::int64_t length) {
   if (length < 0) return errorResponse(__func__, "unable to read memory");
   JsonBytes bytes(static_cast<std::size_t>(length));
   lldb::SBError error;
-  process.ReadMemory(address, bytes.data(), bytes.size(), error);
+  {
+    const UncachedRead uncached(debugger, target, bytes.size());
+    process.ReadMemory(address, bytes.data(), bytes.size(), error);
+  }
   // A text that does not fit a frame is an error, not a shorter answer.
   if (!error.Success() || bytes.textSize() > MessageChannel::maxMessageSize - envelopeRoom)
     return errorResponse(__func__, "unable to read memory");

@@ -37,6 +37,7 @@ Json DebugSession::getThreadIDList() {
 Json DebugSession::selectThreadID(std::uint64_t id) {
   lldb::SBThread thread = process.GetThreadByID(id);
   if (!thread.IsValid()) return errorResponse(__func__, "no thread " + std::to_string(id));
+  runControl.forgetStepped();
   process.SetSelectedThread(thread);
   return okResponse();
 }

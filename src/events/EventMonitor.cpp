@@ -95,6 +95,8 @@ void EventMonitor::handleEvent() {
     // Deliberate: the list is always empty. Hosts ask for the modules that remain.
     if (type == lldb::SBTarget::eBroadcastBitModulesUnloaded)
       send("moduleUnloaded", {{"modules", Json::array{}}});
+  } else if (type == hiddenStopBit) {
+    reportHiddenStop();
   }
 }
 
@@ -125,12 +127,31 @@ void EventMonitor::reportOutput(const char *type, OutputReader read) {
 /// The log records every state. The host receives those that it can act on.
 void EventMonitor::reportState(lldb::StateType state, bool isRestarted) {
   const bool isForHost = reportedState.take(state, isRestarted, process.GetUniqueID());
-  const std::string name = stateName(state);
-  LOG_RECORD("State changed to %{public}s", name.c_str());
-  Json::object members{{"inferior_state", static_cast<std::int32_t>(state)}, {"state_desc", name}};
-  if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
-  if (isForHost) send("state", std::move(members));
+  LOG_RECORD("State changed to %{public}s", stateName(state).c_str());
+  if (state == lldb::eStateStopped && isForHost) selectSteppedThread();
+  if (isForHost) sendState(state);
   reportedState.setHandled();
+}
+
+void EventMonitor::sendState(lldb::StateType state) {
+  Json::object members{{"inferior_state", static_cast<std::int32_t>(state)},
+                       {"state_desc", stateName(state)}};
+  if (state == lldb::eStateExited) members["exit_status"] = process.GetExitStatus();
+  send("state", std::move(members));
+}
+
+void EventMonitor::reportHiddenStop() {
+  if (reportedState.takeHiddenStop()) sendState(lldb::eStateStopped);
+}
+
+void EventMonitor::selectSteppedThread() {
+  if (const auto id = reportedState.beginSelection()) {
+    lldb::SBThread thread = process.GetThreadByID(*id);
+    const bool hasReason = thread.GetStopReason() > lldb::eStopReasonNone;
+    if (hasReason && process.GetSelectedThread().GetThreadID() != *id)
+      process.SetSelectedThread(thread);
+    reportedState.endSelection();
+  }
 }
 
 void EventMonitor::reportModulesLoaded() {

@@ -18,8 +18,9 @@
 /// flag that ends it, and the reported state.
 class EventMonitor {
  public:
-  /// The type of an event that ends a wait for events early. The monitor ignores the event itself.
-  static constexpr std::uint32_t wakeupBit = 1;
+  /// The types of this program's own events. One ends a wait for events early, and does nothing
+  /// else. The other has a stop reported that was hidden.
+  static constexpr std::uint32_t wakeupBit = 1, hiddenStopBit = 2;
 
   /// The references must outlive the monitor.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,
@@ -42,6 +43,14 @@ class EventMonitor {
   using OutputReader = std::size_t (lldb::SBProcess::*)(char *, std::size_t) const;
   void reportOutput(const char *type, OutputReader read);
   void reportState(lldb::StateType state, bool isRestarted);
+  void sendState(lldb::StateType state);
+
+  /// Reports the process's last stop, which was hidden because the process was to end there.
+  void reportHiddenStop();
+
+  /// Selects the thread that the host has stepped, if it stopped for a reason: LLDB selects another
+  /// thread at a stop, and the host goes on with the one that it chose.
+  void selectSteppedThread();
   void reportModulesLoaded();
 
   /// Adds "status" and "type" to `members` and sends them.

@@ -3,7 +3,8 @@
 #include <system_error>
 
 EventThread::EventThread(lldb::SBDebugger debugger) : debugger(debugger) {
-  this->debugger.GetListener().StartListeningForEvents(wakeupBroadcaster, EventMonitor::wakeupBit);
+  this->debugger.GetListener().StartListeningForEvents(
+      ownBroadcaster, EventMonitor::wakeupBit | EventMonitor::hiddenStopBit);
 }
 
 void EventThread::start(lldb::SBTarget target, MessageChannel &channel,
@@ -22,7 +23,7 @@ void EventThread::start(lldb::SBTarget target, MessageChannel &channel,
 void EventThread::stop() {
   if (!isRunning()) return;
   stopEventThread = true;
-  wakeupBroadcaster.BroadcastEventByType(EventMonitor::wakeupBit);
+  ownBroadcaster.BroadcastEventByType(EventMonitor::wakeupBit);
   thread.join();
   monitor.reset();
 }

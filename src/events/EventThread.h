@@ -28,12 +28,15 @@ class EventThread {
   /// Asks a running thread to end after its current event, within a second. Does not wait for it.
   void requestStop() { stopEventThread = true; }
 
+  /// Has the thread report the last stop, if that was hidden and the process is still there.
+  void reportHiddenStop() { ownBroadcaster.BroadcastEventByType(EventMonitor::hiddenStopBit); }
+
   bool isRunning() const { return thread.joinable(); }
 
  private:
   lldb::SBDebugger debugger;
-  /// Its events end the thread's wait for an event early.
-  lldb::SBBroadcaster wakeupBroadcaster{"lldb-helper.wakeup"};
+  /// Of this program's own events for the thread.
+  lldb::SBBroadcaster ownBroadcaster{"lldb-helper.event-thread"};
   std::atomic<bool> stopEventThread = false;  ///< written here, read by the thread
   std::optional<EventMonitor> monitor;        ///< the thread's while it runs
   std::thread thread;                         ///< after what it uses, so that it is destroyed first

@@ -1,9 +1,13 @@
 #include "events/ReportedState.h"
 
+#include <utility>
+
 void ReportedState::reset() {
   const MutexLock lock(mutex);
   isFirstHandled = false;
   anyTaken = false;
+  hasHiddenStop = false;
+  steppedThread.reset();
   lastForHost = lldb::eStateInvalid;
   running = false;
   showStops();
@@ -13,11 +17,26 @@ bool ReportedState::take(lldb::StateType state, bool isRestarted, std::uint32_t 
   running = isRestarted || state == lldb::eStateRunning || state == lldb::eStateStepping;
   if (isRestarted) return false;
   anyTaken = true;
+  hasHiddenStop = state == lldb::eStateStopped && hiddenProcess == processId;
   if (state == lldb::eStateRunning && lastForHost == state) return false;
   // A hidden stop counts: the host receives the running state after it.
   lastForHost = state;
-  return state != lldb::eStateStopped || hiddenProcess != processId;
+  return !hasHiddenStop;
 }
+
+std::optional<std::uint64_t> ReportedState::beginSelection() {
+  const MutexLock lock(mutex);
+  isSelecting = steppedThread.has_value();
+  return std::exchange(steppedThread, std::nullopt);
+}
+
+void ReportedState::endSelection() {
+  const MutexLock lock(mutex);
+  isSelecting = false;
+  changed.notify_all();
+}
+
+bool ReportedState::takeHiddenStop() { return std::exchange(hasHiddenStop, false); }
 
 void ReportedState::setHandled() {
   if (!anyTaken) return;
@@ -30,4 +49,16 @@ void ReportedState::waitForFirst(std::chrono::milliseconds bound) {
   const auto end = std::chrono::steady_clock::now() + bound;
   const MutexLock lock(mutex);
   while (!isFirstHandled && changed.wait_until(mutex, end) == std::cv_status::no_timeout) continue;
+}
+
+void ReportedState::setStepped(std::uint64_t threadId) {
+  const MutexLock lock(mutex);
+  steppedThread = threadId;
+}
+
+void ReportedState::forgetStepped(std::chrono::milliseconds bound) {
+  const auto end = std::chrono::steady_clock::now() + bound;
+  const MutexLock lock(mutex);
+  steppedThread.reset();
+  while (isSelecting && changed.wait_until(mutex, end) == std::cv_status::no_timeout) continue;
 }

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <optional>
 
 #include "platform/Mutex.h"
 
@@ -31,6 +32,15 @@ class ReportedState {
   /// process must not count as running then.
   bool take(lldb::StateType state, bool isRestarted, std::uint32_t processId);
 
+  /// Takes the thread that the host has stepped, when the step has ended or something else stopped
+  /// the process. Nothing if there is none. Call endSelection after it, when LLDB's selection is
+  /// final.
+  std::optional<std::uint64_t> beginSelection();
+  void endSelection();
+
+  /// Takes the stop that was hidden, if the process has not left that state since.
+  bool takeHiddenStop();
+
   /// Ends waitForFirst, unless all states so far were restarted stops. Call it after the message is
   /// sent.
   void setHandled();
@@ -46,6 +56,13 @@ class ReportedState {
   /// Ends the hiding. Call it before the host or LLDB's command line resumes a process.
   void showStops() { hiddenProcess = noProcess; }
 
+  /// Records that the host steps this thread, which is to be selected when the process stops.
+  void setStepped(std::uint64_t threadId);
+
+  /// Forgets it: something else chooses the thread from now on. If the event thread is about to
+  /// select, waits for that, for at most `bound`.
+  void forgetStepped(std::chrono::milliseconds bound);
+
   /// Whether the process runs: the last state taken in is no stop, or the main thread has resumed
   /// the process since.
   bool isRunning() const { return running; }
@@ -59,13 +76,16 @@ class ReportedState {
   // The event thread's.
   lldb::StateType lastForHost = lldb::eStateInvalid;
   bool anyTaken = false;
+  bool hasHiddenStop = false;  ///< the last state taken in is a stop that was hidden
 
   std::atomic<std::uint32_t> hiddenProcess = noProcess;  ///< written by the main thread
   /// Written by the event thread for each state, and by the main thread when it resumes. The main
   /// thread resumes only a stopped process, whose states have all been taken in.
   std::atomic<bool> running = false;
 
-  Mutex mutex;
+  Mutex mutex;  ///< nobody holds it during a call into LLDB
   std::condition_variable_any changed;
   bool isFirstHandled GUARDED_BY(mutex) = false;
+  std::optional<std::uint64_t> steppedThread GUARDED_BY(mutex);
+  bool isSelecting GUARDED_BY(mutex) = false;
 };

@@ -34,7 +34,7 @@ bool runsForLldb(lldb::SBProcess &process) {
 
 }  // namespace
 
-RunControl::RunControl(lldb::SBDebugger debugger, const EventThread &eventThread,
+RunControl::RunControl(lldb::SBDebugger debugger, EventThread &eventThread,
                        ReportedState &reportedState)
     : debugger(debugger), eventThread(eventThread), reportedState(reportedState) {}
 
@@ -72,8 +72,21 @@ bool RunControl::mayResume(lldb::SBProcess process) {
 }
 
 void RunControl::setResumed(bool resumed) {
+  forgetStepped();
   if (resumed) reportedState.showStops();
   reportedState.setRunning(resumed);
+}
+
+void RunControl::setStepped(std::uint64_t threadId) {
+  setResumed(true);
+  reportedState.setStepped(threadId);
+}
+
+void RunControl::forgetStepped() { reportedState.forgetStepped(bound); }
+
+void RunControl::endHasFailed() {
+  reportedState.showStops();
+  eventThread.reportHiddenStop();
 }
 
 bool RunControl::isResumed(lldb::SBProcess &process) const {

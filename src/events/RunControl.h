@@ -2,6 +2,8 @@
 
 #include <lldb/API/LLDB.h>
 
+#include <cstdint>
+
 #include "events/EventThread.h"
 #include "events/ReportedState.h"
 
@@ -17,8 +19,7 @@
 class RunControl {
  public:
   /// The references must outlive the object.
-  RunControl(lldb::SBDebugger debugger, const EventThread &eventThread,
-             ReportedState &reportedState);
+  RunControl(lldb::SBDebugger debugger, EventThread &eventThread, ReportedState &reportedState);
 
   /// Returns when the first state of the process has been sent to the host.
   void waitForFirstState();
@@ -36,6 +37,16 @@ class RunControl {
   /// Records that the main thread resumes the process, or that it failed to.
   void setResumed(bool resumed);
 
+  /// The same for a step of this thread, which is selected again at the stop.
+  void setStepped(std::uint64_t threadId);
+
+  /// Leaves the selection of a thread to the caller, or to LLDB's command line, which comes next.
+  void forgetStepped();
+
+  /// Tells the host after all that the process has stopped: LLDB could not end it. Call it after
+  /// haltProcess.
+  void endHasFailed();
+
   /// Stops `process` so that LLDB can end it, and hides its stops, because the host asked for its
   /// end. Call it before SBProcess::Kill, Detach and Destroy.
   ///
@@ -51,6 +62,6 @@ class RunControl {
   void takeEvents();
 
   lldb::SBDebugger debugger;
-  const EventThread &eventThread;
+  EventThread &eventThread;
   ReportedState &reportedState;
 };

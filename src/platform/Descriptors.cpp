@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <system_error>
 
@@ -71,10 +72,17 @@ void shutDownSockets(const std::vector<int> &known) {
   }
 }
 
-bool isFileOrFolder(const std::string &path) {
+bool endsWhenRead(const std::string &path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return true;  // LLDB reports what is wrong with it
-  return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+  if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))
+    return true;
+  if (S_ISFIFO(status.st_mode)) return false;
+  const int device = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (device < 0) return true;
+  char byte = 0;
+  const bool ends = !isatty(device) && read(device, &byte, 1) <= 0 && errno != EAGAIN;
+  close(device);
+  return ends;
 }
 
 }  // namespace platform

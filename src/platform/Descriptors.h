@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,15 @@ void keepDescriptorsPrivate(int input, int output);
 /// there is no such pty.
 int unblockAndDuplicateInferiorPty();
 
-/// Whether the pty takes at least one byte. Waits for room for at most `time`, which is below a
-/// second.
-bool ptyHasRoom(int pty, std::chrono::milliseconds time);
+enum class Use { Read, Write };
+
+/// Whether a read from the descriptor, or a write of one byte to it, would not wait: it can be
+/// done, or it fails. Waits for that for at most `time`. May also return true early.
+bool isReady(int descriptor, Use use, std::chrono::milliseconds time);
+
+/// Whether the stream holds bytes that it has read from its descriptor and nobody has taken.
+/// isReady does not know them.
+bool hasBufferedInput(FILE *stream);
 
 /// Returns the open descriptors. Where the system does not list them, returns those up to its limit
 /// or 65,536.
@@ -29,8 +36,9 @@ std::vector<int> openDescriptors();
 /// and fails. The descriptors stay open for their owner to close.
 void shutDownSockets(const std::vector<int> &known);
 
-/// Whether an existing file can be read to its end without waiting: it is no pipe, device or
-/// socket. True for a folder, which may hold a program on macOS, and for a missing file.
-bool isFileOrFolder(const std::string &path);
+/// Whether LLDB can be given this path as a program. It would wait for ever for a pipe, a terminal
+/// and a device without end. Whatever else is no program LLDB refuses itself, a missing file and a
+/// device that ends or fails at once included.
+bool endsWhenRead(const std::string &path);
 
 }  // namespace platform

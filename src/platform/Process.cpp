@@ -3,6 +3,10 @@
 #include <signal.h>
 #include <stdlib.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
 extern "C" char **environ;
 
 namespace platform {
@@ -15,6 +19,14 @@ const std::vector<std::string> &initialEnvironment() {
     return entries;
   }();
   return environment;
+}
+
+bool isDebugServer(const std::string &path) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  if (name.starts_with("lldb-server") || name.starts_with("debugserver")) return true;
+  const char *const known = std::getenv("LLDB_DEBUGSERVER_PATH");
+  std::error_code error;
+  return known != nullptr && std::filesystem::equivalent(path, known, error);
 }
 
 void forgetPythonHome() { unsetenv("PYTHONHOME"); }

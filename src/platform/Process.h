@@ -12,8 +12,15 @@ namespace platform {
 /// The first call takes it, so make that call before anything changes the environment.
 const std::vector<std::string> &initialEnvironment();
 
-/// Whether this is the number of this process or of a child of it, which is a debug server.
+/// Whether this is the number of this process, or of a debug server that it has started: a child
+/// whose executable is LLDB's debug server. Other children are programs like all others: a script
+/// may have started them before it became this program, and the process with number 1 adopts every
+/// orphan.
 bool isOwnProcess(pid_t pid);
+
+/// Whether LLDB's debug server has this name or path: lldb-server, with or without a version, or
+/// debugserver.
+bool isDebugServer(const std::string &path);
 
 /// Removes PYTHONHOME from the environment. LLDB starts its Python with it, and a value for another
 /// Python ends the program. Call it once, after the first initialEnvironment, before there are

@@ -1,6 +1,8 @@
 // connectRemote: a process that a remote debug server holds.
 
+#include <algorithm>
 #include <chrono>
+#include <system_error>
 #include <thread>
 
 #include "channel/Envelope.h"
@@ -10,6 +12,7 @@
 #include "session/ConnectionBound.h"
 #include "session/DebugSession.h"
 #include "session/LldbError.h"
+#include "session/LldbSettings.h"
 
 namespace {
 
@@ -30,6 +33,13 @@ void runLoggedCommand(lldb::SBDebugger &debugger, const std::string &commandLine
   debugger.GetCommandInterpreter().HandleCommand(commandLine.c_str(), result, addToHistory);
 }
 
+/// How long a connection may take. LLDB exchanges some twenty packets, and is patient for each. A
+/// person who is more patient with a slow link sets the patience, and with it this time: sixty
+/// times as long, which is five minutes as LLDB comes, and at least one.
+std::chrono::seconds timeToConnect(lldb::SBDebugger &debugger) {
+  return std::max<std::chrono::seconds>(60 * packetTimeout(debugger), std::chrono::minutes(1));
+}
+
 /// Gives the connection a second to complete, in ten steps, whatever state the process reaches.
 /// Hosts find the ten records in the log.
 void watchFirstSecond(lldb::SBProcess &process) {
@@ -47,7 +57,7 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
   this->triple = triple;
   executablePath = file;
 
-  const ConnectionBound bound;
+  const ConnectionBound bound(timeToConnect(debugger));
   discardTarget();
   const lldb::SBError error = openConnection(plugin, url);
   watchFirstSecond(process);
@@ -57,7 +67,12 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
   const bool answered = process.IsValid() && (process.GetState() != lldb::eStateUnloaded ||
                                               isStateChangeQueued(process, debugger.GetListener()));
   if (answered && !bound.wasReached()) {
-    startEventThread();
+    try {
+      startEventThread();
+    } catch (const std::system_error &) {
+      target = buildRemoteTarget();
+      throw;
+    }
     waitForFirstStop();
     if (!bound.wasReached()) return okResponse();
   }
@@ -68,8 +83,8 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
 
 lldb::SBError DebugSession::openConnection(const std::string &plugin, const std::string &url) {
   lldb::SBError error;
-  if (!platform::isFileOrFolder(executablePath)) {
-    error.SetErrorString("the file is a pipe, a socket or a device");
+  if (!platform::endsWhenRead(executablePath)) {
+    error.SetErrorString("the file is a pipe, a terminal or a device without end");
   } else if (plugin == kernelPlugin) {
     runLoggedCommand(debugger, "target create " + inQuotes(executablePath));
     runLoggedCommand(debugger, "process connect --plugin " + plugin + " " + inQuotes(url));

@@ -7,13 +7,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto timeToConnect = 60s;
 constexpr auto period = 1s;
 
 }  // namespace
 
-ConnectionBound::ConnectionBound()
-    : known(platform::openDescriptors()), thread([this] { watch(); }) {}
+ConnectionBound::ConnectionBound(std::chrono::seconds time)
+    : time(time), known(platform::openDescriptors()), thread([this] { watch(); }) {}
 
 ConnectionBound::~ConnectionBound() {
   {
@@ -25,7 +24,7 @@ ConnectionBound::~ConnectionBound() {
 }
 
 void ConnectionBound::watch() {
-  auto nextCut = std::chrono::steady_clock::now() + timeToConnect;
+  auto nextCut = std::chrono::steady_clock::now() + time;
   const MutexLock lock(mutex);
   while (!isOver) {
     if (changed.wait_until(mutex, nextCut) == std::cv_status::no_timeout || isOver) continue;

@@ -11,13 +11,13 @@
 /// Bounds an attempt to connect. LLDB itself waits for ever for a peer that echoes, or that sends
 /// without end.
 ///
-/// A minute after its construction the object shuts down every stream socket that was opened since,
-/// and does so again each second until it is destroyed: LLDB may connect again. LLDB waits for
-/// nothing else during an attempt.
+/// When `time` has passed since its construction the object shuts down every stream socket that was
+/// opened since, and does so again each second until it is destroyed: LLDB may connect again. LLDB
+/// waits for nothing else during an attempt.
 class ConnectionBound {
  public:
   /// Throws std::system_error when no thread can be started.
-  ConnectionBound();
+  explicit ConnectionBound(std::chrono::seconds time);
   ~ConnectionBound();
 
   /// Whether a connection was cut. What LLDB has of it is useless then.
@@ -26,6 +26,7 @@ class ConnectionBound {
  private:
   void watch();
 
+  const std::chrono::seconds time;
   const std::vector<int> known;  ///< the descriptors that were open before
   Mutex mutex;
   std::condition_variable_any changed;

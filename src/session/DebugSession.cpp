@@ -1,6 +1,7 @@
 #include "session/DebugSession.h"
 
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 #include "channel/Envelope.h"
@@ -70,7 +71,7 @@ Json DebugSession::prepareExecutable(const std::string &path, bool is64Bits,
 bool DebugSession::hasOwnServer() { return processOfOwnServer == process.GetUniqueID(); }
 
 lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
-  if (!platform::isFileOrFolder(executablePath)) {
+  if (!platform::endsWhenRead(executablePath)) {
     error.SetErrorString(("'" + executablePath + "' is not a file").c_str());
     return lldb::SBTarget();
   }
@@ -82,7 +83,7 @@ lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
 }
 
 lldb::SBTarget DebugSession::buildRemoteTarget() {
-  if (!platform::isFileOrFolder(executablePath)) return lldb::SBTarget();
+  if (!platform::endsWhenRead(executablePath)) return lldb::SBTarget();
   const PlatformGuard guard(debugger);
   return debugger.CreateTargetWithFileAndArch(executablePath.c_str(),
                                               triple.empty() ? nullptr : triple.c_str());
@@ -98,7 +99,14 @@ void DebugSession::startEventThread() {
   LOG_RECORD("Restarting event thread\n");
   eventThread.stop();
   reportedState.reset();
-  eventThread.start(target, channel, reportedState);
+  try {
+    eventThread.start(target, channel, reportedState);
+  } catch (const std::system_error &) {
+    runControl.haltProcess(process);
+    process.Destroy();
+    discardTarget();
+    throw;
+  }
 }
 
 void DebugSession::endReports(const lldb::SBProcess &itsProcess) {

@@ -126,9 +126,13 @@ class DebugSession {
   /// the target's process.
   void forgetTarget(const lldb::SBProcess &itsProcess);
 
-  /// Starts the event thread for `target`, in place of a running one. Throws std::system_error when
-  /// no thread can be started.
+  /// Starts the event thread for `target`, in place of a running one. When no thread can be
+  /// started, ends the process, which nobody would report on, discards the target and throws
+  /// std::system_error.
   void startEventThread();
+
+  /// After LLDB has failed to end a process that was halted for it: the host believes that it runs.
+  void tellIfStopped();
 
   /// Ends the event thread after it has reported what LLDB has queued of this process's states.
   void endReports(const lldb::SBProcess &itsProcess);

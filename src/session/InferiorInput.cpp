@@ -108,7 +108,7 @@ void InferiorInput::writeWhenReady(const Queue &queue, lldb::SBProcess &process,
   }
   const std::size_t pieceSize = text.size() <= singleWriteLimit ? singleWriteLimit : 1;
   do {
-    while (!platform::ptyHasRoom(queue.pty, roomWait))
+    while (!platform::isReady(queue.pty, platform::Use::Write, roomWait))
       if (queue.closed) return;
     const std::string_view piece = text.substr(0, pieceSize);
     // LLDB returns 0, however much it wrote.

@@ -16,8 +16,12 @@ Json DebugSession::detach() {
   // Deliberate: the target and the event thread stay, so that the host receives the detached state
   // as an event. A host sends deleteProcess before the next run.
   runControl.haltProcess(process);
-  process.Detach();
+  if (process.Detach().Fail()) tellIfStopped();
   return okResponse();
+}
+
+void DebugSession::tellIfStopped() {
+  if (process.GetState() == lldb::eStateStopped) runControl.endHasFailed();
 }
 
 Json DebugSession::deleteProcess() {
@@ -51,7 +55,7 @@ Json DebugSession::continueExecution() {
 
 Json DebugSession::stopExecution() {
   runControl.haltProcess(process);
-  process.Kill();
+  if (process.Kill().Fail()) tellIfStopped();
   return okResponse();
 }
 

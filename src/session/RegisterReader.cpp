@@ -124,12 +124,7 @@ std::function<std::string(lldb::SBFrame &)> makeFormatter(const std::string &tex
   return nullptr;
 }
 
-std::size_t countTypeFormats(lldb::SBDebugger &debugger) {
-  std::size_t count = 0;
-  for (std::uint32_t index = 0; index < debugger.GetNumCategories(); ++index)
-    count += debugger.GetCategoryAtIndex(index).GetNumFormats();
-  return count;
-}
+std::string textOf(const char *text) { return text != nullptr ? text : ""; }
 
 }  // namespace
 
@@ -138,7 +133,7 @@ class SBFormat;  // LLDB 14 to 17 do not declare it
 }
 
 RegisterReader::RegisterReader(lldb::SBDebugger &debugger)
-    : debugger(debugger), initialTypeFormats(countTypeFormats(this->debugger)) {}
+    : debugger(debugger), initialFormats(currentFormats()) {}
 
 Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame, bool hasOwnServer) {
   lldb::SBValueList values = frame.GetRegisters();
@@ -161,9 +156,9 @@ Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame, 
       auto &[name, isFormattedAsItsValue] = sets[index][at];
       if (isLeftOut(name)) continue;
       std::string text = textFromFormatted(takeLine(lines));
-      if (text.empty() || !isFormattedAsItsValue.value_or(false)) {
+      if (text.empty() || isFormattedAsItsValue != true) {
         std::string value = valueText(set, at);
-        if (!text.empty()) isFormattedAsItsValue = value == text;
+        if (!text.empty() && !isFormattedAsItsValue) isFormattedAsItsValue = value == text;
         text = std::move(value);
       }
       texts.emplace_back(name, std::move(text));
@@ -174,7 +169,23 @@ Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame, 
 
 bool RegisterReader::isFormattedTextUsable(lldb::SBProcess &process, bool hasOwnServer) {
   return formatRegisters && hasOwnServer && process.GetByteOrder() == lldb::eByteOrderLittle &&
-         countTypeFormats(debugger) == initialTypeFormats;
+         currentFormats() == initialFormats;
+}
+
+std::vector<RegisterReader::TypeFormat> RegisterReader::currentFormats() {
+  std::vector<TypeFormat> formats;
+  for (std::uint32_t index = 0; index < debugger.GetNumCategories(); ++index) {
+    lldb::SBTypeCategory category = debugger.GetCategoryAtIndex(index);
+    const std::uint32_t count = category.GetNumFormats();
+    for (std::uint32_t at = 0; at < count; ++at) {
+      lldb::SBTypeNameSpecifier type = category.GetTypeNameSpecifierForFormatAtIndex(at);
+      lldb::SBTypeFormat format = category.GetFormatAtIndex(at);
+      formats.push_back({textOf(category.GetName()), category.GetEnabled(),
+                         category.GetNumLanguages(), textOf(type.GetName()), type.IsRegex(),
+                         format.GetFormat(), format.GetOptions(), textOf(format.GetTypeName())});
+    }
+  }
+  return formats;
 }
 
 /// Compares the sets' sizes and first names only. All names take a tenth of getRegisters' time.

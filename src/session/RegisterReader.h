@@ -2,7 +2,6 @@
 
 #include <lldb/API/LLDB.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -18,11 +17,14 @@
 /// through an SBFormat. The formatted text is taken if it is the value's text:
 ///
 /// - It is a number, or a vector of numbers, in hexadecimal digits.
-/// - It was the value's text when the two were compared, once for each register of a process.
+/// - It was the value's text when the two were compared, at the first chance for each register of a
+///   process. One that differed is not compared again: it may agree by chance.
 /// - LLDB's own debug server runs the process. Other servers may describe a register as an address,
 ///   and LLDB adds a description of the address to the value's text only.
 /// - The machine is little-endian.
-/// - Nobody has added or deleted a "type format", which changes the texts of values only.
+/// - All "type formats" of LLDB are now as they were at the start. They change the texts of values
+///   only. A person's command line changes them, and so may the commands of a breakpoint or a stop
+///   hook, at any later stop. So they are compared at each read, which takes a few microseconds.
 class RegisterReader {
  public:
   explicit RegisterReader(lldb::SBDebugger &debugger);
@@ -39,12 +41,28 @@ class RegisterReader {
   };
   using Set = std::vector<Register>;
 
+  /// A "type format", and what decides for which types it holds.
+  struct TypeFormat {
+    std::string category;
+    bool isCategoryEnabled;
+    std::uint32_t languageCount;  ///< of the category
+    std::string typeName;
+    bool isRegularExpression;
+    lldb::Format format;
+    std::uint32_t options;
+    std::string enumeration;  ///< the type whose names are shown, if there is one
+    bool operator==(const TypeFormat &) const = default;
+  };
+
+  /// Returns those of all categories, in LLDB's order. Categories without formats change no text.
+  std::vector<TypeFormat> currentFormats();
+
   bool isFormattedTextUsable(lldb::SBProcess &process, bool hasOwnServer);
   bool areNamesCurrent(lldb::SBValueList &values) const;
   void findNames(lldb::SBValueList &values);
 
   lldb::SBDebugger debugger;
-  const std::size_t initialTypeFormats;
+  const std::vector<TypeFormat> initialFormats;
   std::uint32_t processOfSets = 0;  ///< LLDB's unique id, which begins with 1
   std::vector<Set> sets;
   /// Returns a line for each register of `sets`. It is empty for one that has no value. Null: LLDB

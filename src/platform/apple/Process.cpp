@@ -1,3 +1,4 @@
+#include <libproc.h>
 #include <sys/sysctl.h>
 #include <unistd.h>
 
@@ -10,7 +11,10 @@ bool isOwnProcess(pid_t pid) {
   kinfo_proc information{};
   std::size_t size = sizeof information;
   if (sysctl(name, 4, &information, &size, nullptr, 0) != 0 || size == 0) return false;
-  return pid == getpid() || information.kp_eproc.e_ppid == getpid();
+  if (pid == getpid()) return true;
+  char path[PROC_PIDPATHINFO_MAXSIZE];
+  return information.kp_eproc.e_ppid == getpid() && proc_pidpath(pid, path, sizeof path) > 0 &&
+         isDebugServer(path);
 }
 
 void setDebugServerPath() {}

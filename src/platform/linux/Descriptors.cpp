@@ -4,9 +4,11 @@
 
 namespace platform {
 
-bool ptyHasRoom(int pty, std::chrono::milliseconds time) {
-  pollfd state{pty, POLLOUT, 0};
+bool isReady(int descriptor, Use use, std::chrono::milliseconds time) {
+  pollfd state{descriptor, static_cast<short>(use == Use::Read ? POLLIN : POLLOUT), 0};
   return poll(&state, 1, static_cast<int>(time.count())) != 0;
 }
+
+bool hasBufferedInput(FILE *stream) { return stream->_IO_read_ptr < stream->_IO_read_end; }
 
 }  // namespace platform

@@ -1,21 +1,27 @@
 #include <sys/personality.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 #include "platform/Process.h"
 
 namespace platform {
 
 bool isOwnProcess(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  const std::string folder = "/proc/" + std::to_string(pid);
+  std::ifstream status(folder + "/status");
+  pid_t process = 0, parent = 0;
   for (std::string name; status >> name; status.ignore(4096, '\n')) {
-    pid_t value = 0;
-    // The number may also be a thread's: then Tgid is its process.
-    if ((name == "Tgid:" || name == "PPid:") && status >> value && value == getpid()) return true;
+    if (name == "Tgid:") status >> process;  // the number may also be a thread's
+    if (name == "PPid:") status >> parent;
   }
-  return false;
+  if (process == getpid()) return true;
+  std::error_code error;
+  return parent == getpid() &&
+         isDebugServer(std::filesystem::read_symlink(folder + "/exe", error).string());
 }
 
 bool canDisableAslr() {
