@@ -1,17 +1,21 @@
 # Finds LLDB's headers and library. Only this file knows where systems keep them.
 #
 # If LLDB_ROOT (an LLVM prefix, with include/lldb and lib/liblldb) is set, uses that LLDB. Otherwise
-# uses the newest installed LLDB, from 22 to 14, in the folders of Debian, Ubuntu, Fedora and Homebrew.
+# uses the newest installed LLDB of those in lldb-versions, in the folders of Debian, Ubuntu, Fedora and
+# Homebrew. If only others are installed, takes the newest of them, and prints a line for a newer one.
+# Refuses one that is older than all in the list.
 #
 # Defines the target LLDB::LLDB and
 #   LLDB_VERSION_MAJOR  the major version, if the name of the folder or the library contains it
 #   LLDB_SERVER         lldb-server, or empty if there is none (macOS has its own debugserver)
 
-set(_lldb_newest 22)
-set(_lldb_oldest 14)
+file(STRINGS "${CMAKE_CURRENT_LIST_DIR}/lldb-versions" _lldb_versions REGEX "^[0-9]+$")
+list(GET _lldb_versions 0 _lldb_oldest)
+list(GET _lldb_versions -1 _lldb_newest)
+list(REVERSE _lldb_versions)
 
 set(_lldb_prefixes)
-foreach(_version RANGE ${_lldb_newest} ${_lldb_oldest} -1)
+foreach(_version IN LISTS _lldb_versions)
   list(APPEND _lldb_prefixes
     /usr/lib/llvm-${_version}
     /usr/lib64/llvm${_version}
@@ -19,6 +23,11 @@ foreach(_version RANGE ${_lldb_newest} ${_lldb_oldest} -1)
     /usr/local/opt/llvm@${_version})
 endforeach()
 list(APPEND _lldb_prefixes /opt/homebrew/opt/llvm /usr/local/opt/llvm /usr)
+# The versions that are not in the list, the newest first.
+file(GLOB _lldb_others /usr/lib/llvm-[0-9]* /usr/lib64/llvm[0-9]* /opt/homebrew/opt/llvm@[0-9]*
+  /usr/local/opt/llvm@[0-9]*)
+list(SORT _lldb_others COMPARE NATURAL ORDER DESCENDING)
+list(APPEND _lldb_prefixes ${_lldb_others})
 if(LLDB_ROOT)
   set(_lldb_prefixes "${LLDB_ROOT}")
 endif()
@@ -45,8 +54,16 @@ endforeach()
 
 if(LLDB_LIBRARY)
   get_filename_component(_lldb_file "${LLDB_LIBRARY}" REALPATH)
-  if("${_lldb_file} ${_lldb_prefix}" MATCHES "(liblldb-|liblldb\\.so\\.|liblldb\\.|llvm-|llvm@|llvm)([0-9][0-9])")
+  if("${_lldb_file} ${_lldb_prefix}" MATCHES "(liblldb-|liblldb\\.so\\.|liblldb\\.|llvm-|llvm@|llvm)([0-9]+)")
     set(LLDB_VERSION_MAJOR "${CMAKE_MATCH_2}")
+    if(LLDB_VERSION_MAJOR LESS _lldb_oldest)
+      message(FATAL_ERROR "lldb-helper needs LLDB ${_lldb_oldest} or newer, and ${_lldb_prefix} has LLDB "
+        "${LLDB_VERSION_MAJOR}. Run script/bootstrap, or set -DLLDB_ROOT=PREFIX.")
+    elseif(LLDB_VERSION_MAJOR GREATER _lldb_newest)
+      # script/build shows this line.
+      message(NOTICE "lldb-helper: nobody has tried LLDB ${LLDB_VERSION_MAJOR} yet; the newest that is tested is "
+        "LLDB ${_lldb_newest}")
+    endif()
   endif()
   find_program(LLDB_SERVER lldb-server PATHS "${_lldb_prefix}/bin" NO_DEFAULT_PATH)
   if(NOT LLDB_SERVER)

@@ -13,5 +13,3 @@ set(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool)
 
 # Zig lacks os/log.h.
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${CMAKE_CURRENT_LIST_DIR}")
-# LLDB for macOS is not available here, so its symbols stay undefined. script/check-macos checks them.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-undefined,dynamic_lookup")
