@@ -1,133 +1,198 @@
-"""Starting, stopping and ending, in orders and at speeds that are hard for a debugger's threads; programs that LLDB stops
-and resumes itself; and processes that LLDB's command line replaces."""
+"""Starting, stopping and ending, in orders and at speeds that are hard for a debugger's threads.
 
+Also programs that LLDB stops and resumes itself, and processes that LLDB's command line replaces.
+"""
+
+import os
+import shutil
 import statistics
+import subprocess
+import sys
+import tempfile
+import time
 
-from kit import *
+import pytest
+from harness import machine
+from harness.checking import OK, Host, error
+from harness.machine import Program, descendants, eventually, inferior, stat
+from harness.stub import Stub, remote
 
-HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
-WAIT = HELLO | {"path": inferior("wait")}
-one_processor = lambda: os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+CREATE_HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
+CREATE_WAIT = CREATE_HELLO | {"path": inferior("wait")}
 
 
+def use_one_processor():
+    """For the child, before the helper starts."""
+    os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
+
+
+def seconds(function, *arguments):
+    """How long a call takes."""
+    start = time.monotonic()
+    function(*arguments)
+    return time.monotonic() - start
+
+
+@pytest.mark.slow
+@pytest.mark.linux("the soak looks at the kernel's view of memory and processes")
+@pytest.mark.skipif(
+    bool(machine.SANITIZER) or machine.LLDB_MAJOR < 22,
+    reason="the soak's model is that of the released program with LLDB 22",
+)
 def test_a_hundred_random_sessions_are_as_the_model_of_the_soak():
-    if SANITIZER or int(CACHE["TESTS_LLDB"]) < 22:
-        raise NotTested("the soak's model is that of the released program with LLDB 22")
-    subprocess.run([sys.executable, "-B", f"{SOURCE}/script/soak", "0", "1"], check=True)
+    soak = [sys.executable, "-B", f"{machine.SOURCE}/script/soak", "0", "1"]
+    subprocess.run(soak, check=True)
 
 
 def test_a_launch_that_fails_leaves_no_target(host):
+    """All in one helper: what one of them leaves would harm the next, and the launch at the end."""
     denied = shutil.copy(inferior("hello"), tempfile.mkdtemp())
     os.chmod(denied, 0o644)
-    for prefix, preparation in (
+    failures = [
         ("cannot build target: ", {"path": "/nowhere/program"}),
         ("cannot ", {"path": "/etc/passwd"}),
         ("cannot ", {"path": ""}),
         ("cannot create process: ", {"cwd": "/nowhere"}),
         ("cannot ", {"triple": "bogus-bogus-bogus"}),
-        ("cannot ", {"triple": "x86_64-linux-gnu"}),  # selects another platform in LLDB; launches must go on to work
+        # This one selects another platform in LLDB.
+        ("cannot ", {"triple": "x86_64-linux-gnu"}),
         ("cannot create process: ", {"path": denied}),
-    ):
-        host.ok(**HELLO | preparation)
+    ]
+    for prefix, preparation in failures:
+        host.ok(**CREATE_HELLO | preparation)
         for _ in range(2):
             message = host.ask("createProcess")["message"]
-            check(message.startswith(prefix) and len(message) > len(prefix) + 5, message)
-            expect(host.ask("getProcessState"), error("no target"))
-    expect(host.run("hello"), ("hello\r\nworld\r\n", 3))
-    expect(host.cli("target list"), "No targets.\n")
+            assert message.startswith(prefix)
+            assert len(message) > len(prefix) + 5, "there is no reason in the message"
+            assert host.ask("getProcessState") == error("no target")
+    assert host.run_session("hello") == ("hello\r\nworld\r\n", 3)
+    assert host.cli("target list") == "No targets.\n"
 
 
-def test_continue_right_after_create():
-    for rounds in (40, *[1] * 10):  # in one helper, and in new ones
+@pytest.mark.slow
+@pytest.mark.parametrize(
+    "helpers, rounds", [(1, 40), (10, 1)], ids=["again and again", "in new helpers"]
+)
+def test_a_continue_in_the_same_write_as_the_launch_follows_the_stop_at_the_entry(helpers, rounds):
+    for _ in range(helpers):
         host = Host()
         for _ in range(rounds):
-            expect(host.ask_all(HELLO, "createProcess", "continueExecution"), [OK] * 3)
-            for state in ("eStateStopped", "eStateRunning", "eStateExited"):
-                host.state(state)
+            answers = host.ask_all(CREATE_HELLO, "createProcess", "continueExecution")
+            assert answers == [OK] * 3
+            host.state("eStateStopped")
+            host.state("eStateRunning")
+            host.state("eStateExited")
             host.ok("deleteProcess")
         host.end()
 
 
-def test_delete_does_not_wait_for_the_event_thread(host):
-    """It waits for a whole second at a time, and has just begun to."""
+def test_deleting_a_process_does_not_wait_for_the_event_thread(host):
+    """That thread waits for a whole second at a time, and has just begun to."""
     times = []
     for _ in range(7):
         host.launch("wait")
+        times.append(seconds(host.ok, "deleteProcess"))
+    assert statistics.median(times) < 0.4, times
+
+
+@pytest.mark.slow
+@pytest.mark.linux("the shim and the processors of a process")
+@pytest.mark.parametrize("late_events", ["one processor", "a shim"])
+def test_ending_right_after_a_step_is_quick_and_reports_the_exit(late_events):
+    """LLDB's public state is old here. A kill that trusts it crashes LLDB, or waits 20 seconds.
+
+    On one processor LLDB's events are taken late. The shim makes sure of it.
+    """
+    if late_events == "one processor":
+        host = Host(prepare=use_one_processor)
+    else:
+        host = Host(env=machine.shim(SLOW_EVENTS="20"))
+    for end, exits in [("deleteProcess", 0), ("stopExecution", 1)] * 8:
+        assert host.ask_all(CREATE_WAIT, "createProcess") == [OK] * 2
         start = time.monotonic()
-        host.ok("deleteProcess")
-        times.append(time.monotonic() - start)
-    check(statistics.median(times) < 0.4, times)
-
-
-def test_ending_right_after_a_step():
-    """LLDB's public state is old here. A kill that trusts it crashes LLDB, or waits 20 seconds. The exit is reported."""
-    # On one processor LLDB's events are taken late.
-    for host in (Host(prepare=one_processor), Host(env=shim(SLOW_EVENTS="20"))):
-        for end in ("deleteProcess", "stopExecution") * 8:
-            expect(host.ask_all(WAIT, "createProcess"), [OK] * 2)
-            start = time.monotonic()
-            expect(host.ask_all("stepOver", "stepInstruction", end, "deleteProcess")[:3], [OK] * 3)
-            check(time.monotonic() - start < 10, end)
-            expect(sum("exit_status" in event for event in host.rest()), int(end == "stopExecution"), f"exits after {end}")
-        host.end()
-
-
-def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
-    """It starts later than the helper waits for anything."""
-    host = Host(env=shim(SLOW_START="3000"))
-    expect(host.ask_all(HELLO, "createProcess", "deleteProcess"), [OK] * 3)
+        answers = host.ask_all("stepOver", "stepInstruction", end, "deleteProcess")
+        assert answers[:3] == [OK] * 3
+        assert time.monotonic() - start < 10, end
+        reported = [event for event in host.rest() if "exit_status" in event]
+        assert len(reported) == exits, end
     host.end()
 
 
-def test_attach_to_a_running_program(host):
-    for executable in (inferior("wait"), "/nowhere", ""):
-        program = Program(inferior("wait"))
-        arguments = {"pid": program.pid, "executable": executable, "triple": ""}
-        answer = host.ok("attachToProcess", **arguments)
-        expect(sorted(answer), ["aslrSlide", "fileAddr", "loadAddr", "sectionName"])
-        check(answer["sectionName"], "a section without name")
-        slide = image_base(program.pid, inferior("wait"))
-        expect((answer["loadAddr"] - answer["fileAddr"], answer["aslrSlide"]), (slide, slide))
-        expect(stat(program.pid)[1], "t")
+@pytest.mark.linux("the shim")
+def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
+    """The thread starts later than the helper waits for anything."""
+    host = Host(env=machine.shim(SLOW_START="3000"))
+    assert host.ask_all(CREATE_HELLO, "createProcess", "deleteProcess") == [OK] * 3
+    host.end()
+
+
+# The executable that the host names need not be there: LLDB finds it by itself.
+@pytest.mark.linux("the kernel shows where a program lies, and who traces it")
+@pytest.mark.parametrize(
+    "executable",
+    [inferior("wait"), "/nowhere", ""],
+    ids=["named", "named wrongly", "not named"],
+)
+def test_a_running_program_is_attached_to_and_outlives_all_but_a_stop(host, executable):
+    program = Program(inferior("wait"))
+    attach = {"pid": program.pid, "executable": executable, "triple": ""}
+
+    answer = host.ok("attachToProcess", **attach)
+    assert sorted(answer) == ["aslrSlide", "fileAddr", "loadAddr", "sectionName"]
+    assert answer["sectionName"]
+    slide = machine.image_base(program.pid, inferior("wait"))
+    assert answer["aslrSlide"] == slide
+    assert answer["loadAddr"] - answer["fileAddr"] == slide
+    assert stat(program.pid)[1] == "t", "it is not traced"
+    host.state("eStateStopped")
+    host.resume_only()
+    host.ok("detach")
+    host.state("eStateDetached")
+    eventually(lambda: stat(program.pid)[1] == "S", "it sleeps, as before")
+    host.ok("deleteProcess")
+
+    def attach_resume_and(end):
+        """It may be resumed in the write that attaches to it."""
+        answers = host.ask_all({"command": "attachToProcess"} | attach, "continueExecution")
+        assert [answer["status"] for answer in answers] == ["ok"] * 2
         host.state("eStateStopped")
-        host.resume_only()
-        host.ok("detach")
-        host.state("eStateDetached")
+        host.state("eStateRunning")
+        host.ok(end)
+
+    for _ in range(10):
+        attach_resume_and("deleteProcess")
         eventually(lambda: stat(program.pid)[1] == "S", "it sleeps, as before")
-        host.ok("deleteProcess")
-        # An attached program outlives the deletion, too. It may be resumed in the write that attaches to it.
-        for end, states in [("deleteProcess", "S")] * 10 + [("stopExecution", "XZ")]:
-            answers = host.ask_all({"command": "attachToProcess"} | arguments, "continueExecution")
-            expect([answer["status"] for answer in answers], ["ok"] * 2)
-            host.state("eStateStopped")
-            host.state("eStateRunning")
-            host.ok(end)
-            eventually(lambda: stat(program.pid)[1] in states, end)
-        host.state("eStateExited")
-        host.ok("deleteProcess")
+    attach_resume_and("stopExecution")
+    eventually(lambda: machine.is_gone(program.pid), "it is ended")
+    host.state("eStateExited")
+    host.ok("deleteProcess")
 
 
-def test_a_stop_that_lldb_resumes_is_no_stop(host):
-    """LLDB stops each program dozens of times. A continue that crosses a stop is refused and strands nothing."""
-    for how in ("vfork", "spawn", "timer", "calls"):
-        host.launch("forks", f"{how} 30")
-        if how != "timer":  # a signal may keep LLDB from evaluating a condition, and then the program stops
-            host.cli("breakpoint set -n call -c 'calls < 0'")
-        host.resume_only()
-        while host.events.empty():  # of the program's output or exit
-            answer = host.ask("continueExecution")
-            check(answer.get("message") == "resume request failed - process already running" or not host.events.empty(), answer)
-        expect((host.state("eStateExited")["exit_status"], host.output), (5, "done\r\n"), how)
-        host.ok("deleteProcess")
+@pytest.mark.parametrize("how", ["vfork", "spawn", "timer", "calls"])
+def test_a_stop_after_which_lldb_resumes_is_not_reported(host, how):
+    """LLDB stops each program dozens of times. A continue that crosses a stop strands nothing."""
+    host.launch("forks", f"{how} 30")
+    # A signal may keep LLDB from evaluating a condition, and then the program stops.
+    if how != "timer":
+        host.cli("breakpoint set -n call -c 'calls < 0'")
+    host.resume_only()
+    while host.events.empty():  # of the program's output or exit
+        answer = host.ask("continueExecution")
+        is_refused = answer.get("message") == "resume request failed - process already running"
+        assert is_refused or not host.events.empty(), answer
+    assert host.state("eStateExited")["exit_status"] == 5
+    assert host.output == "done\r\n"
 
 
-def test_a_stop_among_them_is_one(host):
+def test_a_breakpoint_whose_condition_holds_stops_a_program_that_forks(host):
     host.launch("forks", "vfork 30")
     host.cli("breakpoint set -n call -c 'calls == 23'")
     host.resume()
-    check("= 23" in (answer := host.cli("expression calls")), answer)
+    assert "= 23" in host.cli("expression calls")
     host.resume("eStateExited")
-    host.ok("deleteProcess")
+
+
+def test_a_signal_that_stops_does_so_each_time_until_it_no_longer_shall(host):
     host.launch("forks", "timer 20")
     host.cli("process handle --stop true SIGALRM")
     for _ in range(5):
@@ -136,63 +201,74 @@ def test_a_stop_among_them_is_one(host):
     host.resume("eStateExited")
 
 
-def test_ending_in_the_middle_of_them_leaves_nothing(host):
-    for how in ("vfork", "fork", "timer"):
-        for end in ("deleteProcess", "stopExecution") * 3:
-            host.launch("forks", f"{how} 1000000")
-            host.resume_only()
-            host.ok(end)
-            if end == "stopExecution":
-                host.state("eStateExited")
-                host.ok("deleteProcess")
-            eventually(lambda: not descendants(host.pid, "forks"), f"{how}, {end}: it is gone")
-            expect([event for event in host.rest() if event["type"] == "state"], [])
+@pytest.mark.parametrize("how", ["vfork", "fork", "timer"])
+@pytest.mark.parametrize("end", ["deleteProcess", "stopExecution"])
+def test_ending_a_program_that_lldb_keeps_stopping_leaves_nothing(host, how, end):
+    for _ in range(3):
+        host.launch("forks", f"{how} 1000000")
+        host.resume_only()
+        host.ok(end)
+        if end == "stopExecution":
+            host.state("eStateExited")
+            host.ok("deleteProcess")
+        eventually(lambda: not descendants(host.pid, "forks"), "it is gone")
+        assert [event for event in host.rest() if event["type"] == "state"] == []
 
 
-def test_an_end_comes_before_a_stop_is_taken_or_handled():
-    """The stop that an end causes is hidden, however late. For one that is queued LLDB itself would wait 20 seconds."""
-    host = Host(env=shim(SLOW_EVENTS="60"))
+@pytest.mark.linux("the shim")
+def test_a_late_stop_that_an_end_causes_is_not_reported():
+    host = Host(env=machine.shim(SLOW_EVENTS="60"))
     host.start_waiting()
     host.ok("stopExecution")
     host.state("eStateExited")
-    for _ in range(2):
-        host.ok("deleteProcess")
-        list(host.rest())  # the exit
-        host.launch("steps")
-        host.ok("setBreakpointAtVirtualAddress", address=host.address("main"))
-        host.resume_only()
-        start = time.monotonic()
-        host.cli("process kill")
-        check((took := time.monotonic() - start) < 10, took)
+    host.ok("deleteProcess")
+    assert [event for event in host.rest() if event["type"] == "state"] == []
+    assert host.run_session("hello")[1] == 3
     host.end()
 
 
-def test_input_reaches_the_process_that_is_there(host):
-    for how in ("process kill", "target delete"):
-        host.start_waiting("echo")
-        host.ok("sendToApplication", data=list(b"1\n"))
-        host.await_output("31 0a ")
-        host.cli(how)
-        if how == "process kill":
-            host.cli("process launch")
-        else:
-            expect(host.ask_all("createProcess", "continueExecution"), [OK] * 2)
-        while host.next_event().get("output") != b"ready\r\n".hex():
-            pass
-        host.ok("sendToApplication", data=list(b"2\n"))
-        host.await_output("32 0a ")
+@pytest.mark.linux("the shim")
+def test_a_kill_in_the_command_line_does_not_wait_for_a_stop_that_is_queued():
+    """LLDB by itself would wait 20 seconds for it."""
+    host = Host(env=machine.shim(SLOW_EVENTS="60"))
+    for _ in range(2):
+        host.launch("steps")
+        host.ok("setBreakpointAtVirtualAddress", address=host.address("main"))
+        host.resume_only()
+        assert seconds(host.cli, "process kill") < 10
         host.ok("deleteProcess")
+        list(host.rest())  # the exit
+    host.end()
 
 
-def test_a_target_deleted_by_hand_takes_its_event_thread_along(host):
+@pytest.mark.parametrize("how", ["process kill", "target delete"])
+def test_input_reaches_the_process_that_replaced_the_first_one(host, how):
+    host.start_waiting("echo")
+    host.ok("sendToApplication", data=list(b"1\n"))
+    host.await_output("31 0a ")
+    host.cli(how)
+    if how == "process kill":
+        host.cli("process launch")
+    else:
+        assert host.ask_all("createProcess", "continueExecution") == [OK] * 2
+    # The states in between depend on how the process was replaced.
+    while host.next_event().get("output") != b"ready\r\n".hex():
+        pass
+    host.ok("sendToApplication", data=list(b"2\n"))
+    host.await_output("32 0a ")
+
+
+def test_a_target_that_the_command_line_deletes_takes_its_event_thread_along(host):
     host.start_waiting()
     host.cli("target delete --all")
-    expect(host.ask_all("deleteProcess", "getProcessState"), [error("no process"), error("no target")])
+    answers = host.ask_all("deleteProcess", "getProcessState")
+    assert answers == [error("no process"), error("no target")]
 
 
+@pytest.mark.linux("the processors of a process")
 def test_two_programs_may_load_their_modules_at_the_same_time():
     """On one processor LLDB's pool has one thread, for which both would wait."""
-    host = Host(prepare=one_processor)
+    host = Host(prepare=use_one_processor)
     host.launch("wait")
     host.cli(f'target create "{inferior("hello")}"')
     host.cli("process launch")
@@ -203,11 +279,45 @@ def test_two_programs_may_load_their_modules_at_the_same_time():
 
 
 def test_without_an_event_thread_nothing_waits_for_it(host):
-    """A refused connection leaves a target, in which the command line may launch. No thread takes LLDB's events then."""
-    refused = {"url": f"connect://127.0.0.1:{free_port()}", "plugin": "gdb-remote", "file": inferior("wait")}
-    expect(host.ask("connectRemote", **refused), error("cannot connect to remote, invalid process"))
+    """A refused connection leaves a target, in which the command line may launch.
+
+    No thread takes LLDB's events then.
+    """
+    refused = remote(machine.free_port(), inferior("wait"))
+    message = "cannot connect to remote, invalid process"
+    assert host.ask("connectRemote", **refused) == error(message)
     host.cli("process launch")
-    for ask in (lambda: host.cli("version"), lambda: host.ok("deleteProcess")):
-        start = time.monotonic()
-        ask()
-        check((took := time.monotonic() - start) < 1.9, took)
+    assert seconds(host.cli, "version") < 1.9
+    assert seconds(host.ok, "deleteProcess") < 1.9
+
+
+def described(text):
+    return f"description:{text.encode().hex()};"
+
+
+REASONS = {
+    "Trace": "reason:trace;",
+    "Signal": "",
+    "Watchpoint": "reason:watchpoint;" + described("4198400 0 0"),
+    "Exception": "reason:exception;" + described("EXC_BAD_ACCESS"),
+    "Exec": "reason:exec;",
+}
+
+
+@pytest.mark.parametrize("name, reason", REASONS.items(), ids=REASONS)
+def test_the_reason_that_a_debug_server_gives_is_the_state_of_the_thread(host, name, reason):
+    stub = Stub(c=f"T05thread:1;threads:1;{reason}")
+    host.ok("connectRemote", **stub.arguments())
+    host.state("eStateStopped")
+    host.resume()
+    assert host.ok("getThreadIDList") == {"threads": [{"state": name, "thread-id": 1}]}
+
+
+@pytest.mark.parametrize("reason", ["fork;fork:p2.2;", "vfork;vfork:p2.2;", "vforkdone;"])
+def test_a_fork_that_a_debug_server_reports_is_no_stop(host, reason):
+    """LLDB resumes by itself; the program ends at that."""
+    stops = iter([f"T05thread:1;threads:1;reason:{reason}", "W07"])
+    stub = Stub(c=lambda packet: next(stops))
+    host.ok("connectRemote", **stub.arguments())
+    host.state("eStateStopped")
+    assert host.resume("eStateExited")["exit_status"] == 7

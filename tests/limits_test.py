@@ -1,35 +1,49 @@
-"""Requests that need more than there is, that LLDB would never answer, or that come in odd surroundings."""
+"""Requests that need more than there is, that LLDB would never answer, or in odd surroundings."""
 
 import errno
 import itertools
+import json
+import os
 import pathlib
 import resource
+import socket
+import struct
+import tempfile
+import time
 
-import seccomp
+import pytest
+from harness import machine
+from harness.checking import OK, Host, error
+from harness.machine import Program, descendants, eventually, inferior, stat
+from harness.stub import remote, serve
 
-from kit import *
-
-ADDR_NO_RANDOMIZE, CLONE_CHILD_SETTID = 0x40000, 0x1000000
+REFUSED = error("cannot connect to remote, invalid process")
 
 
 def refuse(call, bits=0):
-    """From here on a system call fails if its first argument has these bits. Containers have such filters."""
+    """From here on a system call fails if its first argument has these bits.
+
+    Containers have such filters.
+    """
+    import seccomp  # only Linux has it
+
     calls = seccomp.SyscallFilter(seccomp.ALLOW)
-    calls.add_rule(seccomp.ERRNO(errno.EPERM), call, seccomp.Arg(0, seccomp.MASKED_EQ, bits, bits))
+    has_bits = seccomp.Arg(0, seccomp.MASKED_EQ, bits, bits)
+    calls.add_rule(seccomp.ERRNO(errno.EPERM), call, has_bits)
     calls.load()
 
 
 def launch_hello(host):
-    """Returns the answer to createProcess."""
+    """Returns the answer to createProcess. One that fails leaves no target."""
     host.prepare("hello")
     answer = host.ask("createProcess")
-    check(answer == OK or host.ask("getProcessState") == error("no target"), "a target is left")
+    assert answer == OK or host.ask("getProcessState") == error("no target")
     return answer
 
 
-def test_descriptors_run_out_at_each_step_of_a_launch(host):
-    if SANITIZER:
-        raise NotTested("a sanitizer needs a pipe to look at memory")
+@pytest.mark.linux("prlimit, and /proc shows the descriptors")
+@pytest.mark.skipif(bool(machine.SANITIZER), reason="a sanitizer needs a pipe to look at memory")
+def test_a_launch_that_runs_out_of_descriptors_at_any_step_fails_and_the_next_works(host):
     host.ok("ping")
     before = resource.prlimit(host.pid, resource.RLIMIT_NOFILE)
     for more in range(32):
@@ -39,158 +53,256 @@ def test_descriptors_run_out_at_each_step_of_a_launch(host):
         resource.prlimit(host.pid, resource.RLIMIT_NOFILE, before)
         if answer == OK:
             break
-    check(0 < more < 31, "it needs as many descriptors as it gets")
+    assert 0 < more < 31, "it needs as many descriptors as it gets"
     host.state("eStateStopped")
     host.ok("deleteProcess")
-    expect(host.run("hello")[1], 3)
+    assert host.run_session("hello")[1] == 3
 
 
-def test_memory_runs_out_for_an_answer(host):
-    if SANITIZER:
-        raise NotTested("a sanitizer ends the program where memory runs out")
+@pytest.mark.linux("prlimit")
+@pytest.mark.skipif(
+    bool(machine.SANITIZER), reason="a sanitizer ends the program where memory runs out"
+)
+def test_a_request_that_memory_does_not_suffice_for_is_refused(host):
     host.launch("wait")
-    resource.prlimit(host.pid, resource.RLIMIT_AS, [(status_figure(host.pid, "VmSize") + 256 * 1024) * 1024] * 2)
-    # In a handler, and outside of one.
-    expect(host.ask("readMemory", length=2147483647), error("bad request: std::bad_alloc"))
+    limit = (machine.status_figure(host.pid, "VmSize") + 256 * 1024) * 1024
+    resource.prlimit(host.pid, resource.RLIMIT_AS, (limit, limit))
+    # In a handler: it needs the memory for its answer.
+    assert host.ask("readMemory", length=2147483647) == error("bad request: std::bad_alloc")
+    # Outside of one: a frame of this length has no place.
     host.asked.append("response")
     host.requests.write(struct.pack("=I", 0x70000000))
     host.requests.flush()
-    expect(host.response(), OK | {"message": "EOF"})
+    assert host.response() == OK | {"message": "EOF"}
 
 
+@pytest.mark.linux("/dev/log")
 def test_a_log_that_is_full_holds_nothing_up():
     daemon = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     try:
         daemon.bind("/dev/log")
     except OSError as problem:
-        raise NotTested(f"no place for a log at /dev/log: {problem}") from None
+        pytest.skip(f"no place for a log at /dev/log: {problem}")
     try:
-        expect(Host().ask_all(*["getRegisters"] * 1000), [error("no process")] * 1000)
-        check(daemon.recv(1024, socket.MSG_DONTWAIT), "no record")
+        answers = Host().ask_all(*["getRegisters"] * 1000)
+        assert answers == [error("no process")] * 1000
+        assert daemon.recv(1024, socket.MSG_DONTWAIT), "no record"
     finally:
         os.unlink("/dev/log")
 
 
-def test_requests_may_be_large_and_many(host):
+def test_a_request_of_64_mib_is_answered(host):
     host.checks_requests = False
     name = "x" * (64 << 20)
     host.send(b'{"command":"%s"}' % name.encode())
-    check(host.response() == error(f"unknown command '{name}'"), "not the whole name")
-    # The answers do not fit the pipe, so the helper stops reading until they are read.
-    ids = range(10000)
-    expect(host.ask_all(*({"command": "ping", "id": number} for number in ids)), [OK | {"id": number} for number in ids])
+    is_whole = host.response() == error(f"unknown command '{name}'")
+    assert is_whole  # without the texts: pytest would compare them for minutes
 
 
-def test_odd_surroundings_work_or_are_refused_with_a_reason():
-    folder, program = pathlib.Path(tempfile.mkdtemp()), Program(inferior("wait"))
-    (folder / ".lldbinit").write_text("settings set prompt surprise\nquit 7\n")
-    (folder / "lldb.py").write_text("raise ImportError\n")
+def test_10000_requests_in_one_write_are_answered(host):
+    """The answers do not fit the pipe, so the helper stops reading until they are read."""
+    pings = [{"command": "ping", "id": number} for number in range(10000)]
+    answers = host.ask_all(*pings)
+    assert answers == [OK | {"id": number} for number in range(10000)]
 
+
+# --- Odd surroundings. Each returns what Host() gets for them; `folder` is the test's own. ---------
+
+
+def variables(**changed):
+    return {"env": os.environ | changed}
+
+
+def empty_environment(folder):
+    """All but what a sanitized build needs."""
+    kept = ("LSAN_OPTIONS", "TSAN_OPTIONS")
+    return {"env": {name: os.environ[name] for name in kept if name in os.environ}}
+
+
+def no_home(folder):
+    return {"env": {name: value for name, value in os.environ.items() if name != "HOME"}}
+
+
+def commands_at_home(folder):
+    write_lldbinit(folder)
+    return variables(HOME=folder)
+
+
+def commands_in_the_working_directory(folder):
+    write_lldbinit(folder)
+    return {"cwd": folder}
+
+
+def write_lldbinit(folder):
+    commands = "settings set prompt surprise\nquit 7\n"
+    pathlib.Path(folder, ".lldbinit").write_text(commands)
+
+
+def removed_working_directory(folder):
     def lose_folder():
         os.chdir(tempfile.mkdtemp())
         os.rmdir(os.getcwd())
 
-    variables = lambda **changed: {"env": os.environ | changed}
-    sanitizers = {name: os.environ[name] for name in ("LSAN_OPTIONS", "TSAN_OPTIONS") if name in os.environ}
-    no_leaks = variables(ASAN_OPTIONS="detect_leaks=0")  # the search for leaks needs ptrace itself
-    for surroundings, options, works in (
-        ("an empty environment", {"env": sanitizers}, True),
-        ("no home", {"env": {name: value for name, value in os.environ.items() if name != "HOME"}}, True),
-        ("commands in ~/.lldbinit", variables(HOME=folder), True),
-        ("commands in ./.lldbinit", {"cwd": folder}, True),
-        ("a working directory that was removed", {"prepare": lose_folder}, True),
-        ("no Python package beside LLDB", variables(PYTHONPATH=folder), True),
-        ("another Python's home", variables(PYTHONHOME=folder), True),
-        ("no log socket", {"prepare": lambda: refuse("socket", socket.AF_UNIX)}, True),
-        ("fixed addresses refused", {"prepare": lambda: refuse("personality", ADDR_NO_RANDOMIZE)}, True),
-        ("no debug server", variables(LLDB_DEBUGSERVER_PATH="/nowhere/lldb-server"), False),
-        ("no new processes", {"prepare": lambda: refuse("clone", CLONE_CHILD_SETTID)}, False),  # threads may start
-        ("ptrace refused", no_leaks | {"prepare": lambda: refuse("ptrace")}, False),
-    ):
-        host = Host(**options)
-        answer = launch_hello(host)
-        check((answer == OK) == works, f"{surroundings}: {answer}")
-        if works:
-            host.state("eStateStopped")
-            expect(host.resume("eStateExited")["exit_status"], 3, surroundings)
-            check("surprise" not in host.cli("settings show prompt"), surroundings)
-        else:
-            check(answer["message"].startswith("cannot create process: "), answer)
-            answer = host.ask("attachToProcess", pid=program.pid)
-            check(answer["message"].startswith("cannot attach to process: ") and stat(program.pid)[1] == "S", answer)
-        host.end()
+    return {"prepare": lose_folder}
 
 
-REFUSED = error("cannot connect to remote, invalid process")
+def broken_python_package(folder):
+    pathlib.Path(folder, "lldb.py").write_text("raise ImportError\n")
+    return variables(PYTHONPATH=folder)
 
 
-def connect(port, file=""):
-    return {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "file": file}
+def home_of_another_python(folder):
+    return variables(PYTHONHOME=folder)
 
 
-def test_files_that_never_end_or_never_open(host):
-    pipe = os.path.join(tempfile.mkdtemp(), "pipe")
-    os.mkfifo(pipe)
+def no_log_socket(folder):
+    return {"prepare": lambda: refuse("socket", socket.AF_UNIX)}
+
+
+def fixed_addresses_refused(folder):
+    addr_no_randomize = 0x40000
+    return {"prepare": lambda: refuse("personality", addr_no_randomize)}
+
+
+LINUX_FILTER = pytest.mark.linux("a filter of system calls")
+
+
+@pytest.mark.parametrize(
+    "surroundings",
+    [
+        empty_environment,
+        no_home,
+        commands_at_home,
+        commands_in_the_working_directory,
+        removed_working_directory,
+        broken_python_package,
+        home_of_another_python,
+        pytest.param(no_log_socket, marks=LINUX_FILTER),
+        pytest.param(fixed_addresses_refused, marks=LINUX_FILTER),
+    ],
+)
+def test_a_program_runs_in_odd_surroundings(isolation, surroundings):
+    host = Host(**surroundings(isolation))
+    assert launch_hello(host) == OK
+    host.state("eStateStopped")
+    assert host.resume("eStateExited")["exit_status"] == 3
+    assert "surprise" not in host.cli("settings show prompt")
+    host.end()
+
+
+def no_debug_server():
+    return variables(LLDB_DEBUGSERVER_PATH="/nowhere/lldb-server")
+
+
+def no_new_processes():
+    clone_child_settid = 0x1000000  # threads are started without it
+    return {"prepare": lambda: refuse("clone", clone_child_settid)}
+
+
+def ptrace_refused():
+    # The search for leaks needs ptrace itself.
+    no_leaks = variables(ASAN_OPTIONS="detect_leaks=0")
+    return no_leaks | {"prepare": lambda: refuse("ptrace")}
+
+
+@pytest.mark.parametrize(
+    "surroundings",
+    [
+        no_debug_server,
+        pytest.param(no_new_processes, marks=LINUX_FILTER),
+        pytest.param(ptrace_refused, marks=LINUX_FILTER),
+    ],
+)
+def test_where_nothing_can_be_debugged_the_helper_says_why(surroundings):
     program = Program(inferior("wait"))
-    for file in (pipe, "/dev/zero"):
-        host.prepare(file)
-        expect(host.ask("createProcess"), error(f"cannot build target: '{file}' is not a file"))
-        for plugin in ("gdb-remote", "kdp-remote"):
-            expect(host.ask("connectRemote", **connect(1, file) | {"plugin": plugin}), REFUSED)
-        expect(host.ask("getProcessState"), error("no target"))
-        # LLDB finds the executable of a running process by itself.
-        host.ok("attachToProcess", pid=program.pid, executable=file)
-        host.state("eStateStopped")
-        host.ok("deleteProcess")
-    expect(host.run("hello")[1], 3)
+    host = Host(**surroundings())
+    message = launch_hello(host)["message"]
+    assert message.startswith("cannot create process: ")
+    message = host.ask("attachToProcess", pid=program.pid)["message"]
+    assert message.startswith("cannot attach to process: ")
+    assert stat(program.pid)[1] == "S", "the program does not run on"
+    host.end()
 
 
-def test_processes_that_cannot_be_attached_to(host):
+# --- What LLDB would wait for without end. ---------------------------------------------------------
+
+
+def named_pipe():
+    path = os.path.join(tempfile.mkdtemp(), "pipe")
+    os.mkfifo(path)
+    return path
+
+
+@pytest.mark.parametrize(
+    "make_file",
+    [
+        pytest.param(named_pipe, id="a pipe that nobody writes to"),
+        pytest.param(lambda: "/dev/zero", id="a device without end"),
+    ],
+)
+def test_a_file_that_never_opens_or_never_ends_is_not_read(host, make_file):
+    file = make_file()
+    program = Program(inferior("wait"))
+    host.prepare(file)
+    assert host.ask("createProcess") == error(f"cannot build target: '{file}' is not a file")
+    for plugin in ("gdb-remote", "kdp-remote"):
+        connection = remote(1, file) | {"plugin": plugin}
+        assert host.ask("connectRemote", **connection) == REFUSED
+    assert host.ask("getProcessState") == error("no target")
+    # LLDB finds the executable of a running process by itself.
+    host.ok("attachToProcess", pid=program.pid, executable=file)
+    host.state("eStateStopped")
+    host.ok("deleteProcess")
+    assert host.run_session("hello")[1] == 3
+
+
+@pytest.mark.linux("lldb-server; macOS has another server")
+def test_an_attach_that_cannot_succeed_is_refused_with_a_reason(host):
+    """All in one helper: its own debug server is one of them, and the launch comes after all."""
     host.launch("wait")
     servers = descendants(host.pid, "lldb-server")
-    check(servers, "there is a debug server")
+    assert servers, "there is no debug server"
     host.cli("target delete")
     list(host.rest())  # its exit, if LLDB had time for it
-    program = Program(inferior("wait"))  # to 0 LLDB would attach to this one, by its name
+    # To the process 0 LLDB would attach as to this one, by its name.
+    program = Program(inferior("wait"))
     for pid in (host.pid, *servers, 0, 2**22 + 1, 2**32 + program.pid, 2**64 - 1):
         for executable in (inferior("wait"), "/nowhere"):
             message = host.ask("attachToProcess", pid=pid, executable=executable)["message"]
-            check(message.startswith("cannot attach to process: ") and len(message) > 30, (pid, message))
-            expect(host.ask("getProcessState"), error("no target"))
-    expect(host.run("hello")[1], 3)
+            assert message.startswith("cannot attach to process: "), pid
+            assert len(message) > 30, (pid, message)
+            assert host.ask("getProcessState") == error("no target")
+    assert host.run_session("hello")[1] == 3
 
 
-def peer(answer):
-    """A server that sends all texts of answer(data) for the data of each read. Returns its port."""
-    listener = socket.create_server(("127.0.0.1", 0))
-
-    def serve(connection):
-        with contextlib.suppress(OSError):  # the helper has cut it
-            while data := connection.recv(65536):
-                for text in answer(data):
-                    connection.sendall(text)
-
-    def accept():
-        while True:
-            threading.Thread(target=serve, args=(listener.accept()[0],), daemon=True).start()
-
-    threading.Thread(target=accept, daemon=True).start()
-    return listener.getsockname()[1]
+def echo(data):
+    return [data]
 
 
-def test_connections_that_never_come_about_are_cut_after_a_minute():
-    echo = lambda data: [data]
-    stop_always = lambda data: [b"+$T05thread:1;#d7" * max(1, data.count(b"$"))]
-    send_without_end = lambda _: itertools.chain([b"+$"], itertools.repeat(b"x" * 65536))
-    hosts = {answer: Host() for answer in (echo, stop_always, send_without_end)}
+def stop_at_each_packet(data):
+    return [b"+$T05thread:1;#d7" * max(1, data.count(b"$"))]
+
+
+def send_without_end(data):
+    return itertools.chain([b"+$"], itertools.repeat(b"x" * 65536))
+
+
+@pytest.mark.slow
+@pytest.mark.linux("/proc shows the memory that the helper has")
+@pytest.mark.parametrize("answer", [echo, stop_at_each_packet, send_without_end])
+def test_a_connection_that_never_comes_about_is_cut(host, answer):
+    """After sixty times LLDB's patience for a packet, and never in less than a minute."""
+    host.TIMEOUT = 240
+    host.cli("settings set plugin.process.gdb-remote.packet-timeout 1")
     start = time.monotonic()
-    for answer, host in hosts.items():
-        host.send(json.dumps({"command": "connectRemote"} | connect(peer(answer))).encode())
-    for host in hosts.values():
-        host.TIMEOUT = 240
-        expect(host.response(), REFUSED)
-        check(58 < (took := time.monotonic() - start) < 200, took)
-        host.cli("target delete --all")
-        expect(host.run("hello")[1], 3)
-        eventually(lambda: SANITIZER or status_figure(host.pid, "VmRSS") < 300 << 10, "its memory is given back")
-        host.end()
+    connection = {"command": "connectRemote"} | remote(serve(answer))
+    host.send(json.dumps(connection).encode())
+    assert host.response() == REFUSED
+    assert 58 < time.monotonic() - start < 200
+    host.cli("target delete --all")
+    assert host.run_session("hello")[1] == 3
+    if not machine.SANITIZER:
+        eventually(
+            lambda: machine.status_figure(host.pid, "VmRSS") < 300 << 10,
+            "its memory is given back",
+        )

@@ -1,183 +1,364 @@
 """Bytes on the wire, the console, the log, and debug servers of several makers."""
 
-from kit import *
+import json
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+
+import pytest
+from harness import machine
+from harness.checking import AT_ONCE, OK, SCHEMA, Host, error, frame
+from harness.machine import DEADLINE, HELPER, PC, SOURCE, inferior, read
 
 PING = b'{"command":"ping"}'
-NOTHING = "Cannot decode JSON: unexpected end of input"
+NOTHING_TO_DECODE = error("Cannot decode JSON: unexpected end of input")
 
 
-def said(arguments, data):
+def output_of(arguments, data):
     """What a helper with these arguments and this standard input writes to its standard output."""
-    command = [HELPER, *arguments]
-    return subprocess.run(command, input=data, stdout=subprocess.PIPE, timeout=DEADLINE, check=True).stdout
+    helper = subprocess.run(
+        [HELPER, *arguments], input=data, stdout=subprocess.PIPE, timeout=DEADLINE, check=True
+    )
+    return helper.stdout
 
 
-def test_frames_that_no_page_can_show():
-    for data, answers in (
-        (frame(b""), [error(NOTHING)]),
-        (frame(b"\0"), [error(NOTHING)]),
-        (frame(PING + b"\0garbage"), [OK]),
-        (frame(b'{"command":"\xff\n"}'), [error("Cannot decode JSON: unescaped (10) in string")]),
-        (frame(b'{"command":"\xff"}'), [{"message": "unknown command '\udcff'", "status": "error"}]),
-        # The end of input ends the program in order, wherever it comes, and is not answered.
-        (b"", []),
-        (b"\5\0", []),
-        (b'\5\0\0\0{"co', []),
-        (b"\xff\xff\xff\xff{}", []),  # 4 GiB less a byte
-        (b"\0\0\0\x80{}" + frame(PING), []),  # 2 GiB
-        (b"\xff\xff\xff\x7f{}", []),  # 2 GiB less a byte, of which two come
-        (frame(PING) + b"\5", [OK]),
-    ):
-        wanted = b"".join(frame(json.dumps(answer, ensure_ascii=False).encode(errors="surrogateescape")) for answer in answers)
-        expect(said(["0", "1"], data), wanted, data)
-    host = Host()
-    host.requests.write(b"\0\0\0\x80{}")  # is refused before the rest of its text comes
+FRAMES = {
+    "an empty text": (frame(b""), [NOTHING_TO_DECODE]),
+    "a text ends at its first zero byte": (frame(PING + b"\0garbage"), [OK]),
+    "a text that begins with a zero byte": (frame(b"\0"), [NOTHING_TO_DECODE]),
+    "a line end in a string": (
+        frame(b'{"command":"\xff\n"}'),
+        [error("Cannot decode JSON: unescaped (10) in string")],
+    ),
+    "a byte that is not UTF-8 comes back": (
+        frame(b'{"command":"\xff"}'),
+        [error("unknown command '\udcff'")],
+    ),
+    # The end of input ends the program in order, wherever it comes, and is not answered.
+    "no input": (b"", []),
+    "half of a length": (b"\5\0", []),
+    "half of a text": (b'\5\0\0\0{"co', []),
+    "4 GiB less a byte": (b"\xff\xff\xff\xff{}", []),
+    "2 GiB": (b"\0\0\0\x80{}" + frame(PING), []),
+    "2 GiB less a byte, of which two come": (b"\xff\xff\xff\x7f{}", []),
+    "a byte after a request": (frame(PING) + b"\5", [OK]),
+}
+
+
+@pytest.mark.parametrize("data, answers", FRAMES.values(), ids=FRAMES)
+def test_a_frame_is_answered_as_its_bytes_say(data, answers):
+    texts = [json.dumps(answer, ensure_ascii=False) for answer in answers]
+    wanted = b"".join(frame(text.encode(errors="surrogateescape")) for text in texts)
+    assert output_of(["0", "1"], data) == wanted
+
+
+def test_a_frame_of_2_gib_ends_the_helper_before_its_text_comes(host):
+    host.requests.write(b"\0\0\0\x80{}")
     host.requests.flush()
-    expect(host.child.wait(DEADLINE), 0)
+    assert host.child.wait(DEADLINE) == 0
 
 
-def test_the_console():
-    for arguments in ([], ["7"], ["7", "8", "9"]):
-        expect(said(arguments, PING), b'INPUT: {"command":"ping"}\nOUTPUT: {"status": "ok"}')
-    # Prompts do not take lines.
-    lines = ("breakpoint set -n main", "breakpoint delete", "script", "expression", "platform shell cat")
-    typed = "".join(json.dumps({"command": "executeCommand", "cli": line}) + "\n" + PING.decode() + "\n" for line in lines)
-    expect(said([HELPER], typed.encode()).count(b'OUTPUT: {"status": "ok"}'), len(lines))
+@pytest.mark.parametrize("arguments", ([], ["7"], ["7", "8", "9"]), ids=len)
+def test_any_number_of_arguments_but_two_makes_a_console(arguments):
+    assert output_of(arguments, PING) == b'INPUT: {"command":"ping"}\nOUTPUT: {"status": "ok"}'
 
 
-def test_a_person_at_the_terminal_is_greeted():
-    for option, words in (("--help", b"usage: lldb-helper INPUT OUTPUT"), ("--version", b"lldb-helper 0.")):
-        check(said([option], b"").startswith(words), option)
-    expect(said(["--helpful"], b"null"), b'INPUT: null\nOUTPUT: {"message": "Cannot decode JSON: ", "status": "error"}')
+def test_prompts_of_lldb_take_no_lines_of_the_console():
+    lines = (
+        "breakpoint set -n main",
+        "breakpoint delete",
+        "script",
+        "expression",
+        "platform shell cat",
+    )
+    requests = [json.dumps({"command": "executeCommand", "cli": line}) for line in lines]
+    typed = "".join(f"{request}\n{PING.decode()}\n" for request in requests)
+    assert output_of([], typed.encode()).count(b'OUTPUT: {"status": "ok"}') == len(lines)
+
+
+def padded(size):
+    """A ping of so many bytes, without its line end."""
+    return PING + b" " * (size - len(PING))
+
+
+CONSOLE_LINES = {
+    "an empty line is a request": (
+        b"\n" + PING + b"\n",
+        b'INPUT: \n\nOUTPUT: {"message": "Cannot decode JSON: unexpected end of input", '
+        b'"status": "error"}INPUT: ' + PING + b'\n\nOUTPUT: {"status": "ok"}',
+    ),
+    "1,022 bytes and a line end fit": (
+        padded(1022) + b"\n",
+        b"INPUT: " + padded(1022) + b'\n\nOUTPUT: {"status": "ok"}',
+    ),
+    "after 1,023 bytes the line end is a request of its own": (
+        padded(1023) + b"\n",
+        b"INPUT: " + padded(1023) + b'\nOUTPUT: {"status": "ok"}INPUT: \n\nOUTPUT: '
+        b'{"message": "Cannot decode JSON: unexpected end of input", "status": "error"}',
+    ),
+    "the 1,024th byte begins another request": (
+        padded(1023) + b"7\n",
+        b"INPUT: " + padded(1023) + b'\nOUTPUT: {"status": "ok"}INPUT: 7\n\nOUTPUT: '
+        b'{"message": "unknown command \'\'", "status": "error"}',
+    ),
+    "1,023 bytes at the end of input": (
+        padded(1023),
+        b"INPUT: " + padded(1023) + b'\nOUTPUT: {"status": "ok"}',
+    ),
+}
+
+
+@pytest.mark.parametrize("typed, shown", CONSOLE_LINES.values(), ids=CONSOLE_LINES)
+def test_a_console_line_has_at_most_1023_bytes(typed, shown):
+    assert output_of([], typed) == shown
+
+
+def test_options_of_the_console_print_and_end():
+    for option, words in (
+        ("--help", b"usage: lldb-helper INPUT OUTPUT"),
+        ("--version", b"lldb-helper 0."),
+    ):
+        assert output_of([option], b"").startswith(words)
+    answer = b'INPUT: null\nOUTPUT: {"message": "Cannot decode JSON: ", "status": "error"}'
+    assert output_of(["--helpful"], b"null") == answer
+
+
+def test_a_person_at_a_terminal_is_greeted():
     terminal, its_end = os.openpty()
     os.write(terminal, b"\x04")
-    run = subprocess.run([HELPER], stdin=its_end, capture_output=True, timeout=DEADLINE, check=True)
-    expect((run.stdout, run.stderr.count(b"\n"), b"Ctrl-D" in run.stderr), (b"", 2, True))
+    console = subprocess.run(
+        [HELPER], stdin=its_end, capture_output=True, timeout=DEADLINE, check=True
+    )
+    assert console.stdout == b""
+    assert console.stderr.count(b"\n") == 2
+    assert b"Ctrl-D" in console.stderr
 
 
-def test_descriptors_that_cannot_be_used():
-    for arguments in (["77", "78"], ["0", "78"], ["77", "1"], ["-1", "1"]):
-        read, write = os.pipe()  # the requests' end can be read, not written
-        run = subprocess.run([HELPER, *arguments], stdin=read, capture_output=True, timeout=DEADLINE)
-        complaint = f"lldb-helper: cannot use descriptors {arguments[0]} and {arguments[1]} as input and output\n"
-        expect((run.returncode, run.stderr.decode()), (1, complaint))
+@pytest.mark.parametrize("arguments", (["77", "78"], ["0", "78"], ["77", "1"], ["-1", "1"]))
+def test_descriptors_that_cannot_be_used_are_refused(arguments):
+    read_end, _ = os.pipe()
+    helper = subprocess.run(
+        [HELPER, *arguments], stdin=read_end, capture_output=True, timeout=DEADLINE
+    )
+    wanted = (
+        f"lldb-helper: cannot use descriptors {arguments[0]} and {arguments[1]} "
+        "as input and output\n"
+    )
+    assert (helper.returncode, helper.stderr.decode()) == (1, wanted)
 
 
-def test_commands_without_a_target_or_a_process(host):
-    free = "ping prepareExecutable createProcess attachToProcess executeCommand completeCommand connectRemote".split()
-    no_target = "getProcessState continueExecution removeBreakpoint removeAllBreakpoints setBreakpointAtVirtualAddress".split()
-    for command in SCHEMA["$defs"]["requests"].keys() - free:
-        expect(host.ask(command), error("no target" if command in no_target else "no process"), command)
+VALUES = {
+    "null": None,
+    "true": True,
+    "minus one": -1,
+    "zero": 0,
+    "a fraction": 0.5,
+    "a huge number": 1e300,
+    "all ones": 2**64 - 1,
+    "a text": "text",
+    "an empty text": "",
+    "a quote": '"',
+    "a long text": "a" * 5000,
+    "an empty list": [],
+    "a list": [None, "x", 7],
+    "an object": {"a": 1},
+}
 
 
-def test_every_command_takes_arguments_of_every_kind(host):
-    """None ends the helper or goes without an answer, with a process or without."""
+@pytest.mark.slow
+@pytest.mark.parametrize("has_process", (False, True), ids=("no process", "a process"))
+def test_every_command_survives_arguments_of_every_kind(host, has_process):
+    """None ends the helper or goes without an answer."""
     requests = SCHEMA["$defs"]["requests"]
-    arguments = {name for request in requests.values() for name in request["properties"]} - {"command", "id", "pid"}
+    names = {name for request in requests.values() for name in request["properties"]}
     host.checks_requests = False
-    for has_process in (False, True):
-        for value in (None, True, -1, 0, 0.5, 1e300, 2**64 - 1, "text", "", '"', "a" * 5000, [], [None, "x", 7], {"a": 1}):
-            if has_process:
-                host.launch("wait")
-            # From the last to the first: those that end a process come after those that look into it.
-            for command in list(requests)[::-1]:
-                if command != "connectRemote" or value == "text":  # it takes seconds each time
-                    host.ask_all(dict.fromkeys(arguments, value) | {"command": command})
-            host.ask("deleteProcess")
-            list(host.rest())
+    for value in VALUES.values():
+        if has_process:
+            host.launch("wait")
+        arguments = dict.fromkeys(names - {"command", "id", "pid"}, value)
+        # From the last to the first: those that end a process come after those that look into it.
+        for command in reversed(requests):
+            if command != "connectRemote" or value == "text":  # it takes seconds each time
+                host.ask_all(arguments | {"command": command})
+        host.ask("deleteProcess")
+        list(host.rest())
 
 
-def test_the_reference_the_schema_and_the_table_name_the_same_commands():
-    code, table = read(f"{SOURCE}/src/channel/Dispatcher.cpp").split("const Command commands[]")
-    rows = re.split(r'\{"(\w+)",', table)
-    in_code = {name: set(re.findall(r'r\["(\w+)"\]', row)) for name, row in zip(rows[1::2], rows[2::2])}
-    in_code["prepareExecutable"] = set(re.findall(r'request\["(\w+)"\]', code))  # the row with a function of its own
-    in_code["connectRemote"].add("platform")  # part of the request, not used
-    in_schema = {name: set(part["properties"]) - {"command", "id"} for name, part in SCHEMA["$defs"]["requests"].items()}
-    expect((in_code, list(in_code)), (in_schema, list(in_schema)))
+def test_the_reference_and_the_schema_have_the_same_commands_and_arguments():
+    """That the program has them is what the requests below and every session show."""
+    requests = SCHEMA["$defs"]["requests"]
     page = read(f"{SOURCE}/docs/protocol.md")
-    sections = re.split(r"\n### (.*)\n", page[page.index("\n## Commands") : page.index("\n## Events")])
-    in_page = {name: text for heading, text in zip(sections[1::2], sections[2::2]) for name in re.findall(r"\w+", heading)}
-    expect((set(in_page), len(in_page)), (set(in_schema), 32))
-    expect({(name, word) for name, words in in_schema.items() for word in words if f"`{word}`" not in in_page[name]}, set())
+    commands = page[page.index("\n## Commands") : page.index("\n## Events")]
+    sections = re.split(r"\n### (.*)\n", commands)
+    described = {}
+    for heading, text in zip(sections[1::2], sections[2::2]):
+        for name in re.findall(r"\w+", heading):
+            described[name] = text
+    assert set(described) == set(requests)
+    assert len(described) == 32
+    for name, request in requests.items():
+        for argument in set(request["properties"]) - {"command", "id"}:
+            assert f"`{argument}`" in described[name], f"{name} lacks {argument}"
 
 
-def test_the_log():
-    """A connection is watched for a second. A kernel is reached through two command lines."""
-    refused = [*(f"step {step}: eState" for step in range(10)), "Error in connectRemote: cannot connect to remote, invalid process"]
-    true = {"command": "prepareExecutable", "path": "/bin/true", "triple": ""}
-    for requests, wanted in (
-        (["ping", "hasProcess", "getProcessState", {"command": "x%s%n"}, true | {"is64Bits": True}, "createProcess",
-          "deleteProcess", true],
-         ["Error in hasProcess: no process", "Error in getProcessState: no target",
-          "Error in handleRequest: unknown command 'x%s%n'", "Preparing executable /bin/true, 64bit", "Building launchinfo\n",
-          "About to launch target\n", "Restarting event thread\n", "Starting to wait for process to change state",
-          "Process current state eStateStopped\n", "Process is ready with final state eStateStopped\n",
-          "Preparing executable /bin/true, 32bit", "State changed to eStateStopped"]),
-        ([{"command": "connectRemote", "plugin": "gdb-remote", "url": "no-such-scheme://"}],
-         [*refused[:10], "Cannot connect: ", refused[10]]),
-        ([{"command": "connectRemote", "plugin": "kdp-remote", "url": "a url", "file": "/bin/true"}],
-         ['target create "/bin/true"\n', 'process connect --plugin kdp-remote "a url"\n', *refused]),
-        ([{"command": "attachToProcess", "pid": 2**22 + 1}],
-         [f"About to attach to process {2**22 + 1}", "Error in attachToProcess: cannot attach to process: "]),
-    ):  # fmt: skip
-        file = os.path.join(tempfile.mkdtemp(), "log")
-        host = Host(env=shim(SYSLOG_FILE=file), checks_requests=False)
-        for request in requests:
-            host.ask_all(request)
-        expect(host.close(), 0)
-        user, notice = 8, 5
-        wanted = ["\n\n-------------- STARTING --------------\n", "Debugger version: lldb version ", *wanted]
-        logged = read(file).split("\x1e")[:-1]
-        # The event thread's records fall where they fall.
-        logged.sort(key=lambda record: "State changed to " in record)
-        starts = [f"lldb-helper {user | notice} {text}" for text in wanted]
-        check(len(logged) == len(wanted) and all(map(str.startswith, logged, starts)), logged)
+def test_the_program_knows_every_command_of_the_schema(host):
+    host.checks_requests = False
+    for command in SCHEMA["$defs"]["requests"]:
+        answer = host.ask(command, pid=host.pid)
+        assert not answer.get("message", "").startswith("unknown command"), command
+        assert host.ask(command + "x") == error(f"unknown command '{command}x'")
 
 
-def debug_through(pc, file, triple, *command):
-    """Registers, memory, a breakpoint, a step, and on to the exit: with the registers read at once, and one by one."""
+PREPARE_TRUE = {"command": "prepareExecutable", "path": "/bin/true", "triple": ""}
+CONNECTION_REFUSED = [
+    *(f"step {step}: eState" for step in range(10)),
+    "Error in connectRemote: cannot connect to remote, invalid process",
+]
+LOGGED = {
+    "a launch": (
+        [
+            {"command": "x%s%n"},
+            "getProcessState",
+            PREPARE_TRUE | {"is64Bits": True},
+            "createProcess",
+            "deleteProcess",
+        ],
+        [
+            "Error in handleRequest: unknown command 'x%s%n'",
+            "Error in getProcessState: no target",
+            "Preparing executable /bin/true, 64bit",
+            "Building launchinfo\n",
+            "About to launch target\n",
+            "Restarting event thread\n",
+            "Starting to wait for process to change state",
+            "Process current state eStateStopped\n",
+            "Process is ready with final state eStateStopped\n",
+            "State changed to eStateStopped",
+        ],
+    ),
+    # A connection is watched for a second. A kernel is reached through two command lines.
+    "a connection": (
+        [
+            {
+                "command": "connectRemote",
+                "plugin": "kdp-remote",
+                "url": "a url",
+                "file": "/bin/true",
+            }
+        ],
+        [
+            'target create "/bin/true"\n',
+            'process connect --plugin kdp-remote "a url"\n',
+            *CONNECTION_REFUSED,
+        ],
+    ),
+    "a refused attach": (
+        [{"command": "attachToProcess", "pid": 2**22 + 1}],
+        [
+            f"About to attach to process {2**22 + 1}",
+            "Error in attachToProcess: cannot attach to process: ",
+        ],
+    ),
+}
+
+
+@pytest.mark.linux("the shim records what goes to syslog")
+@pytest.mark.parametrize("requests, wanted", LOGGED.values(), ids=LOGGED)
+def test_the_log_has_what_happened(requests, wanted):
+    file = os.path.join(tempfile.mkdtemp(), "log")
+    host = Host(env=machine.shim(SYSLOG_FILE=file), checks_requests=False)
+    for request in requests:
+        host.ask_all(request)
+    assert host.close() == 0
+    user, notice = 8, 5
+    start = ["\n\n-------------- STARTING --------------\n", "Debugger version: lldb version "]
+    wanted = [f"lldb-helper {user | notice} {text}" for text in (*start, *wanted)]
+    # The event thread's records fall where they fall.
+    logged = sorted(read(file).split("\x1e")[:-1], key=lambda text: "State changed to " in text)
+    assert len(logged) == len(wanted), logged
+    for record, beginning in zip(logged, wanted):
+        assert record.startswith(beginning)
+
+
+SERVERS = {
+    "lldb-server": (
+        PC,
+        "steps-fixed",
+        "",
+        [machine.LLDB_SERVER, "gdbserver", "127.0.0.1:PORT", inferior("steps-fixed")],
+    ),
+    "GNU gdbserver": (
+        PC,
+        "steps-fixed",
+        "",
+        ["gdbserver", "127.0.0.1:PORT", inferior("steps-fixed")],
+    ),
+    # -R: the program's addresses are QEMU's own choice. Otherwise they are the host's, which differ
+    # from run to run.
+    "QEMU with a program of another architecture": (
+        "pc",
+        "steps-aarch64",
+        "aarch64-unknown-linux-gnu",
+        [
+            "qemu-aarch64",
+            "-R",
+            "0x100000000",
+            "-seed",
+            "1",
+            "-g",
+            "PORT",
+            inferior("steps-aarch64"),
+        ],
+    ),
+}
+
+
+@pytest.mark.linux("macOS has a debug server of its own")
+@pytest.mark.parametrize("pc, program, triple, command", SERVERS.values(), ids=SERVERS)
+def test_a_server_of_each_maker_is_debugged(pc, program, triple, command):
+    """With the registers read at once, and one by one."""
+    file = inferior(program)
     if not shutil.which(command[0]) or not os.path.exists(file):
-        raise NotTested(f"{command[0]} or {os.path.basename(file)} is missing here")
-    seen, leaf = [], symbol(file, "leaf")
-    for is_plain in (False, True):
-        program, port = server(*command)
-        host = Host()
-        check(host.cli(f"settings show {AT_ONCE}").endswith("true\n"), "the setting is LLDB's")
-        if is_plain:
-            host.read_registers_plainly()
-        connect = {"url": f"connect://127.0.0.1:{port}", "plugin": "gdb-remote", "file": file, "triple": triple}
-        host.ok("connectRemote", **connect, platform="ignored")
-        host.state("eStateStopped")
-        expect(host.ask("connectRemote", **connect), error("already has a process"))
-        code = host.ok("readMemory", address=leaf, length=4)
-        host.ok("setBreakpointAtVirtualAddress", address=leaf)
-        host.resume()
-        registers, frame = host.ok("getRegisters")["registers"], host.stack()[0]
-        expect((int(registers[pc].split()[0], 16), frame["pc"], frame["function"]), (leaf, leaf, "leaf"))
-        expect(host.ok("readMemory", address=leaf, length=4), code)
-        expect(host.ok("getThreadIDList")["threads"][0]["state"], "Breakpoint")
-        host.resume(how="stepInstruction")
-        seen.append((registers, host.ok("getRegisters")["registers"]))
-        check(seen[-1][1][pc] != registers[pc], "it has not stepped")
-        host.ok("removeAllBreakpoints")
-        host.resume("eStateExited")
-        host.end()
-    expect(*seen)
+        pytest.skip(f"{command[0]} or {program} is missing here")
+    if command[0] == "gdbserver" and machine.LLDB_MAJOR < 22:
+        pytest.skip("this LLDB mistakes GNU gdbserver's stops, see docs/platforms.md")
+    at_once, one_by_one = (
+        registers_after_debugging(pc, file, triple, command, is_plain) for is_plain in (False, True)
+    )
+    assert at_once == one_by_one
 
 
-def test_lldb_server():
-    program = inferior("steps-fixed")
-    debug_through(PC, program, "", CACHE["LLDB_SERVER"], "gdbserver", "127.0.0.1:PORT", program)
-
-
-def test_gnu_gdbserver():
-    if int(CACHE["TESTS_LLDB"]) < 22:
-        raise NotTested("this LLDB mistakes GNU gdbserver's stops, see docs/platforms.md")
-    program = inferior("steps-fixed")
-    debug_through(PC, program, "", "gdbserver", "127.0.0.1:PORT", program)
-
-
-def test_qemu_with_a_program_of_another_architecture():
-    program = inferior("steps-aarch64")
-    debug_through("pc", program, "aarch64-unknown-linux-gnu", "qemu-aarch64", "-seed", "1", "-g", "PORT", program)
+def registers_after_debugging(pc, file, triple, command, is_plain):
+    """Registers, memory, a breakpoint, a step, and on to the exit."""
+    leaf = machine.symbol(file, "leaf")
+    _, port = machine.server(*command)
+    host = Host()
+    assert host.cli(f"settings show {AT_ONCE}").endswith("true\n")
+    if is_plain:
+        host.read_registers_plainly()
+    connect = {
+        "url": f"connect://127.0.0.1:{port}",
+        "plugin": "gdb-remote",
+        "file": file,
+        "triple": triple,
+    }
+    host.ok("connectRemote", **connect, platform="ignored")
+    host.state("eStateStopped")
+    assert host.ask("connectRemote", **connect) == error("already has a process")
+    code = host.ok("readMemory", address=leaf, length=4)
+    host.ok("setBreakpointAtVirtualAddress", address=leaf)
+    host.resume()
+    at_leaf, innermost = host.registers(), host.stack()[0]
+    assert int(at_leaf[pc].split()[0], 16) == leaf
+    assert (innermost["pc"], innermost["function"]) == (leaf, "leaf")
+    assert host.ok("readMemory", address=leaf, length=4) == code
+    assert host.ok("getThreadIDList")["threads"][0]["state"] == "Breakpoint"
+    host.resume(how="stepInstruction")
+    after_step = host.registers()
+    assert after_step[pc] != at_leaf[pc]
+    host.ok("removeAllBreakpoints")
+    host.resume("eStateExited")
+    host.end()
+    return at_leaf, after_step

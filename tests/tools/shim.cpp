@@ -1,8 +1,16 @@
-// Preloaded into the helper. Replaces syslog(3), and delays the event thread.
+// Preloaded into the helper (LD_PRELOAD; machine.py's shim()): makes happen on purpose what
+// otherwise needs bad luck, and shows what goes to the log. A variable that is not set changes
+// nothing.
 //
-// SYSLOG_FILE   gets the name and the text of each record, with a byte 0x1e at its end
-// SLOW_START    the milliseconds by which the event thread starts late to listen for events
-// SLOW_EVENTS   the milliseconds by which it takes and then handles each event late
+// SYSLOG_FILE   gets the name and the text of each record, with a byte 0x1e at its end. Replaces
+//               syslog(3), and access(2) and connect(2) for /dev/log, which may be missing here
+// SLOW_START    the milliseconds by which SBListener::StartListeningForEvents is late: the helper
+//               begins to listen when a request is there already
+// SLOW_EVENTS   the milliseconds before and after SBListener::WaitForEvent: the event thread takes
+//               and handles each event late, as on a busy machine
+// FAIL_THREAD   the number of the std::thread that cannot be started: 1 is the helper's first.
+// LLDB's
+//               own threads are no std::thread
 #include <lldb/API/LLDB.h>
 
 #include <dlfcn.h>
@@ -15,6 +23,8 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <memory>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -74,3 +84,15 @@ bool lldb::SBListener::WaitForEvent(uint32_t seconds, SBEvent &event) {
   wait("SLOW_EVENTS");
   return found;
 }
+
+#ifdef __GLIBCXX__
+void std::thread::_M_start_thread(_State_ptr state, void (*depend)()) {
+  static int started = 0;
+  const char *failing = std::getenv("FAIL_THREAD");
+  if (++started == (failing != nullptr ? std::atoi(failing) : 0))
+    throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+  original<void(thread *, _State_ptr, void (*)())>(
+      "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE")(
+      this, std::move(state), depend);
+}
+#endif

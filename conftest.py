@@ -1,0 +1,91 @@
+"""Connects pytest with tests/harness: isolation, the `host`, the marks, and pages as tests.
+
+It lies here, above both folders that have pages: tests/sessions and docs/transcripts.
+"""
+
+import json
+
+import pytest
+from harness import machine
+from harness.checking import Host
+from harness.isolation import surroundings
+from harness.pages import PageFile
+
+
+def pytest_configure(config):
+    machine.become_subreaper()
+    machine.watch_portability()
+
+
+@pytest.fixture(scope="session", autouse=True)
+def sanitizer_options():
+    """The environment of the build's test preset, for the helper and what it starts."""
+    presets = json.loads(machine.read(f"{machine.SOURCE}/CMakePresets.json"))["testPresets"]
+    of_build = [p for p in presets if machine.BUILD == f"{machine.SOURCE}/build/{p['name']}"]
+    with pytest.MonkeyPatch.context() as patch:
+        for preset in of_build:
+            for name, value in preset.get("environment", {}).items():
+                patch.setenv(name, value.replace("${sourceDir}", machine.SOURCE))
+        yield
+
+
+@pytest.fixture(autouse=True)
+def isolation(sanitizer_options):
+    """A folder of the test's own. What the test starts and changes ends with it."""
+    with surroundings() as folder:
+        yield folder
+
+
+@pytest.fixture
+def host(request, isolation):
+    """A helper with a host, which must end in order after a test that passed.
+
+    A test that has waited for the helper's end has judged it itself.
+    """
+    host = Host()
+    yield host
+    outcome = getattr(request.node, "outcome_of_call", None)
+    if outcome and outcome.passed and host.child.returncode is None:
+        host.end()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    if call.when == "call":
+        item.outcome_of_call = outcome.get_result()
+
+
+def pytest_runtest_setup(item):
+    mark = item.get_closest_marker("linux")
+    if mark and not machine.IS_LINUX:
+        pytest.skip(f"needs Linux: {mark.args[0]}")
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_call(item):
+    machine.set_portable(item.get_closest_marker("linux") is None)
+    yield
+    machine.set_portable(False)
+
+
+def pytest_collect_file(file_path, parent):
+    if file_path.suffix == ".md":
+        return PageFile.from_parent(parent, path=file_path)
+    return None
+
+
+def pytest_collection_modifyitems(config, items):
+    """Slow tests start first, one on each processor.
+
+    pytest-xdist gives each of its N workers a first batch of a 4N-th of all tests, so slow tests
+    must not lie next to each other.
+    """
+    slow = [item for item in items if item.get_closest_marker("slow")]
+    quick = [item for item in items if not item.get_closest_marker("slow")]
+    workers = getattr(config, "workerinput", {}).get("workercount", 1)
+    batch = max(len(items) // (4 * workers), 2)
+    places = [number % workers * batch + number // workers for number in range(len(slow))]
+    items[:] = quick
+    for place, item in sorted(zip(places, slow), key=lambda pair: pair[0]):
+        items.insert(place, item)

@@ -1,0 +1,11 @@
+"""What the tests share.
+
+machine    the machine: processes, programs, symbols, memory as the kernel shows it, ports, servers
+checking   Host: an example host that checks every message against docs/protocol.schema.json
+pages      pages of requests and messages (tests/sessions, docs/transcripts), played against a helper
+stub       a debug server whose answers a test writes
+isolation  what a test leaves is removed: processes, files, limits, variables
+
+conftest.py in the repository's root connects them with pytest. script/soak and
+script/record-transcripts use them without pytest.
+"""

@@ -1,0 +1,274 @@
+"""Answers are what the kernel and plain calls say, also after a write, and through any descriptor."""
+
+import json
+import os
+import re
+import select
+import struct
+import subprocess
+import tempfile
+import threading
+
+import pytest
+from harness import machine
+from harness.checking import OK, Host, error, frame
+from harness.machine import DEADLINE, HELPER, PC, Program, descendants, eventually, inferior
+from harness.machine import peek, read
+from harness.stub import Stub
+
+STACK_POINTER = "sp" if machine.IS_ARM else "rsp"
+CACHE_IS_OFF = "target.process.disable-memory-cache"
+
+
+def stack_pointer(host):
+    return int(host.registers()[STACK_POINTER], 16)
+
+
+def memory(host, address, size):
+    return host.ok("readMemory", address=address, length=size)["memory"]
+
+
+def write(host, way, address, value):
+    if way == "writeByte":
+        host.ok("writeByte", address=address, value=value)
+    elif way == "memory write":
+        host.cli(f"memory write {address} {value:#x}")
+    else:
+        host.cli(f"expression *(unsigned char *){address} = {value}")
+
+
+def check_a_write(host, way):
+    """After two large reads that overlap, a small read and a large one must show a write."""
+    start = stack_pointer(host)
+    host.stack()
+    memory(host, start - 100, 1500)
+    memory(host, start - 300, 1000)
+    address = start + 40
+    value = memory(host, address, 1)[0] ^ 0x55
+    write(host, way, address, value)
+    assert peek(host.inferior_pid(), address, 1)[0] == value
+    assert memory(host, address, 1) == [value]
+    assert memory(host, start - 100, 1500)[140] == value
+
+
+@pytest.mark.linux("the kernel shows the program's memory in /proc")
+@pytest.mark.parametrize("way", ("writeByte", "memory write", "expression"))
+def test_what_was_written_is_read(host, way):
+    host.launch("steps")
+    host.run_to("leaf")
+    check_a_write(host, way)
+
+
+@pytest.mark.linux("the kernel shows the program's memory in /proc")
+def test_what_was_written_is_read_with_another_cache_line_and_another_target(host):
+    host.launch("steps")
+    host.run_to("leaf")
+    host.cli("settings set target.process.memory-cache-line-size 64")
+    host.resume(how="stepInstruction")
+    start = stack_pointer(host)
+    for below in (100, 150):
+        memory(host, start - below, 400)
+    check_a_write(host, "writeByte")
+    host.cli("target create /bin/true")
+    check_a_write(host, "writeByte")
+    assert "* target #1" in host.cli("target list"), "the person's target stays selected"
+
+
+def test_a_large_read_keeps_the_persons_setting_and_the_selected_frame(host):
+    host.launch("steps")
+    host.run_to("leaf")
+    for value in ("true", "false"):
+        host.cli(f"settings set {CACHE_IS_OFF} {value}")
+        memory(host, stack_pointer(host), 2000)
+        assert value in host.cli(f"settings show {CACHE_IS_OFF}")
+    host.ok("selectFrame", index=1)
+    caller = host.registers()[PC]
+    memory(host, stack_pointer(host), 2000)
+    assert host.registers()[PC] == caller
+
+
+@pytest.mark.linux("the program needs userfaultfd")
+def test_the_stack_is_not_read_past_its_end(host):
+    """Memory follows that nobody fills: who reads it never returns."""
+    host.launch("edge")
+    host.run_to("leaf")
+    threads = host.ok("getThreadIDList")["threads"]
+    stopped = next(thread for thread in threads if thread["state"] == "Breakpoint")
+    host.ok("selectThreadID", tid=stopped["thread-id"])
+    assert host.stack()[0]["function"] == "leaf"
+
+
+FORMATS = {
+    "as many formats as before": [
+        "type format clear -a",
+        'type format add -f decimal "unsigned long"',
+    ],
+    "an uppercase format": ['type format add -f uppercase-hex "unsigned long"'],
+    "a format is deleted": [
+        'type format add -f decimal "unsigned long"',
+        'type format delete "unsigned long"',
+    ],
+    "a disabled category": [
+        'type format add -w extra -f octal "unsigned long"',
+        "type category disable extra",
+    ],
+    "a category is enabled again": [
+        'type format add -w extra -f octal "unsigned long"',
+        "type category disable extra",
+        "type category enable extra",
+    ],
+    "a category is deleted": [
+        'type format add -w extra -f octal "unsigned long"',
+        "type category delete extra",
+    ],
+}
+
+
+@pytest.mark.parametrize("lines", FORMATS.values(), ids=FORMATS)
+def test_register_texts_are_those_of_values_whatever_the_formats(host, lines):
+    host.launch("registers")
+    host.registers()
+    for line in lines:
+        host.ok("executeCommand", cli=line)
+    registers = host.registers()
+    host.read_registers_plainly()
+    assert registers == host.registers()
+
+
+def selected_thread(host):
+    return int(re.search(r"tid = (\w+)", host.cli("thread info"))[1], 0)
+
+
+def test_the_thread_that_was_stepped_stays_selected(host):
+    host.launch("spin")
+    host.resume_only()
+    host.await_output("ready\r\n")
+    host.ok("breakExecution")
+    host.state("eStateStopped")
+    threads = [thread["thread-id"] for thread in host.ok("getThreadIDList")["threads"]]
+    for thread in reversed(threads):
+        host.ok("selectThreadID", tid=thread)
+        for how in ("stepInstruction", "stepOver"):
+            host.resume(how=how)
+            assert selected_thread(host) == thread, how
+    host.ok("selectThreadID", tid=threads[0])  # ends it
+    assert selected_thread(host) == threads[0]
+
+
+def launch_hello(host):
+    host.prepare("hello")
+    return host.ask("createProcess")
+
+
+def attach(host):
+    return host.ask("attachToProcess", pid=Program(inferior("wait")).pid)
+
+
+def connect(host):
+    _, port = machine.server(machine.LLDB_SERVER, "gdbserver", "127.0.0.1:PORT", inferior("hello"))
+    return host.ask("connectRemote", url=f"connect://127.0.0.1:{port}", plugin="gdb-remote")
+
+
+WITHOUT_REPORTS = {
+    "createProcess": (launch_hello, "1", "no target"),
+    "attachToProcess": (attach, "1", "no target"),
+    # The first thread watches the connection.
+    "connectRemote": (connect, "2", "no process"),
+}
+
+
+@pytest.mark.linux("the shim keeps a thread from starting")
+@pytest.mark.parametrize("begin, thread, left", WITHOUT_REPORTS.values(), ids=WITHOUT_REPORTS)
+def test_a_process_whose_events_nobody_can_report_is_ended(begin, thread, left):
+    host = Host(env=machine.shim(FAIL_THREAD=thread))
+    answer = begin(host)
+    # The rest of the message is the C++ library's.
+    assert answer["message"].startswith("bad request: ")
+    assert host.ask("getProcessState") == error(left)
+    eventually(lambda: not descendants(host.pid, "hello"), "the launched program is ended")
+    if left == "no process":
+        assert begin(host) == OK
+        host.state("eStateStopped")
+        host.ok("deleteProcess")
+    else:
+        assert host.run_session("hello") == ("hello\r\nworld\r\n", 3)
+    host.end()
+
+
+def close_connection(packet):
+    raise ConnectionResetError(packet)
+
+
+def test_a_stop_that_a_failing_detach_causes_is_reported(host):
+    """Otherwise the host believes that the program runs: a stop that an end causes is hidden."""
+    stub = Stub({"\x03": "T02thread:1;threads:1;"}, c=None, D=close_connection)
+    host.ok("connectRemote", **stub.arguments())
+    host.state("eStateStopped")
+    host.resume_only()
+    host.ok("detach")
+    host.state("eStateStopped")
+
+
+@pytest.mark.linux("the wrapper's child is found by what it writes to a pipe")
+def test_a_child_that_is_no_debug_server_can_be_debugged(host):
+    """A wrapper script started it before it became the helper."""
+    folder = tempfile.mkdtemp()
+    wrapper = machine.script(
+        f"'{inferior('wait')}' >/dev/null &\n"
+        f"echo $! >'{folder}/pid'\n"
+        f"exec '{HELPER}' \"$@\""
+    )
+    parent = Host(wrapper)
+    parent.ok("ping")
+    parent.ok("attachToProcess", pid=int(read(f"{folder}/pid")))
+    parent.state("eStateStopped")
+    parent.ok("stopExecution")
+    parent.state("eStateExited")
+    parent.end()
+    refused = error("cannot attach to process: It is a part of this debugger")
+    assert host.ask("attachToProcess", pid=host.pid) == refused
+
+
+@pytest.mark.linux("the devices are Linux's")
+def test_devices_that_end_are_refused_by_lldb_and_endless_ones_by_us(host):
+    host.prepare("/dev/null")
+    message = host.ask("createProcess")["message"]
+    assert message.startswith("cannot build target: ")
+    assert "is not a file" not in message
+    for device in ("/dev/zero", "/dev/full", "/dev/random"):
+        host.prepare(device)
+        refused = error(f"cannot build target: '{device}' is not a file")
+        assert host.ask("createProcess") == refused
+
+
+def test_descriptors_may_be_non_blocking():
+    """The flag comes in the middle of a session, in both directions, with a host that reads late."""
+    requests_out, requests_in = os.pipe()
+    messages_out, messages_in = os.pipe()
+    helper = subprocess.Popen(
+        [HELPER, str(requests_out), str(messages_in)],
+        pass_fds=(requests_out, messages_in),
+        preexec_fn=machine.die_with_parent,
+    )
+    request = frame(b'{"command": "executeCommand", "cli": "settings list"}')
+    count = 100
+
+    def send():
+        for number in range(count):
+            if number % 40 == 1:
+                os.set_blocking(requests_out, False)  # the same open file as the helper's
+                os.set_blocking(messages_in, False)
+            os.write(requests_in, request[:7])
+            os.write(requests_in, request[7:])
+        os.close(requests_in)
+
+    threading.Thread(target=send, daemon=True).start()
+    eventually(lambda: not select.select([], [messages_in], [], 0)[1], "the pipe is full")
+    with os.fdopen(messages_out, "rb") as messages:
+        for _ in range(count):
+            (length,) = struct.unpack("=I", messages.read(4))
+            assert json.loads(messages.read(length))["succeeded"]
+    assert helper.wait(DEADLINE) == 0
+    for descriptor in (requests_out, messages_in):
+        assert not os.get_blocking(descriptor), "the flag stays"
+        os.close(descriptor)
