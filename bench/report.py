@@ -26,19 +26,39 @@ INSTRUCTIONS_ALLOWED = 1.1
 SLOPES = [
     ("memory, per KiB", "memory 4 KiB", "memory 1 MiB", 1020),
     ("memory, per MiB", "memory 1 MiB", "memory 128 MiB", 127),
-    ("call stack after a step, per frame", "call stack 1000, after a step", "call stack 10000, after a step", 9000),
+    (
+        "call stack after a step, per frame",
+        "call stack 1000, after a step",
+        "call stack 10000, after a step",
+        9000,
+    ),
     ("call stack again, per frame", "call stack 1000, again", "call stack 10000, again", 9000),
     ("modules, per library", "modules, 50 libraries", "modules, 200 libraries", 150),
-    ("breakpoint hit, per thread", "breakpoint hit, 100 threads", "breakpoint hit, 1000 threads", 900),
+    (
+        "breakpoint hit, per thread",
+        "breakpoint hit, 100 threads",
+        "breakpoint hit, 1000 threads",
+        900,
+    ),
 ]
 
 # The second helper with a cache finds it filled.
-SETTINGS = ["", "symbols.enable-external-lookup false", "target.preload-symbols false",
-            "symbols.enable-lldb-index-cache true", "symbols.enable-lldb-index-cache true"]
+SETTINGS = [
+    "",
+    "symbols.enable-external-lookup false",
+    "target.preload-symbols false",
+    "symbols.enable-lldb-index-cache true",
+    "symbols.enable-lldb-index-cache true",
+]
 
-PICTURE = [("one stop", "one stop"), ("registers after a step", "registers"),
-           ("call stack 100, after a step", "call stack\\nof 100"), ("breakpoint hit", "breakpoint\\nhit"),
-           ("memory 4 KiB", "memory\\n4 KiB"), ("launch to entry", "launch")]
+PICTURE = [
+    ("one stop", "one stop"),
+    ("registers after a step", "registers"),
+    ("call stack 100, after a step", "call stack\\nof 100"),
+    ("breakpoint hit", "breakpoint\\nhit"),
+    ("memory 4 KiB", "memory\\n4 KiB"),
+    ("launch to entry", "launch"),
+]
 # Bars: how many times the floor's time each takes.
 PLOT = """
 set terminal svg size 860,360 font "sans-serif,13" background "white"
@@ -70,7 +90,10 @@ def merge(runs):
         same = [row for run in runs for row in run["rows"] if row["job"] == first["job"]]
         row = {key: first[key] for key in ("job", "unit", "base", "requests") if key in first}
         for kind in ("median", "ratio"):
-            row[kind] = {name: statistics.median(one[kind][name] for one in same) for name in first.get(kind) or {}}
+            row[kind] = {
+                name: statistics.median(one[kind][name] for one in same)
+                for name in first.get(kind) or {}
+            }
         rows.append(row)
     echo = next((row["median"]["raw echo"] for row in rows if row["base"] == "raw echo"), None)
     for row in rows:
@@ -96,14 +119,26 @@ def markdown(heads, rows):
 def table(rows):
     lines = []
     for row in rows:
-        name = row["job"] + ("" if row["base"] in ("floor", "lldb-helper") else f" (base: {row['base']})")
+        name = row["job"] + (
+            "" if row["base"] in ("floor", "lldb-helper") else f" (base: {row['base']})"
+        )
         ratios = {**row["ratio"], "limit": row.get("of the limit")}
         if "output" in row["job"]:
             ratios["gdb"] = None
         numbers = [ratios.get(key) for key in ("lldb-helper", "limit", "lldb-dap", "gdb")]
-        lines.append([name, *(amount(row["median"][subject], row["unit"]) for subject in (row["base"], "lldb-helper")),
-                      *("" if number is None else f"{number:.2f}" for number in numbers)])
-    return markdown(["job", "floor", "lldb-helper", "of the floor", "of the limit", "lldb-dap", "gdb"], lines)
+        lines.append(
+            [
+                name,
+                *(
+                    amount(row["median"][subject], row["unit"])
+                    for subject in (row["base"], "lldb-helper")
+                ),
+                *("" if number is None else f"{number:.2f}" for number in numbers),
+            ]
+        )
+    return markdown(
+        ["job", "floor", "lldb-helper", "of the floor", "of the limit", "lldb-dap", "gdb"], lines
+    )
 
 
 def slopes(rows):
@@ -114,7 +149,10 @@ def slopes(rows):
         return "" if None in ends else amount((ends[1] - ends[0]) / steps, "us")
 
     subjects = ["floor", *PEERS]
-    return markdown(["cost", *subjects], [[name, *(cell(subject, *ends) for subject in subjects)] for name, *ends in SLOPES])
+    return markdown(
+        ["cost", *subjects],
+        [[name, *(cell(subject, *ends) for subject in subjects)] for name, *ends in SLOPES],
+    )
 
 
 def json_speeds(run):
@@ -126,25 +164,50 @@ def json_speeds(run):
 
 
 def json_table(speeds):
-    return markdown(["job, text", *LIBRARIES], [
-        [job, *(f"{speed[library]:,.0f}" if library in speed else "" for library in LIBRARIES)]
-        for job, speed in speeds.items()])
+    return markdown(
+        ["job, text", *LIBRARIES],
+        [
+            [job, *(f"{speed[library]:,.0f}" if library in speed else "" for library in LIBRARIES)]
+            for job, speed in speeds.items()
+        ],
+    )
 
 
 def page(kept_path, svg_path, page_path, *paths):
     *runs, all_cpus, json_run = map(load, paths)
     rows, free_rows, speeds = merge(runs), merge([all_cpus]), json_speeds(json_run)
     processor = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())[1]
-    keep(kept_path, {"processor": processor, "processors": os.cpu_count(), "lldb": runs[0]["lldb"],
-                     "one processor": rows, "all processors": free_rows, "Json, MB/s": speeds})
+    keep(
+        kept_path,
+        {
+            "processor": processor,
+            "processors": os.cpu_count(),
+            "lldb": runs[0]["lldb"],
+            "one processor": rows,
+            "all processors": free_rows,
+            "Json, MB/s": speeds,
+        },
+    )
     ratios = {row["job"]: row["ratio"] for row in rows}
-    data = "\n".join(" ".join([f'"{name}"', *(str(ratios[job].get(peer, "NaN")) for peer in PEERS)]) for job, name in PICTURE)
+    data = "\n".join(
+        " ".join([f'"{name}"', *(str(ratios[job].get(peer, "NaN")) for peer in PEERS)])
+        for job, name in PICTURE
+    )
     subprocess.run(["gnuplot"], input=PLOT.format(path=svg_path, data=data), text=True, check=True)
     text = Path(page_path).read_text()
     machine = f"{processor}, {os.cpu_count()} processors, {runs[0]['lldb'].splitlines()[0]}."
-    for name, content in [("machine", machine), ("one processor", table(rows)), ("slopes", slopes(rows)),
-                          ("all processors", table(free_rows)), ("json", json_table(speeds))]:
-        text, count = re.subn(rf"(?s)(<!-- {name} -->\n).*?(<!-- end -->)", lambda found: f"{found[1]}{content}\n{found[2]}", text)
+    for name, content in [
+        ("machine", machine),
+        ("one processor", table(rows)),
+        ("slopes", slopes(rows)),
+        ("all processors", table(free_rows)),
+        ("json", json_table(speeds)),
+    ]:
+        text, count = re.subn(
+            rf"(?s)(<!-- {name} -->\n).*?(<!-- end -->)",
+            lambda found: f"{found[1]}{content}\n{found[2]}",
+            text,
+        )
         if count != 1:
             sys.exit(f"the page has no place for {name}")
     Path(page_path).write_text(text)
@@ -156,14 +219,22 @@ def check(kept_path, *paths):
     slower = False
     for row in merge([load(path) for path in paths]):
         before = kept.get(row["job"], {})
-        pairs = [(f"times {row['base']}", before.get("ratio", {}).get("lldb-helper"), row["ratio"].get("lldb-helper")),
-                 ("times the limit", before.get("of the limit"), row.get("of the limit"))]
+        pairs = [
+            (
+                f"times {row['base']}",
+                before.get("ratio", {}).get("lldb-helper"),
+                row["ratio"].get("lldb-helper"),
+            ),
+            ("times the limit", before.get("of the limit"), row.get("of the limit")),
+        ]
         for what, then, now in pairs:
             if then is None or now is None:
                 continue
             bound = then * GROWTH_ALLOWED + SLACK
             slower |= now > bound
-            print(f"{'SLOWER' if now > bound else 'ok':6} {row['job']:40} {now:.2f} {what}, kept {then:.2f}, bound {bound:.2f}")
+            print(
+                f"{'SLOWER' if now > bound else 'ok':6} {row['job']:40} {now:.2f} {what}, kept {then:.2f}, bound {bound:.2f}"
+            )
     sys.exit(slower)
 
 
@@ -171,9 +242,16 @@ def instructions(kept_path, program, *options):
     """Counts the instructions of Json's work under callgrind."""
     run = lambda *command: subprocess.check_output(command, stderr=subprocess.STDOUT, text=True)
     # Compilers make copies of the function measured, with longer names.
-    callgrind = ["valgrind", "--tool=callgrind", "--toggle-collect=measured*", "--callgrind-out-file=/dev/null"]
-    counts = {name: int(re.search(r"Collected : (\d+)", run(*callgrind, program, "--count", name))[1])
-              for name in run(program, "--count").splitlines()}
+    callgrind = [
+        "valgrind",
+        "--tool=callgrind",
+        "--toggle-collect=measured*",
+        "--callgrind-out-file=/dev/null",
+    ]
+    counts = {
+        name: int(re.search(r"Collected : (\d+)", run(*callgrind, program, "--count", name))[1])
+        for name in run(program, "--count").splitlines()
+    }
     if "--keep" in options:
         return keep(kept_path, counts)
     kept, more = load(kept_path), False
@@ -181,12 +259,15 @@ def instructions(kept_path, program, *options):
         bound = int(kept[name] * INSTRUCTIONS_ALLOWED)
         wrong = count == 0 or count > bound
         more |= wrong
-        print(f"{'MORE' if wrong else 'ok':4} {name:26} {count:12,} instructions, kept {kept[name]:,}, bound {bound:,}")
+        print(
+            f"{'MORE' if wrong else 'ok':4} {name:26} {count:12,} instructions, kept {kept[name]:,}, bound {bound:,}"
+        )
     sys.exit(more)
 
 
 def session(helper, program, main):
     """Milliseconds from the launch to the entry, from there to main, and for the first call stack."""
+
     def timed(command, stops):
         start = time.perf_counter()
         helper.ask(command)

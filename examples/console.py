@@ -66,7 +66,19 @@ LLDB_LINES = {
 STEPS = ("stepInstruction", "stepOver", "stepOut", "step", "next")
 NEED_A_STOP = ("continueExecution", "stepInstruction", "stepOver", "stepOut", "getThreadIDList", "selectThreadID",
                "getRegisters", "setRegister", "readMemory", "writeByte", "getCallstack", "selectFrame")  # fmt: skip
-REPEATED = ("s", "n", "step", "next", "c", "continue", "x", "code", "stepInstruction", "stepOver", "continueExecution")
+REPEATED = (
+    "s",
+    "n",
+    "step",
+    "next",
+    "c",
+    "continue",
+    "x",
+    "code",
+    "stepInstruction",
+    "stepOver",
+    "continueExecution",
+)
 
 GENERAL_REGISTERS = {  # by the name of the program counter
     "rip": "rax rbx rcx rdx rsi rdi rbp rsp r8 r9 r10 r11 r12 r13 r14 r15 rip rflags cs ss ds es fs gs fs_base gs_base",
@@ -96,7 +108,9 @@ def find_helper(named):
     for path in [named] if named else [built, installed, "lldb-helper"]:
         if found := shutil.which(path):
             return found
-    sys.exit(f"console.py: there is no {named or 'lldb-helper: script/build builds it, or --helper PATH names one'}")
+    sys.exit(
+        f"console.py: there is no {named or 'lldb-helper: script/build builds it, or --helper PATH names one'}"
+    )
 
 
 def address(number):
@@ -106,7 +120,9 @@ def address(number):
 def table(rows):
     """Aligns the columns of the rows."""
     widths = [max(map(len, column)) for column in zip(*rows)]
-    return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip() for row in rows)
+    return "\n".join(
+        "  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip() for row in rows
+    )
 
 
 def bytes_table(start, data):
@@ -120,9 +136,12 @@ def bytes_table(start, data):
 
 def show(response, request):
     """The text of a response: addresses in hexadecimal, lists of objects as tables, nothing for a plain ok."""
+
     def text_of(key, value):
         is_address = key == "pc" or key.lower().endswith(("addr", "address", "slide"))
-        return address(value) if is_address else value if isinstance(value, str) else json.dumps(value)
+        return (
+            address(value) if is_address else value if isinstance(value, str) else json.dumps(value)
+        )
 
     if "memory" in response:
         return bytes_table(request.get("address", 0), response["memory"])
@@ -132,7 +151,9 @@ def show(response, request):
     for key, value in (response.get("module") or response).items():
         if isinstance(value, list) and value and isinstance(value[0], dict):
             keys = list({key: None for row in value for key in row})
-            tables.append(table([keys] + [[text_of(key, row.get(key, "")) for key in keys] for row in value]))
+            tables.append(
+                table([keys] + [[text_of(key, row.get(key, "")) for key in keys] for row in value])
+            )
         elif key not in ("id", "status"):
             words.append(f"{key} {text_of(key, value)}")
     return "\n".join(filter(None, ["  ".join(words), *tables]))
@@ -140,9 +161,17 @@ def show(response, request):
 
 def error_texts(response):
     """The error messages that a response's schema allows, with … for variable parts."""
-    kinds = [kind["properties"]["message"] for kind in response["oneOf"] if "message" in kind["properties"]]
+    kinds = [
+        kind["properties"]["message"]
+        for kind in response["oneOf"]
+        if "message" in kind["properties"]
+    ]
     texts = [text for kind in kinds for text in kind.get("anyOf", [kind])]
-    return [word for text in texts for word in text.get("enum") or [text.get("const") or text["description"]]]
+    return [
+        word
+        for text in texts
+        for word in text.get("enum") or [text.get("const") or text["description"]]
+    ]
 
 
 class Screen:
@@ -161,7 +190,9 @@ class Screen:
             return
         with self.lock:
             if self.at_prompt:
-                rows = (len(PROMPT) + len(readline.get_line_buffer())) // shutil.get_terminal_size().columns
+                rows = (
+                    len(PROMPT) + len(readline.get_line_buffer())
+                ) // shutil.get_terminal_size().columns
                 sys.stdout.write(f"\033[{rows}A" * bool(rows) + "\r\033[J")
             sys.stdout.write(self.colour(code, text.rstrip("\n")) + "\n")
             if self.at_prompt:
@@ -194,7 +225,9 @@ class Console:
         # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and its programs
         # must not.
         signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
-        self.helper = Helper(helper, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT}))
+        self.helper = Helper(
+            helper, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
+        )
         self.is_terminal = sys.stdin.isatty()
         self.raw = False
         self.asking = threading.Lock()  # held from a request to its response
@@ -202,7 +235,9 @@ class Console:
         self.state = None  # of the process; None without a process
         self.ending = None
         self.stops = 0  # includes exits
-        self.is_entering = False  # whether the next stop is at the entry, where LLDB reports a signal
+        self.is_entering = (
+            False  # whether the next stop is at the entry, where LLDB reports a signal
+        )
         self.program = []
         self.thread = None  # the selected thread's id
         self.registers = self.registers_before = {}  # at this stop and the one before
@@ -225,10 +260,15 @@ class Console:
             if event["type"] == "state":
                 self.take_state(event)
             elif event["type"] in ("stdout", "stderr"):
-                self.show(bytes.fromhex(event["output"]).decode(errors="replace").replace("\r\n", "\n"))
+                self.show(
+                    bytes.fromhex(event["output"]).decode(errors="replace").replace("\r\n", "\n")
+                )
             else:
                 names = [f"{m['file']} at {address(m['loadAddress'])}" for m in event["modules"]]
-                self.show(f"* {'loaded' if event['type'] == 'moduleLoaded' else 'unloaded'} {', '.join(names)}", 2)
+                self.show(
+                    f"* {'loaded' if event['type'] == 'moduleLoaded' else 'unloaded'} {', '.join(names)}",
+                    2,
+                )
 
     def take_state(self, event):
         state = event["state_desc"]
@@ -254,11 +294,15 @@ class Console:
         """Returns why and where the program stopped. Selects the thread with the stop reason, because a stop selects
         no thread. Stores the registers."""
         threads = self.request("getThreadIDList").get("threads", [])
-        stopped = [thread["thread-id"] for thread in threads if thread["state"] not in ("None", "Invalid")]
+        stopped = [
+            thread["thread-id"] for thread in threads if thread["state"] not in ("None", "Invalid")
+        ]
         if stopped and self.thread not in stopped:
             self.thread = stopped[0]
             self.request("selectThreadID", tid=self.thread)
-        self.registers_before, self.registers = self.registers, self.request("getRegisters").get("registers", {})
+        self.registers_before, self.registers = self.registers, self.request("getRegisters").get(
+            "registers", {}
+        )
         text = self.request("executeCommand", cli="thread info").get("output", "").strip()
         if self.is_entering:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
@@ -307,7 +351,10 @@ class Console:
         """Sends a request and shows the response. Returns whether it is ok."""
         if command in NEED_A_STOP:
             self.need_a_stop()
-        elif command in ("attachToProcess", "connectRemote") and self.state in ("eStateExited", "eStateDetached"):
+        elif command in ("attachToProcess", "connectRemote") and self.state in (
+            "eStateExited",
+            "eStateDetached",
+        ):
             self.ask("deleteProcess")
         response = self.ask(command, **arguments)
         if response["status"] == "error":
@@ -322,7 +369,9 @@ class Console:
     def await_stop(self, seconds=None, is_killed=False):
         """Waits until the program stops or exits. A killed program exits soon after the response."""
         with self.changed:
-            self.changed.wait_for(lambda: self.state in ENDED if is_killed else self.state not in RUNNING, seconds)
+            self.changed.wait_for(
+                lambda: self.state in ENDED if is_killed else self.state not in RUNNING, seconds
+            )
         self.catch_up()
 
     def obstacle(self):
@@ -348,12 +397,17 @@ class Console:
             self.need_a_stop()
         # Without debug information LLDB's expressions do not know a symbol, but its symbol table does.
         for place in (text, re.sub(r"(?<![$\w])[A-Za-z_]\w*", self.symbol, text)):
-            if found := self.search(r"^(0x\w+):", f'memory read --size 1 --count 1 --format x -- "{place}"'):
+            if found := self.search(
+                r"^(0x\w+):", f'memory read --size 1 --count 1 --format x -- "{place}"'
+            ):
                 return int(found, 16)
         raise Mistake(f"«{text}» is not a number, symbol, $register or sum of them")
 
     def symbol(self, name):
-        return self.search(r"range = \[(0x\w+)", f"image lookup --verbose --symbol {name[0]}") or name[0]
+        return (
+            self.search(r"range = \[(0x\w+)", f"image lookup --verbose --symbol {name[0]}")
+            or name[0]
+        )
 
     def search(self, pattern, line):
         """Runs an LLDB command. Returns the part of its output that matches the pattern's group, or None."""
@@ -362,8 +416,12 @@ class Console:
 
     def arguments(self, command):
         """Returns the schemas of a command's arguments, by name, in their order."""
-        properties = self.schema["requests"].get(ALIASES.get(command, command), {}).get("properties", {})
-        return {name: schema for name, schema in properties.items() if name not in ("command", "id")}
+        properties = (
+            self.schema["requests"].get(ALIASES.get(command, command), {}).get("properties", {})
+        )
+        return {
+            name: schema for name, schema in properties.items() if name not in ("command", "id")
+        }
 
     def arguments_of(self, command, words):
         schemas = self.arguments(command)
@@ -387,7 +445,9 @@ class Console:
             raise Mistake("launch PROGRAM [ARGUMENTS...]")
         self.ask("deleteProcess")
         self.program = [os.path.abspath(words[0]), *words[1:]]
-        quoted = " ".join('"' + word + '"' if " " in word or not word else word for word in words[1:])
+        quoted = " ".join(
+            '"' + word + '"' if " " in word or not word else word for word in words[1:]
+        )
         self.ask("prepareExecutable", path=self.program[0], args=quoted, cwd=os.getcwd())
         self.perform("createProcess")
 
@@ -421,7 +481,11 @@ class Console:
         if words:
             line = f"disassemble --count 16 --start-address {self.number(''.join(words))}"
             return self.perform("executeCommand", cli=line)
-        lines = self.ask("executeCommand", cli="disassemble --frame --force").get("output", "").splitlines()
+        lines = (
+            self.ask("executeCommand", cli="disassemble --frame --force")
+            .get("output", "")
+            .splitlines()
+        )
         if not (current := [at for at, line in enumerate(lines) if line.startswith("->")]):
             return self.perform("executeCommand", cli="disassemble --pc --count 16")
         first = max(0, current[0] - 8)
@@ -443,22 +507,44 @@ class Console:
     def do_regs(self, words):
         """regs: shows general registers. regs NAME...: these. regs all: all. A star marks changes by the last step."""
         self.need_a_stop()
-        values = self.ask("getRegisters")["registers"]  # some texts also have the place that the register points to
-        general = next((names for pc, names in GENERAL_REGISTERS.items() if pc in values), "").split()
-        rest = sorted(values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
+        values = self.ask("getRegisters")[
+            "registers"
+        ]  # some texts also have the place that the register points to
+        general = next(
+            (names for pc, names in GENERAL_REGISTERS.items() if pc in values), ""
+        ).split()
+        rest = sorted(
+            values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name)
+        )
         names = [name.lstrip("$") for name in words] or general or rest
-        names = general + [name for name in rest if name not in general] if words == ["all"] else names
+        names = (
+            general + [name for name in rest if name not in general] if words == ["all"] else names
+        )
         if not (names := [name for name in names if name in values]):
             raise Mistake("there is no such register; regs all shows all registers")
-        before = {**values, **self.registers_before}  # self.registers has those of the innermost frame
-        changed = {name for name in names if before[name] != values[name] == self.registers.get(name)}
+        before = {
+            **values,
+            **self.registers_before,
+        }  # self.registers has those of the innermost frame
+        changed = {
+            name for name in names if before[name] != values[name] == self.registers.get(name)
+        }
         width = max(map(len, names))
         words = {name: re.sub(r"(?<=\w) .*", "", values[name]) for name in names}
-        cells = [f"{'*' if name in changed else ' '}{name:>{width}} {words[name]}" for name in names]
+        cells = [
+            f"{'*' if name in changed else ' '}{name:>{width}} {words[name]}" for name in names
+        ]
         cell = max(map(len, cells)) + 1
         columns = max(1, shutil.get_terminal_size().columns // cell)
-        shown = [self.screen.colour(33 * (name in changed), text.ljust(cell)) for name, text in zip(names, cells)]
-        self.show("\n".join("".join(shown[at : at + columns]).rstrip() for at in range(0, len(shown), columns)))
+        shown = [
+            self.screen.colour(33 * (name in changed), text.ljust(cell))
+            for name, text in zip(names, cells)
+        ]
+        self.show(
+            "\n".join(
+                "".join(shown[at : at + columns]).rstrip() for at in range(0, len(shown), columns)
+            )
+        )
 
     def do_raw(self, words):
         """raw on: also shows the messages. raw off: hides them again."""
@@ -469,12 +555,18 @@ class Console:
         if not words:
             return self.show(HELP)
         if words == ["protocol"]:
-            return self.show("\n".join(" ".join([name, *self.arguments(name)]) for name in self.schema["requests"]))
+            return self.show(
+                "\n".join(
+                    " ".join([name, *self.arguments(name)]) for name in self.schema["requests"]
+                )
+            )
         command = ALIASES.get(words[0], words[0])
         if hasattr(self, f"do_{command}"):
             return self.show(getattr(self, f"do_{command}").__doc__)
         if command in LLDB_LINES:
-            return self.show(f"{command}: LLDB's «{LLDB_LINES[command]}». !help {LLDB_LINES[command]} explains it.")
+            return self.show(
+                f"{command}: LLDB's «{LLDB_LINES[command]}». !help {LLDB_LINES[command]} explains it."
+            )
         if command not in self.schema["requests"]:
             raise Mistake(f"there is no command «{command}»")
         rows = []
@@ -482,7 +574,9 @@ class Console:
             rows.append((f"  {name}", schema.get("type", "integer"), schema.get("description", "")))
         errors = " · ".join(error_texts(self.schema["responses"][command]))
         head = f"{command}: {self.schema['requests'][command]['description']}"
-        self.show("\n".join(filter(None, [head, rows and table(rows), errors and "Errors: " + errors])))
+        self.show(
+            "\n".join(filter(None, [head, rows and table(rows), errors and "Errors: " + errors]))
+        )
 
     def obey(self, line):
         """Carries out one line. Returns whether to continue."""
@@ -503,7 +597,10 @@ class Console:
             elif word in LLDB_LINES:
                 self.need_a_stop()
                 before, self.thread = self.stops, None if word == "thread" else self.thread
-                if self.perform("executeCommand", cli=f"{LLDB_LINES[word]} {rest}".strip()) and word in STEPS:
+                if (
+                    self.perform("executeCommand", cli=f"{LLDB_LINES[word]} {rest}".strip())
+                    and word in STEPS
+                ):
                     self.resumed(before)
                     self.await_stop(0.5 if self.is_terminal else None)
             elif command in self.schema["requests"]:
@@ -511,7 +608,9 @@ class Console:
             else:
                 raise Mistake(f"there is no command «{word}»; help lists them")
             if word in REPEATED:
-                self.last_line = word if word == "x" else line  # x continues after what it has shown
+                self.last_line = (
+                    word if word == "x" else line
+                )  # x continues after what it has shown
         return True
 
     def interrupt(self, *_):
@@ -525,7 +624,9 @@ class Console:
         goes_on = True
         while goes_on:
             try:
-                line = self.screen.read_line() if self.is_terminal else sys.stdin.readline() or "quit"
+                line = (
+                    self.screen.read_line() if self.is_terminal else sys.stdin.readline() or "quit"
+                )
             except EOFError:
                 line = "quit"
             except KeyboardInterrupt:  # drops the typed line
@@ -540,7 +641,9 @@ class Console:
 
     def complete(self, text, index):
         if index == 0:
-            self.candidates = self.candidates_for(text, readline.get_line_buffer()[: readline.get_endidx()])
+            self.candidates = self.candidates_for(
+                text, readline.get_line_buffer()[: readline.get_endidx()]
+            )
         return self.candidates[index] if index < len(self.candidates) else None
 
     def candidates_for(self, text, line):
@@ -553,12 +656,19 @@ class Console:
             return [command + " " for command in commands if command.startswith(text)]
         if word == "regs" or text.startswith("$"):
             mark = "$" if text.startswith("$") else ""
-            return [mark + name + " " for name in sorted(self.registers) if name.startswith(text.lstrip("$"))]
+            return [
+                mark + name + " "
+                for name in sorted(self.registers)
+                if name.startswith(text.lstrip("$"))
+            ]
         if word in ("b", "x", "code", "p"):
             return self.completions(f"breakpoint set --name {text}", "") if text else []
         names = [name + "=" for name in self.arguments(word) if name.startswith(text)]
         head, equals, path = text.rpartition("=")
-        files = [head + equals + file + ("/" if os.path.isdir(file) else " ") for file in sorted(glob.glob(path + "*"))]
+        files = [
+            head + equals + file + ("/" if os.path.isdir(file) else " ")
+            for file in sorted(glob.glob(path + "*"))
+        ]
         return names + files
 
     def completions(self, cli, mark):

@@ -27,7 +27,11 @@ def show(kind, mark, text):
 
 
 def ask(helper, command, **arguments):
-    show("request", "->", " ".join([command] + [f"{k}={json.dumps(v)}" for k, v in arguments.items()]))
+    show(
+        "request",
+        "->",
+        " ".join([command] + [f"{k}={json.dumps(v)}" for k, v in arguments.items()]),
+    )
     response = helper.ask(command, **arguments)
     show(response["status"], "<-", json.dumps(response))
     if response["status"] != "ok":
@@ -60,8 +64,16 @@ def show_events_until(helper, state):
 
 
 def debug(helper, program, greeting, arguments):
-    ask(helper, "prepareExecutable", path=program, args=arguments, env=f'GREETING="{greeting}"',
-        cwd=os.getcwd(), triple="", is64Bits=True)
+    ask(
+        helper,
+        "prepareExecutable",
+        path=program,
+        args=arguments,
+        env=f'GREETING="{greeting}"',
+        cwd=os.getcwd(),
+        triple="",
+        is64Bits=True,
+    )
     ask(helper, "createProcess")
     show_events_until(helper, "eStateStopped")
     ask(helper, "continueExecution")
@@ -95,7 +107,9 @@ def main():
         helper.close()
         sys.exit(str(failure))
     except (EOFError, BrokenPipeError):
-        sys.exit('the helper has ended; docs/troubleshooting.md explains this under "No text at all"')
+        sys.exit(
+            'the helper has ended; docs/troubleshooting.md explains this under "No text at all"'
+        )
     sys.exit(0 if as_expected else 1)
 
 
