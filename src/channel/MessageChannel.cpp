@@ -89,8 +89,9 @@ std::optional<std::string> MessageChannel::readLine() {
   while (line.size() < longestLine && byte != '\n' && readAll(&byte, 1)) line += byte;
   line = line.c_str();  // up to a zero byte
   if (line.empty()) return std::nullopt;
-  const MutexLock lock(writeMutex);
-  writeAll(output, "INPUT: " + line + "\n");
+  // Deliberate: without the lock, and always on standard output. The person sees at once what was
+  // read, also while a message waits for room.
+  writeAll(stdout, "INPUT: " + line + "\n");
   return line;
 }
 
