@@ -110,7 +110,9 @@ void InferiorInput::writeWhenReady(const Queue &queue, lldb::SBProcess &process,
   do {
     while (!platform::isReady(queue.pty, platform::Use::Write, roomWait))
       if (queue.closed) return;
-    const std::string_view piece = text.substr(0, pieceSize);
+    // A copy, because LLDB formats the argument of each call, logged or not, up to the next zero
+    // byte: all of the text that is left.
+    const std::string piece(text.substr(0, pieceSize));
     // LLDB returns 0, however much it wrote.
     process.PutSTDIN(piece.data(), piece.size());
     text.remove_prefix(piece.size());
