@@ -13,9 +13,10 @@
 /// with "status": "event". The main thread constructs it and begins to listen, then the event
 /// thread runs it.
 ///
-/// The monitor copies its LLDB handles when it is constructed, so a new process gets a new monitor.
-/// It shares three things with the main thread: the channel's writer, which any thread may use, the
-/// flag that ends it, and the reported state.
+/// The monitor copies its LLDB handles when it is constructed. A process that LLDB's command line
+/// starts in the same target replaces the monitor's. The monitor shares four things with the main
+/// thread: the channel's writer, which any thread may use, the flag that ends it, the reported
+/// state, and the debugger's listener, at which the main thread only looks.
 class EventMonitor {
  public:
   /// The types of this program's own events. One ends a wait for events early, and does nothing
@@ -39,8 +40,9 @@ class EventMonitor {
   void handleEvent();
   void handleProcessEvent(std::uint32_t type);
 
-  /// Sends one message for each read of at most 256 bytes, until a read returns fewer.
   using OutputReader = std::size_t (lldb::SBProcess::*)(char *, std::size_t) const;
+
+  /// Sends one message for each read of at most 256 bytes, until a read returns fewer.
   void reportOutput(const char *type, OutputReader read);
   void reportState(lldb::StateType state, bool isRestarted);
   void sendState(lldb::StateType state);

@@ -17,15 +17,16 @@ class EventThread {
   /// abnormal end shows a host that it forgot deleteProcess.
   ~EventThread() = default;
 
-  /// Begins to listen to `target` and its process, and starts the thread. It misses no event, and
-  /// no request to stop. None may run yet. `channel` and `reportedState` must outlive the thread.
+  /// Begins to listen to `target` and its process, and starts the thread, which misses no event and
+  /// no request to end. No thread may run yet. `channel` and `reportedState` must outlive it.
   /// Throws std::system_error, and no longer listens, when no thread can be started.
   void start(lldb::SBTarget target, MessageChannel &channel, ReportedState &reportedState);
 
   /// Ends a running thread and joins it.
   void stop();
 
-  /// Asks a running thread to end after its current event, within a second. Does not wait for it.
+  /// Asks a running thread to end. Does not wait for it. The thread ends after its current event,
+  /// or within a second if there is none.
   void requestStop() { stopEventThread = true; }
 
   /// Has the thread report the last stop, if that was hidden and the process is still there.

@@ -63,8 +63,8 @@ class ReportedState {
   /// select, waits for that, for at most `bound`.
   void forgetStepped(std::chrono::milliseconds bound);
 
-  /// Whether the process runs: the last state taken in is no stop, or the main thread has resumed
-  /// the process since.
+  /// Whether the process runs: the last state taken in is running, stepping or a restarted stop, or
+  /// the main thread has resumed the process since.
   bool isRunning() const { return running; }
 
   /// Records that the main thread resumes the process, or that it failed to.

@@ -14,8 +14,8 @@
 /// process does not stop, and LLDB's own limits apply.
 ///
 /// A process that LLDB's command line launches after a refused connection has no event thread. Then
-/// nothing waits, and these functions take LLDB's events themselves and drop them, so that LLDB's
-/// state follows the process.
+/// these functions take LLDB's events themselves and drop them, so that LLDB's state follows the
+/// process, and only haltProcess waits.
 class RunControl {
  public:
   /// The references must outlive the object.
@@ -28,7 +28,7 @@ class RunControl {
   void waitForQueuedStates(lldb::SBProcess process);
 
   /// Whether `process` may be resumed: not while it runs. Waits for a stop whose event is being
-  /// taken.
+  /// taken. Returns true when that takes too long, and when there is no event thread.
   ///
   /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
   /// process runs. It then holds that resume for the next stop, and the process never stops again.

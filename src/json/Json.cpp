@@ -197,6 +197,7 @@ Payload unowned(const JsonValue &payload) { return {Payload(), &payload}; }
 /// The payloads of the numbers from 0 to 255. Bytes and counts are most of all numbers.
 std::vector<JsonInt> makeSmallInts() {
   std::vector<JsonInt> payloads;
+  payloads.reserve(256);
   for (std::int32_t number = 0; number < 256; ++number) payloads.emplace_back(number);
   return payloads;
 }

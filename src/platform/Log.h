@@ -17,7 +17,7 @@ namespace platform {
 /// Creates the handle. Call it once, before any other thread exists.
 void openLog();
 
-/// Whether a record at the default level would go anywhere.
+/// Whether the system's log takes records of the default level. Says nothing of a log daemon.
 bool logEnabled();
 
 /// Returns a record as plain text: removes the "{public}" marks from `format` and formats like

@@ -20,14 +20,14 @@
 
 /// The one session: the channel to the host, LLDB's debugger, and at most one target and process.
 ///
-/// Everything declared here is for the main thread, which reads requests one at a time. Members of
-/// the session start three others: EventThread reports events from a launch, attach or connection
-/// to the next one or to deleteProcess, InferiorInput writes to the program's input,
-/// ConnectionBound watches an attempt to connect. docs/concurrency.md has what they share.
+/// Everything declared here is for the main thread, which reads requests one at a time. The session
+/// has three other threads. EventThread reports events from a launch, attach or connection until
+/// the target is deleted. InferiorInput writes to the program's input. ConnectionBound watches an
+/// attempt to connect. docs/concurrency.md has what they share.
 ///
-/// LLDB's debugger is asynchronous: commands that resume or stop the process return at once, and
-/// their results arrive as events. LLDB's state of the process changes only when an event is taken
-/// from the debugger's listener. Only the event thread takes events while there is one
+/// LLDB's debugger is asynchronous: LLDB's functions that resume or interrupt the process return at
+/// once, and their results arrive as events. LLDB's state of the process changes only when an event
+/// is taken from the debugger's listener. Only the event thread takes events while there is one
 /// (RunControl).
 ///
 /// The streams belong to main. Destroying the session neither kills nor detaches an inferior; a
@@ -131,8 +131,9 @@ class DebugSession {
   /// std::system_error.
   void startEventThread();
 
-  /// After LLDB has failed to end a process that was halted for it: the host believes that it runs.
-  void tellIfStopped();
+  /// Reports the hidden stop of the process to the host, if the process is stopped. Call it when
+  /// LLDB has failed to end a process that haltProcess has stopped: the host believes that it runs.
+  void reportStopIfEndFailed();
 
   /// Ends the event thread after it has reported what LLDB has queued of this process's states.
   void endReports(const lldb::SBProcess &itsProcess);
@@ -145,11 +146,13 @@ class DebugSession {
   /// `process` stays invalid.
   lldb::SBError openConnection(const std::string &plugin, const std::string &url);
 
-  /// Ends what openConnection has begun. Leaves a target without process.
+  /// Ends what openConnection has begun. Leaves a target without process, or no target if LLDB
+  /// creates none for the file.
   void giveUpConnection();
 
-  /// Returns when `process` is attached to and its first stop is taken and reported, so that the
-  /// host's next request acts on the state that the process is really in. Needs the event thread.
+  /// Returns when `process` is attached to and its first state, mostly a stop, is taken and
+  /// reported, so that the host's next request acts on the real state. Gives up two seconds after
+  /// the attaching. Needs the event thread.
   void waitForFirstStop();
 
   MessageChannel channel;
@@ -158,7 +161,8 @@ class DebugSession {
   lldb::SBTarget target;      ///< invalid when there is no target
   lldb::SBProcess process;    ///< as handleRequest found it; may be a dead process
 
-  // The settings of the next launch. A later command replaces all of an earlier one's values.
+  // The settings of the next launch. prepareExecutable replaces all of them. attachToProcess and
+  // connectRemote replace the executable, the triple and is64Bits, and keep the others.
   std::string workingDirectory;
   std::vector<EnvironmentEntry> environment;
   std::vector<std::string> arguments;

@@ -16,11 +16,11 @@ Json DebugSession::detach() {
   // Deliberate: the target and the event thread stay, so that the host receives the detached state
   // as an event. A host sends deleteProcess before the next run.
   runControl.haltProcess(process);
-  if (process.Detach().Fail()) tellIfStopped();
+  if (process.Detach().Fail()) reportStopIfEndFailed();
   return okResponse();
 }
 
-void DebugSession::tellIfStopped() {
+void DebugSession::reportStopIfEndFailed() {
   if (process.GetState() == lldb::eStateStopped) runControl.endHasFailed();
 }
 
@@ -55,7 +55,7 @@ Json DebugSession::continueExecution() {
 
 Json DebugSession::stopExecution() {
   runControl.haltProcess(process);
-  if (process.Kill().Fail()) tellIfStopped();
+  if (process.Kill().Fail()) reportStopIfEndFailed();
   return okResponse();
 }
 

@@ -29,8 +29,9 @@ class RegisterReader {
  public:
   explicit RegisterReader(lldb::SBDebugger &debugger);
 
-  /// Returns the texts of all registers of `frame`, a frame of `process`. If several register sets
-  /// have the same name, the last one's text is kept. An invalid frame has no registers.
+  /// Returns the texts of the registers of `frame`, a frame of `process`. Leaves out ymm, zmm and
+  /// registers without a name. If several sets have a register of one name, the last one's text is
+  /// kept. An invalid frame has no registers.
   /// `hasOwnServer`: whether LLDB's own debug server runs the process.
   Json::object read(lldb::SBProcess process, lldb::SBFrame frame, bool hasOwnServer);
 
@@ -65,7 +66,7 @@ class RegisterReader {
   const std::vector<TypeFormat> initialFormats;
   std::uint32_t processOfSets = 0;  ///< LLDB's unique id, which begins with 1
   std::vector<Set> sets;
-  /// Returns a line for each register of `sets`. It is empty for one that has no value. Null: LLDB
-  /// 14 to 17.
+  /// Returns a line for each register of `sets` that is not left out. The line is empty if the
+  /// register has no value. Null: LLDB 14 to 17, or a format that LLDB does not understand.
   std::function<std::string(lldb::SBFrame &)> formatRegisters;
 };
