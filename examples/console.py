@@ -291,12 +291,13 @@ class Console:
             self.changed.notify_all()
 
     def where(self):
-        """Returns why and where the program stopped. Selects the thread with the stop reason, because a stop selects
-        no thread. Stores the registers."""
+        """Returns why and where the program stopped. Stores the registers. The thread that was stepped is selected.
+        If the selected thread has no reason to stop, selects one that has."""
         threads = self.request("getThreadIDList").get("threads", [])
         stopped = [
             thread["thread-id"] for thread in threads if thread["state"] not in ("None", "Invalid")
         ]
+        self.thread = self.selected_thread(threads)
         if stopped and self.thread not in stopped:
             self.thread = stopped[0]
             self.request("selectThreadID", tid=self.thread)
@@ -308,6 +309,14 @@ class Console:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
         self.is_entering = False
         return text or "no thread has a stop reason"
+
+    def selected_thread(self, threads):
+        """The id of the thread that LLDB has selected: "thread list" has the threads in the same order, and marks it."""
+        lines = self.request("executeCommand", cli="thread list").get("output", "").splitlines()[1:]
+        marked = [
+            thread["thread-id"] for thread, line in zip(threads, lines) if line.startswith("*")
+        ]
+        return marked[0] if marked else None
 
     def request(self, command, **arguments):
         """Sends a request and returns its response."""
