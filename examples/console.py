@@ -12,6 +12,7 @@ arrive, and asks the helper where the program is after a stop.
 import argparse
 import atexit
 import contextlib
+import difflib
 import glob
 import json
 import os
@@ -21,6 +22,7 @@ import shlex
 import shutil
 import signal
 import sys
+import tempfile
 import threading
 import time
 
@@ -36,13 +38,16 @@ ENDED = (None, "eStateExited", "eStateDetached")
 HELP = """\
 start   launch PROGRAM [ARGUMENTS]    run [ARGUMENTS]   attach PID   detach   kill
 leave   quit, or Ctrl-D (ends the program too)
-resume  c (continue)   s (one instruction)   n (the same, over calls)
+resume  c (continue)   s, si (one instruction)   n, ni (over calls)
         finish (to the caller)   step, next (a line of source)
         interrupt, or Ctrl-C     wait (for the stop)
-break   b (lists)   b FUNCTION   b FILE:LINE   b ADDRESS   delete [N]
+break   b (lists)   b PLACE   b PLACE if CONDITION   tbreak PLACE   delete [N]
+        PLACE: FUNCTION   FILE:LINE   ADDRESS   +N (from the program counter)
+        watch VARIABLE   watch *ADDRESS
 inspect where (why and where it stopped)   bt [COUNT]   f N   up   down   threads
-        thread N   code [ADDRESS]   source   p EXPRESSION   modules
-        x [ADDRESS [LENGTH]]   regs   regs all   regs NAME...
+        thread N   code [ADDRESS]   disas [PLACE]   list   p EXPRESSION   p/x   modules
+        x [ADDRESS [LENGTH]]   x/4gx ADDRESS   regs   regs all   regs NAME...   vmmap
+        info registers, breakpoints, threads, sharedlibrary, locals   intel
 send    < LINE (to the program)   ! LINE (to LLDB: !help)   raw on, raw off
 
 ADDRESS is a number, a symbol, $REGISTER, or a sum without spaces: $sp+0x10. Tab
@@ -53,17 +58,29 @@ Type their arguments in order or by name: readMemory main length=64.
 
 # Other names for commands of the protocol. The arguments follow.
 ALIASES = {
-    "attach": "attachToProcess", "c": "continueExecution", "continue": "continueExecution", "finish": "stepOut",
+    "attach": "attachToProcess", "cont": "continueExecution", "fin": "stepOut", "k": "stopExecution",
+    "ni": "stepOver", "nexti": "stepOver", "si": "stepInstruction", "stepi": "stepInstruction",
+    "c": "continueExecution", "continue": "continueExecution", "finish": "stepOut",
     "interrupt": "breakExecution", "kill": "stopExecution", "n": "stepOver", "s": "stepInstruction",
 }  # fmt: skip
 # Other names for LLDB's commands. The rest of the line follows.
 LLDB_LINES = {
+    "backtrace": "bt", "call": "expression --", "d": "breakpoint delete --force", "disable": "breakpoint disable",
+    "enable": "breakpoint enable", "list": "list", "l": "list", "set": "expression --", "t": "thread select",
+    "until": "thread until", "vmmap": "memory region --all", "ptype": "type lookup",
     "bt": "bt", "delete": "breakpoint delete --force", "down": "down", "f": "frame select",
     "frame": "frame select", "modules": "image list --header --basename", "next": "thread step-over",
     "p": "expression --", "print": "expression --", "source": "source list", "step": "thread step-in",
     "thread": "thread select", "threads": "thread list", "up": "up", "where": "thread info",
 }  # fmt: skip
-STEPS = ("stepInstruction", "stepOver", "stepOut", "step", "next")
+# What "info" shows, by the names of its subjects.
+INFO = {
+    "registers": "regs", "breakpoints": "breakpoint list", "threads": "thread list",
+    "sharedlibrary": "image list --header --basename", "watchpoints": "watchpoint list",
+    "locals": "frame variable --no-args", "args": "frame variable --no-locals", "signals": "process handle",
+    "proc": "memory region --all",
+}  # fmt: skip
+STEPS = ("stepInstruction", "stepOver", "stepOut", "step", "next", "until")
 NEED_A_STOP = ("continueExecution", "stepInstruction", "stepOver", "stepOut", "getThreadIDList", "selectThreadID",
                "getRegisters", "setRegister", "readMemory", "writeByte", "getCallstack", "selectFrame")  # fmt: skip
 REPEATED = ("s", "n", "step", "next", "c", "continue", "x", "code", "stepInstruction", "stepOver", "continueExecution")
@@ -78,6 +95,13 @@ WHERE = (
     "{ ${module.file.basename}{`${function.name-with-args}${function.pc-offset}}}"
     "{ at ${line.file.basename}:${line.number}}\\n"
 )
+
+
+# What a command without data did.
+SAID = {
+    "attachToProcess": "attached to process", "detach": "detached: the program runs without this debugger",
+    "stopExecution": "killed the program",
+}  # fmt: skip
 
 
 class Mistake(Exception):
@@ -208,6 +232,7 @@ class Console:
         self.registers = self.registers_before = {}  # at this stop and the one before
         self.next_address = None  # where x continues
         self.last_line = ""
+        self.has_warned = False  # that Ctrl-D ends the program
         self.watcher = threading.Thread(target=self.watch, daemon=True)
         self.watcher.start()
         signal.signal(signal.SIGINT, self.interrupt)
@@ -227,8 +252,14 @@ class Console:
             elif event["type"] in ("stdout", "stderr"):
                 self.show(bytes.fromhex(event["output"]).decode(errors="replace").replace("\r\n", "\n"))
             else:
-                names = [f"{m['file']} at {address(m['loadAddress'])}" for m in event["modules"]]
+                names = [f"{m['file']} at {address(self.base(m))}" for m in event["modules"]]
                 self.show(f"* {'loaded' if event['type'] == 'moduleLoaded' else 'unloaded'} {', '.join(names)}", 2)
+
+    def base(self, module):
+        """Returns the address of the module's image, the one that modules shows. The event has a section's."""
+        found = self.request("moduleForFile", file=f"{module['directory']}/{module['file']}").get("module", {})
+        places = [section["loadAddr"] for section in found.get("sections", []) if section["fileByteSize"]]
+        return min(places, default=module["loadAddress"])
 
     def take_state(self, event):
         state = event["state_desc"]
@@ -263,7 +294,9 @@ class Console:
         if self.is_entering:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
         self.is_entering = False
-        return text or "no thread has a stop reason"
+        code = self.request("executeCommand", cli="frame select 0").get("output", "").splitlines()
+        # The first line says where the frame is, as the text above.
+        return "\n".join([text or "no thread has a stop reason", *(line for line in code[1:] if line.strip())])
 
     def request(self, command, **arguments):
         """Sends a request and returns its response."""
@@ -313,11 +346,13 @@ class Console:
         if response["status"] == "error":
             without = response["message"] in ("no process", "no target")
             self.show((without and self.obstacle()) or response["message"], 31)
+        elif command in SAID:
+            self.show(f"{SAID[command]} {arguments.get('pid', '')}".rstrip())
         else:
             self.show(show(response, arguments))
         if command in (*STEPS, "stopExecution") and response["status"] == "ok":
             self.await_stop(0.5 if self.is_terminal else None, is_killed=command == "stopExecution")
-        return response["status"] == "ok"
+        return response["status"] == "ok" and response.get("succeeded", True)
 
     def await_stop(self, seconds=None, is_killed=False):
         """Waits until the program stops or exits. A killed program exits soon after the response."""
@@ -385,14 +420,44 @@ class Console:
         """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at its entry."""
         if not words:
             raise Mistake("launch PROGRAM [ARGUMENTS...]")
+        path = words[0] if "/" in words[0] or os.path.exists(words[0]) else shutil.which(words[0]) or words[0]
+        path = os.path.abspath(path)
+        kept = self.keep_breakpoints() if self.program[:1] == [path] else None
         self.ask("deleteProcess")
-        self.program = [os.path.abspath(words[0]), *words[1:]]
+        self.program = [path, *words[1:]]
         quoted = " ".join('"' + word + '"' if " " in word or not word else word for word in words[1:])
         self.ask("prepareExecutable", path=self.program[0], args=quoted, cwd=os.getcwd())
-        self.perform("createProcess")
+        if self.perform("createProcess") and kept:
+            self.request("executeCommand", cli=f"breakpoint read --file '{kept}'")
+            self.show(self.request("executeCommand", cli="breakpoint list --brief").get("output", ""), 2)
+        if kept:
+            os.remove(kept)
+
+    def keep_breakpoints(self):
+        """Writes the target's breakpoints to a file, because they end with the target. Returns its name, or None
+        if there is no breakpoint."""
+        handle, path = tempfile.mkstemp(prefix="lldb-helper-")
+        os.close(handle)
+        if not self.request("executeCommand", cli=f"breakpoint write --file '{path}'").get("succeeded"):
+            os.remove(path)
+            return None
+        # LLDB takes an address's offset in its section for the one in its module when it reads the file. ASLR is
+        # off, so the address itself can stand there.
+        listed = self.request("executeCommand", cli="breakpoint list").get("output", "")
+        places = [re.search(r"address = (0x\w+)", text) for text in re.split(r"^\d+: ", listed, flags=re.M)[1:]]
+        with open(path, encoding="utf-8") as file:
+            breakpoints = json.load(file)
+        for breakpoint_, place in zip(breakpoints, places):
+            resolver = breakpoint_["Breakpoint"]["BKPTResolver"]
+            if resolver["Type"] == "Address" and place:
+                resolver["Options"] = {**resolver["Options"], "AddressOffset": int(place[1], 16)}
+                resolver["Options"].pop("ModuleName", None)
+        with open(path, "w", encoding="utf-8") as file:
+            json.dump(breakpoints, file)
+        return path
 
     def do_run(self, words):
-        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these."""
+        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these. Breakpoints stay."""
         self.do_launch(self.program[:1] + (words or self.program[1:]))
 
     def do_wait(self, _):
@@ -400,20 +465,46 @@ class Console:
         self.catch_up()
         self.await_stop()
 
-    def do_b(self, words):
-        """b: lists the breakpoints. b FUNCTION, b FILE:LINE, b ADDRESS: sets one."""
-        place = "".join(words)
+    def do_b(self, words, *options):
+        """b: lists the breakpoints. b PLACE [if CONDITION]: sets one. PLACE is a FUNCTION, FILE:LINE, ADDRESS, or
+        +N for N bytes after the program counter."""
         self.catch_up()
-        if self.state in ENDED:
+        if self.state is None:
             self.need_a_stop()
-        line = "breakpoint list"
+        place, condition = words, []
+        if "if" in words:
+            place, condition = words[: words.index("if")], words[words.index("if") + 1 :]
+        if "if" in words and not (place and condition):
+            raise Mistake("b PLACE if CONDITION")
+        if len(place) > 1 and not re.search(r"[-+*]", "".join(place[1:])):
+            raise Mistake(f"b does not take «{place[1]}» after «{place[0]}»; see help b")
+        place = "".join(place).lstrip("*")
+        if not place:
+            return self.perform("executeCommand", cli="breakpoint list")
         if found := re.fullmatch(r"(.*[^:]):(\d+)", place):
             line = f"breakpoint set --file {shlex.quote(found[1])} --line {found[2]}"
         elif re.match(r"[A-Za-z_~]", place) and not re.search(r"[-+*]", place):
             line = f"breakpoint set --name {shlex.quote(place)}"
-        elif place:
-            line = f"breakpoint set --address {self.number(place)}"
-        self.perform("executeCommand", cli=line)
+        else:
+            line = f"breakpoint set --address {self.number(re.sub(r'^(?=[-+])', '$pc', place))}"
+        if condition:
+            options += ("--condition", "'" + " ".join(condition).replace("'", "\"'\"'\"'") + "'")
+        return self.perform("executeCommand", cli=" ".join([line, *options]))
+
+    def do_tbreak(self, words):
+        """tbreak PLACE [if CONDITION]: sets a breakpoint for one stop."""
+        if not words:
+            raise Mistake("tbreak PLACE [if CONDITION]")
+        self.do_b(words, "--one-shot", "true")
+
+    def do_watch(self, words):
+        """watch VARIABLE, watch *ADDRESS: stops when the program writes to it."""
+        self.need_a_stop()
+        if len(words) != 1:
+            raise Mistake("watch VARIABLE or watch *ADDRESS")
+        is_address = words[0].startswith("*")
+        place = f"expression -- {self.number(words[0][1:])}" if is_address else f"variable {words[0]}"
+        self.perform("executeCommand", cli=f"watchpoint set {place}")
 
     def do_code(self, words):
         """code [ADDRESS]: shows the instructions around the program counter, or from an address on."""
@@ -446,10 +537,12 @@ class Console:
         values = self.ask("getRegisters")["registers"]  # some texts also have the place that the register points to
         general = next((names for pc, names in GENERAL_REGISTERS.items() if pc in values), "").split()
         rest = sorted(values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
-        names = [name.lstrip("$") for name in words] or general or rest
+        general = [name for name in general if name in values]
+        generic = {"pc": "rip", "sp": "rsp", "fp": "rbp"} if "rip" in values else {}
+        names = [generic.get(name.lstrip("$"), name.lstrip("$")) for name in words] or general or rest
         names = general + [name for name in rest if name not in general] if words == ["all"] else names
-        if not (names := [name for name in names if name in values]):
-            raise Mistake("there is no such register; regs all shows all registers")
+        if unknown := [name for name in names if name not in values]:
+            raise Mistake(f"there is no register «{unknown[0]}»; regs all shows all registers")
         before = {**values, **self.registers_before}  # self.registers has those of the innermost frame
         changed = {name for name in names if before[name] != values[name] == self.registers.get(name)}
         width = max(map(len, names))
@@ -459,6 +552,35 @@ class Console:
         columns = max(1, shutil.get_terminal_size().columns // cell)
         shown = [self.screen.colour(33 * (name in changed), text.ljust(cell)) for name, text in zip(names, cells)]
         self.show("\n".join("".join(shown[at : at + columns]).rstrip() for at in range(0, len(shown), columns)))
+
+    def do_info(self, words):
+        """info registers [NAME...], breakpoints, watchpoints, threads, sharedlibrary, locals, args, signals, proc.
+        The beginning of the second word is enough, and i for info."""
+        found = [name for name in INFO if words and name.startswith(words[0])]
+        if not found:
+            raise Mistake(f"info knows {', '.join(INFO)}")
+        if INFO[found[0]] == "regs":
+            return self.do_regs(words[1:])
+        self.catch_up()
+        return self.perform("executeCommand", cli=INFO[found[0]])
+
+    do_i = do_info
+
+    def do_disas(self, words):
+        """disas [FUNCTION or ADDRESS]: shows the instructions of a whole function."""
+        self.need_a_stop()
+        place = "".join(words)
+        if re.fullmatch(r"[A-Za-z_~][\w:~]*", place):
+            return self.perform("executeCommand", cli=f"disassemble --force --name {place}")
+        return self.do_code(words) if words else self.perform("executeCommand", cli="disassemble --force --frame")
+
+    do_break, do_disassemble = do_b, do_disas
+
+    def do_intel(self, words):
+        """intel: shows x86 instructions in Intel's syntax. intel off: in AT&T's."""
+        flavor = "att" if words == ["off"] else "intel"
+        for scope in ("--global ", ""):  # of later programs, and of this one
+            self.ask("executeCommand", cli=f"settings set {scope}target.x86-disassembly-flavor {flavor}")
 
     def do_raw(self, words):
         """raw on: also shows the messages. raw off: hides them again."""
@@ -498,9 +620,14 @@ class Console:
         elif line:
             word, _, rest = line.partition(" ")
             command = ALIASES.get(word, word)
-            if own := getattr(self, f"do_{word}", None):
+            if re.match(r"(x|p|print|po)/", word):  # LLDB has gdb's formats
+                self.need_a_stop()
+                self.perform("executeCommand", cli=line)
+            elif own := getattr(self, f"do_{word}", None):
                 own(shlex.split(rest))
             elif word in LLDB_LINES:
+                if word == "set":
+                    rest = re.sub(r"^var(iable)?\s+", "", rest)
                 self.need_a_stop()
                 before, self.thread = self.stops, None if word == "thread" else self.thread
                 if self.perform("executeCommand", cli=f"{LLDB_LINES[word]} {rest}".strip()) and word in STEPS:
@@ -509,7 +636,8 @@ class Console:
             elif command in self.schema["requests"]:
                 self.perform(command, **self.arguments_of(command, shlex.split(rest)))
             else:
-                raise Mistake(f"there is no command «{word}»; help lists them")
+                near = difflib.get_close_matches(word, self.words(), 1)
+                raise Mistake(f"there is no command «{word}»; " + (f"{near[0]}?" if near else "help lists them"))
             if word in REPEATED:
                 self.last_line = word if word == "x" else line  # x continues after what it has shown
         return True
@@ -527,10 +655,16 @@ class Console:
             try:
                 line = self.screen.read_line() if self.is_terminal else sys.stdin.readline() or "quit"
             except EOFError:
+                print()
+                if self.state not in ENDED and not self.has_warned:
+                    self.has_warned = True
+                    self.show("The program is still there. Ctrl-D again ends it and the console.", 33)
+                    continue
                 line = "quit"
             except KeyboardInterrupt:  # drops the typed line
                 print()
                 continue
+            self.has_warned = False
             try:
                 goes_on = self.obey(line.strip())
             except (Mistake, ValueError) as mistake:  # shlex raises ValueError for a missing quote
@@ -543,12 +677,15 @@ class Console:
             self.candidates = self.candidates_for(text, readline.get_line_buffer()[: readline.get_endidx()])
         return self.candidates[index] if index < len(self.candidates) else None
 
+    def words(self):
+        own = [name[3:] for name in dir(self) if name.startswith("do_")]
+        return sorted([*self.schema["requests"], *ALIASES, *LLDB_LINES, *own, "quit"])
+
     def candidates_for(self, text, line):
         if line.startswith("!"):
             return self.completions(line[1:].lstrip(), "!" if text.startswith("!") else "")
         word, space, _ = line.lstrip().partition(" ")
-        own = [name[3:] for name in dir(self) if name.startswith("do_")]
-        commands = sorted([*self.schema["requests"], *ALIASES, *LLDB_LINES, *own, "quit"])
+        commands = self.words()
         if not space or word == "help":
             return [command + " " for command in commands if command.startswith(text)]
         if word == "regs" or text.startswith("$"):
@@ -605,10 +742,13 @@ def main():
     if console.is_terminal:
         console.use_readline()
     try:
-        for setting in (f'thread-format "{WHERE}"', "use-color false"):
+        for setting in (f'thread-format "{WHERE}"', "use-color false", "stop-line-count-before 1",
+                        "stop-line-count-after 1", "stop-disassembly-display always", "stop-disassembly-count 1"):
             console.ask("executeCommand", cli=f"settings set {setting}")
         if options.program:
             console.do_launch(options.program)
+        elif console.is_terminal:
+            console.show("launch PROGRAM starts a program, attach PID debugs a running one, help lists the rest.")
         return console.run()
     except (EOFError, BrokenPipeError):
         sys.exit("console.py: lldb-helper has ended, or nobody reads this output any more")
