@@ -48,7 +48,9 @@ def run(command, typed="", **environment):
 
 def run_session(*command, shows=()):
     """To its end, and killed in the middle. The program loads a library whose name is not UTF-8."""
-    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # a helper whose host dies ends by abort
+    # A helper whose host dies ends by abort. Only the soft limit can be raised again.
+    _, most = resource.getrlimit(resource.RLIMIT_CORE)
+    resource.setrlimit(resource.RLIMIT_CORE, (0, most))
     helper = helper_with(preload("libplugin.so", "b\udcff.so"))
     # Python writes to a pipe only at its end.
     options = {"stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True, "errors": "surrogateescape",
