@@ -16,6 +16,7 @@ import time
 import pytest
 import seccomp
 
+from harness import stub
 from harness.host import OK, error
 from harness.machine import (
     Program,
@@ -202,24 +203,6 @@ def test_processes_that_cannot_be_attached_to(host):
     assert host.run("hello")[1] == 3
 
 
-def peer(answer):
-    """A server that sends all texts of answer(data) for the data of each read. Returns its port."""
-    listener = socket.create_server(("127.0.0.1", 0))
-
-    def serve(connection):
-        with contextlib.suppress(OSError):  # the helper has cut it
-            while data := connection.recv(65536):
-                for text in answer(data):
-                    connection.sendall(text)
-
-    def accept():
-        while True:
-            threading.Thread(target=serve, args=(listener.accept()[0],), daemon=True).start()
-
-    threading.Thread(target=accept, daemon=True).start()
-    return listener.getsockname()[1]
-
-
 def test_connections_that_never_come_about_are_cut_after_a_minute(start_host):
     echo = lambda data: [data]
     stop_always = lambda data: [b"+$T05thread:1;#d7" * max(1, data.count(b"$"))]
@@ -227,7 +210,7 @@ def test_connections_that_never_come_about_are_cut_after_a_minute(start_host):
     hosts = {answer: start_host() for answer in (echo, stop_always, send_without_end)}
     start = time.monotonic()
     for answer, host in hosts.items():
-        host.send(json.dumps({"command": "connectRemote"} | connect(peer(answer))).encode())
+        host.send(json.dumps({"command": "connectRemote"} | connect(stub.serve(answer))).encode())
     for host in hosts.values():
         host.TIMEOUT = 240
         assert host.response() == REFUSED
