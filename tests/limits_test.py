@@ -1,6 +1,5 @@
 """Requests that need more than there is, that LLDB would never answer, or that come in odd surroundings."""
 
-import contextlib
 import errno
 import itertools
 import json
@@ -10,7 +9,6 @@ import resource
 import socket
 import struct
 import tempfile
-import threading
 import time
 
 import pytest
