@@ -244,7 +244,7 @@ class Console:
             if isinstance(event, threading.Event):
                 event.set()
                 continue
-            if isinstance(event, EOFError):
+            if isinstance(event, Exception):
                 return self.enter("eStateExited")  # the helper has ended
             self.show(json.dumps(event) * self.raw, 2)
             if event["type"] == "state":

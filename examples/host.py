@@ -44,13 +44,18 @@ class Helper:
 
     def _run(self):
         """Reads messages in a thread. At the end, wakes everyone who waits for a message."""
-        self._read()
+        end = EOFError("the helper has ended")
+        try:
+            self._read()
+        except Exception as problem:
+            end = problem
         for messages in (self.responses, self.events):
-            messages.put(EOFError("the helper has ended"))
+            messages.put(end)
 
     def _read(self):
         """Sorts messages into responses and events, until the helper ends."""
         while text := self.receive():
+            self.received(text)
             # File names may have bytes that are not UTF-8. os.fsencode() turns such a text back into the bytes.
             message = json.loads(text.decode(errors="surrogateescape"))
             is_event = message["status"] == "event"
@@ -63,14 +68,28 @@ class Helper:
         (length,) = struct.unpack("=I", prefix)
         return self.messages.read(length)
 
-    def send(self, text):
-        """Sends one frame."""
-        self.requests.write(struct.pack("=I", len(text)) + text)
+    def received(self, text):
+        """For a subclass that logs or checks messages. Runs in the reading thread, before anybody gets the message.
+
+        What it raises ends the reading, and everybody who waits for a message gets it.
+        """
+
+    def sending(self, text):
+        """For a subclass that logs or checks requests. Runs before the request is sent."""
+
+    def send(self, *texts):
+        """Sends requests, each in a frame of its own, in one write."""
+        for text in texts:
+            self.sending(text)
+        self.requests.write(b"".join(struct.pack("=I", len(text)) + text for text in texts))
         self.requests.flush()
 
     def _take(self, messages):
-        message = messages.get(timeout=self.TIMEOUT)
-        if isinstance(message, EOFError):
+        try:
+            message = messages.get(timeout=self.TIMEOUT)
+        except queue.Empty:
+            raise TimeoutError(f"the helper has sent nothing for {self.TIMEOUT} seconds") from None
+        if isinstance(message, Exception):
             messages.put(message)  # for the next call
             raise message
         return message
@@ -79,12 +98,17 @@ class Helper:
         """Sends a request and returns its response, also if its status is "error"."""
         request = {"command": command, "id": self.next_id, **arguments}
         self.send(json.dumps(request, ensure_ascii=False).encode(errors="surrogateescape"))
-        response = self._take(self.responses)
+        response = self.response()
         assert response.get("id") == self.next_id, response
         self.next_id += 1
         return response
 
+    def response(self):
+        """Returns the next response. They come in the order of the requests."""
+        return self._take(self.responses)
+
     def next_event(self):
+        """Returns the next event."""
         return self._take(self.events)
 
     def close(self):

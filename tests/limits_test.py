@@ -2,12 +2,30 @@
 
 import errno
 import itertools
+import json
+import os
 import pathlib
 import resource
+import socket
+import struct
+import tempfile
+import time
 
+import pytest
 import seccomp
 
-from kit import *
+from harness import stub
+from harness.host import OK, error
+from harness.machine import (
+    Program,
+    SANITIZER,
+    descendants,
+    eventually,
+    inferior,
+    stat,
+    status_figure,
+)
+
 
 ADDR_NO_RANDOMIZE, CLONE_CHILD_SETTID = 0x40000, 0x1000000
 
@@ -23,13 +41,13 @@ def launch_hello(host):
     """Returns the answer to createProcess."""
     host.prepare("hello")
     answer = host.ask("createProcess")
-    check(answer == OK or host.ask("getProcessState") == error("no target"), "a target is left")
+    assert answer == OK or host.ask("getProcessState") == error("no target"), "a target is left"
     return answer
 
 
 def test_descriptors_run_out_at_each_step_of_a_launch(host):
     if SANITIZER:
-        raise NotTested("a sanitizer needs a pipe to look at memory")
+        pytest.skip("a sanitizer needs a pipe to look at memory")
     host.ok("ping")
     before = resource.prlimit(host.pid, resource.RLIMIT_NOFILE)
     for more in range(32):
@@ -39,34 +57,36 @@ def test_descriptors_run_out_at_each_step_of_a_launch(host):
         resource.prlimit(host.pid, resource.RLIMIT_NOFILE, before)
         if answer == OK:
             break
-    check(0 < more < 31, "it needs as many descriptors as it gets")
+    assert 0 < more < 31, "it needs as many descriptors as it gets"
     host.state("eStateStopped")
     host.ok("deleteProcess")
-    expect(host.run("hello")[1], 3)
+    assert host.run("hello")[1] == 3
 
 
 def test_memory_runs_out_for_an_answer(host):
     if SANITIZER:
-        raise NotTested("a sanitizer ends the program where memory runs out")
+        pytest.skip("a sanitizer ends the program where memory runs out")
     host.launch("wait")
-    resource.prlimit(host.pid, resource.RLIMIT_AS, [(status_figure(host.pid, "VmSize") + 256 * 1024) * 1024] * 2)
+    resource.prlimit(
+        host.pid, resource.RLIMIT_AS, [(status_figure(host.pid, "VmSize") + 256 * 1024) * 1024] * 2
+    )
     # In a handler, and outside of one.
-    expect(host.ask("readMemory", length=2147483647), error("bad request: std::bad_alloc"))
+    assert host.ask("readMemory", length=2147483647) == error("bad request: std::bad_alloc")
     host.asked.append("response")
     host.requests.write(struct.pack("=I", 0x70000000))
     host.requests.flush()
-    expect(host.response(), OK | {"message": "EOF"})
+    assert host.response() == OK | {"message": "EOF"}
 
 
-def test_a_log_that_is_full_holds_nothing_up():
+def test_a_log_that_is_full_holds_nothing_up(start_host):
     daemon = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     try:
         daemon.bind("/dev/log")
     except OSError as problem:
-        raise NotTested(f"no place for a log at /dev/log: {problem}") from None
+        pytest.skip(f"no place for a log at /dev/log: {problem}")
     try:
-        expect(Host().ask_all(*["getRegisters"] * 1000), [error("no process")] * 1000)
-        check(daemon.recv(1024, socket.MSG_DONTWAIT), "no record")
+        assert start_host().ask_all(*["getRegisters"] * 1000) == [error("no process")] * 1000
+        assert daemon.recv(1024, socket.MSG_DONTWAIT), "no record"
     finally:
         os.unlink("/dev/log")
 
@@ -75,13 +95,15 @@ def test_requests_may_be_large_and_many(host):
     host.checks_requests = False
     name = "x" * (64 << 20)
     host.send(b'{"command":"%s"}' % name.encode())
-    check(host.response() == error(f"unknown command '{name}'"), "not the whole name")
+    assert host.response() == error(f"unknown command '{name}'"), "not the whole name"
     # The answers do not fit the pipe, so the helper stops reading until they are read.
     ids = range(10000)
-    expect(host.ask_all(*({"command": "ping", "id": number} for number in ids)), [OK | {"id": number} for number in ids])
+    assert host.ask_all(*({"command": "ping", "id": number} for number in ids)) == [
+        OK | {"id": number} for number in ids
+    ]
 
 
-def test_odd_surroundings_work_or_are_refused_with_a_reason():
+def test_odd_surroundings_work_or_are_refused_with_a_reason(start_host):
     folder, program = pathlib.Path(tempfile.mkdtemp()), Program(inferior("wait"))
     (folder / ".lldbinit").write_text("settings set prompt surprise\nquit 7\n")
     (folder / "lldb.py").write_text("raise ImportError\n")
@@ -91,34 +113,50 @@ def test_odd_surroundings_work_or_are_refused_with_a_reason():
         os.rmdir(os.getcwd())
 
     variables = lambda **changed: {"env": os.environ | changed}
-    sanitizers = {name: os.environ[name] for name in ("LSAN_OPTIONS", "TSAN_OPTIONS") if name in os.environ}
+    sanitizers = {
+        name: os.environ[name] for name in ("LSAN_OPTIONS", "TSAN_OPTIONS") if name in os.environ
+    }
     no_leaks = variables(ASAN_OPTIONS="detect_leaks=0")  # the search for leaks needs ptrace itself
     for surroundings, options, works in (
         ("an empty environment", {"env": sanitizers}, True),
-        ("no home", {"env": {name: value for name, value in os.environ.items() if name != "HOME"}}, True),
+        (
+            "no home",
+            {"env": {name: value for name, value in os.environ.items() if name != "HOME"}},
+            True,
+        ),
         ("commands in ~/.lldbinit", variables(HOME=folder), True),
         ("commands in ./.lldbinit", {"cwd": folder}, True),
         ("a working directory that was removed", {"prepare": lose_folder}, True),
         ("no Python package beside LLDB", variables(PYTHONPATH=folder), True),
         ("another Python's home", variables(PYTHONHOME=folder), True),
         ("no log socket", {"prepare": lambda: refuse("socket", socket.AF_UNIX)}, True),
-        ("fixed addresses refused", {"prepare": lambda: refuse("personality", ADDR_NO_RANDOMIZE)}, True),
+        (
+            "fixed addresses refused",
+            {"prepare": lambda: refuse("personality", ADDR_NO_RANDOMIZE)},
+            True,
+        ),
         ("no debug server", variables(LLDB_DEBUGSERVER_PATH="/nowhere/lldb-server"), False),
-        ("no new processes", {"prepare": lambda: refuse("clone", CLONE_CHILD_SETTID)}, False),  # threads may start
+        (
+            "no new processes",
+            {"prepare": lambda: refuse("clone", CLONE_CHILD_SETTID)},
+            False,
+        ),  # threads may start
         ("ptrace refused", no_leaks | {"prepare": lambda: refuse("ptrace")}, False),
     ):
-        host = Host(**options)
+        host = start_host(**options)
         answer = launch_hello(host)
-        check((answer == OK) == works, f"{surroundings}: {answer}")
+        assert (answer == OK) == works, f"{surroundings}: {answer}"
         if works:
             host.state("eStateStopped")
-            expect(host.resume("eStateExited")["exit_status"], 3, surroundings)
-            check("surprise" not in host.cli("settings show prompt"), surroundings)
+            assert host.resume("eStateExited")["exit_status"] == 3, surroundings
+            assert "surprise" not in host.cli("settings show prompt"), surroundings
         else:
-            check(answer["message"].startswith("cannot create process: "), answer)
+            assert answer["message"].startswith("cannot create process: "), answer
             answer = host.ask("attachToProcess", pid=program.pid)
-            check(answer["message"].startswith("cannot attach to process: ") and stat(program.pid)[1] == "S", answer)
-        host.end()
+            assert (
+                answer["message"].startswith("cannot attach to process: ")
+                and stat(program.pid)[1] == "S"
+            ), answer
 
 
 REFUSED = error("cannot connect to remote, invalid process")
@@ -134,63 +172,50 @@ def test_files_that_never_end_or_never_open(host):
     program = Program(inferior("wait"))
     for file in (pipe, "/dev/zero"):
         host.prepare(file)
-        expect(host.ask("createProcess"), error(f"cannot build target: '{file}' is not a file"))
+        assert host.ask("createProcess") == error(f"cannot build target: '{file}' is not a file")
         for plugin in ("gdb-remote", "kdp-remote"):
-            expect(host.ask("connectRemote", **connect(1, file) | {"plugin": plugin}), REFUSED)
-        expect(host.ask("getProcessState"), error("no target"))
+            assert host.ask("connectRemote", **connect(1, file) | {"plugin": plugin}) == REFUSED
+        assert host.ask("getProcessState") == error("no target")
         # LLDB finds the executable of a running process by itself.
         host.ok("attachToProcess", pid=program.pid, executable=file)
         host.state("eStateStopped")
         host.ok("deleteProcess")
-    expect(host.run("hello")[1], 3)
+    assert host.run("hello")[1] == 3
 
 
 def test_processes_that_cannot_be_attached_to(host):
     host.launch("wait")
     servers = descendants(host.pid, "lldb-server")
-    check(servers, "there is a debug server")
+    assert servers, "there is a debug server"
     host.cli("target delete")
     list(host.rest())  # its exit, if LLDB had time for it
     program = Program(inferior("wait"))  # to 0 LLDB would attach to this one, by its name
     for pid in (host.pid, *servers, 0, 2**22 + 1, 2**32 + program.pid, 2**64 - 1):
         for executable in (inferior("wait"), "/nowhere"):
             message = host.ask("attachToProcess", pid=pid, executable=executable)["message"]
-            check(message.startswith("cannot attach to process: ") and len(message) > 30, (pid, message))
-            expect(host.ask("getProcessState"), error("no target"))
-    expect(host.run("hello")[1], 3)
+            assert message.startswith("cannot attach to process: ") and len(message) > 30, (
+                pid,
+                message,
+            )
+            assert host.ask("getProcessState") == error("no target")
+    assert host.run("hello")[1] == 3
 
 
-def peer(answer):
-    """A server that sends all texts of answer(data) for the data of each read. Returns its port."""
-    listener = socket.create_server(("127.0.0.1", 0))
-
-    def serve(connection):
-        with contextlib.suppress(OSError):  # the helper has cut it
-            while data := connection.recv(65536):
-                for text in answer(data):
-                    connection.sendall(text)
-
-    def accept():
-        while True:
-            threading.Thread(target=serve, args=(listener.accept()[0],), daemon=True).start()
-
-    threading.Thread(target=accept, daemon=True).start()
-    return listener.getsockname()[1]
-
-
-def test_connections_that_never_come_about_are_cut_after_a_minute():
+def test_connections_that_never_come_about_are_cut_after_a_minute(start_host):
     echo = lambda data: [data]
     stop_always = lambda data: [b"+$T05thread:1;#d7" * max(1, data.count(b"$"))]
     send_without_end = lambda _: itertools.chain([b"+$"], itertools.repeat(b"x" * 65536))
-    hosts = {answer: Host() for answer in (echo, stop_always, send_without_end)}
+    hosts = {answer: start_host() for answer in (echo, stop_always, send_without_end)}
     start = time.monotonic()
     for answer, host in hosts.items():
-        host.send(json.dumps({"command": "connectRemote"} | connect(peer(answer))).encode())
+        host.send(json.dumps({"command": "connectRemote"} | connect(stub.serve(answer))).encode())
     for host in hosts.values():
         host.TIMEOUT = 240
-        expect(host.response(), REFUSED)
-        check(58 < (took := time.monotonic() - start) < 200, took)
+        assert host.response() == REFUSED
+        assert 58 < (took := time.monotonic() - start) < 200, took
         host.cli("target delete --all")
-        expect(host.run("hello")[1], 3)
-        eventually(lambda: SANITIZER or status_figure(host.pid, "VmRSS") < 300 << 10, "its memory is given back")
-        host.end()
+        assert host.run("hello")[1] == 3
+        eventually(
+            lambda: SANITIZER or status_figure(host.pid, "VmRSS") < 300 << 10,
+            "its memory is given back",
+        )

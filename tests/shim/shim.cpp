@@ -1,4 +1,9 @@
-// Preloaded into the helper. Replaces syslog(3), and delays the event thread.
+// A tool of the tests, preloaded into the helper. It replaces syslog(3), and delays the event thread.
+//
+// Of LLDB it intercepts two functions, which the event thread alone calls:
+//   SBListener::StartListeningForEvents   so that requests come before the thread listens
+//   SBListener::WaitForEvent              so that requests come while an event is queued or not yet handled
+// Such races are rare on an idle machine. With the delays they happen each time.
 //
 // SYSLOG_FILE   gets the name and the text of each record, with a byte 0x1e at its end
 // SLOW_START    the milliseconds by which the event thread starts late to listen for events

@@ -1,13 +1,17 @@
 """What tests learn from the machine, not from the helper: processes, programs, memory as the kernel shows it.
-LLDB_HELPER_TESTS names the folder of the build, LLDB_HELPER another helper than the build's."""
+
+LLDB_HELPER_BUILD names the folder of the build (build/release), LLDB_HELPER another helper than the build's.
+"""
 
 import ctypes
+import json
 import os
 import re
 import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -17,45 +21,75 @@ def read(path):
         return file.read()
 
 
-BUILD = os.path.abspath(os.environ["LLDB_HELPER_TESTS"])
+SOURCE = os.path.abspath(f"{os.path.dirname(__file__)}/../..")
+BUILD = os.path.abspath(os.environ.get("LLDB_HELPER_BUILD", f"{SOURCE}/build/release"))
 CACHE = dict(re.findall(r"^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt"), re.M))
-SOURCE, SANITIZER = CACHE["CMAKE_HOME_DIRECTORY"], CACHE["LLDB_HELPER_SANITIZE"]
+SANITIZER = CACHE["LLDB_HELPER_SANITIZE"]
+LLDB_VERSION = int(CACHE["TESTS_LLDB"])
 HELPER = os.environ.get("LLDB_HELPER", f"{BUILD}/lldb-helper")
-inferior = lambda name: f"{BUILD}/tests/inferiors/{name}"
 DEADLINE = 60  # seconds, for whatever is awaited
-ARM = os.uname().machine == "aarch64"
-PC, PLAIN, VECTOR = ("pc", "x19", "v0") if ARM else ("rip", "rbx", "xmm0")
+LINUX = sys.platform == "linux"
+
+# Names of registers: of the place in the code, of a number that calls preserve, and of a vector.
+if os.uname().machine in ("aarch64", "arm64"):
+    PC, PLAIN, VECTOR = "pc", "x19", "v0"
+else:
+    PC, PLAIN, VECTOR = "rip", "rbx", "xmm0"
+
 libc = ctypes.CDLL(None)
 
 
-class Failure(AssertionError):
-    pass
+def inferior(name):
+    """The path of a program of tests/inferiors."""
+    return f"{BUILD}/tests/inferiors/{name}"
 
 
-class NotTested(Exception):
-    """This machine lacks something. ctest shows the reason and counts the test as skipped."""
-
-
-def check(holds, what):
-    if not holds:
-        raise Failure(what)
-
-
-def expect(came, wanted, what=""):
-    short = lambda text: text if len(text) < 1500 else f"{text[:700]} … {text[-700:]}"
-    check(came == wanted, f"{what}\n  - {short(repr(wanted))}\n  + {short(repr(came))}")
+def sanitizer_options():
+    """The environment variables that CMakePresets.json gives to tests of a build with these sanitizers."""
+    presets = json.loads(read(f"{SOURCE}/CMakePresets.json"))
+    names = [
+        preset["name"]
+        for preset in presets["configurePresets"]
+        if SANITIZER and preset.get("cacheVariables", {}).get("LLDB_HELPER_SANITIZE") == SANITIZER
+    ]
+    options = {}
+    for preset in presets["testPresets"]:
+        if preset.get("configurePreset") in names:
+            options |= preset.get("environment", {})
+    return {name: value.replace("${sourceDir}", SOURCE) for name, value in options.items()}
 
 
 def eventually(condition, what):
     """Returns what the condition returns, once that is true."""
     end = time.monotonic() + DEADLINE
     while not (value := condition()):
-        check(time.monotonic() < end, f"awaited in vain: {what}")
+        assert time.monotonic() < end, f"awaited in vain: {what}"
         time.sleep(0.002)
     return value
 
 
+def adopt_orphans():
+    """What a dying helper leaves becomes this process's child, so that it can be ended."""
+    if LINUX:
+        pr_set_child_subreaper = 36
+        libc.prctl(pr_set_child_subreaper, 1)
+
+
+def kill_descendants():
+    """Ends all processes that this one has started, and what those left behind."""
+    while left := descendants(os.getpid()):
+        for pid in left:
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        time.sleep(0.002)
+
+
 def die_with_parent():
+    """Runs in a new process before its program. The program ends with this one, and anybody may debug it."""
+    if not LINUX:
+        return
     pr_set_pdeathsig, pr_set_ptracer, anybody = 1, 0x59616D61, ctypes.c_ulong(-1)
     libc.prctl(pr_set_pdeathsig, signal.SIGKILL)
     libc.prctl(pr_set_ptracer, anybody)
@@ -64,7 +98,9 @@ def die_with_parent():
 def stat(pid):
     """Name, state letter and parent of a process. A process that is gone has the state "X" and the parent 0."""
     try:
-        name, state, parent = re.match(r"\d+ \((.*)\) (\w) (\d+)", read(f"/proc/{pid}/stat"), re.S).groups()
+        name, state, parent = re.match(
+            r"\d+ \((.*)\) (\w) (\d+)", read(f"/proc/{pid}/stat"), re.S
+        ).groups()
         return name, state, int(parent)
     except OSError:
         return "", "X", 0
@@ -80,7 +116,11 @@ def descendants(ancestor, name=None):
     family = [ancestor]
     for elder in family:
         family += [pid for pid, (_, _, parent) in everybody.items() if parent == elder]
-    return [pid for pid in family[1:] if everybody[pid][1] not in "XZ" and name in (None, everybody[pid][0])]
+    return [
+        pid
+        for pid in family[1:]
+        if everybody[pid][1] not in "XZ" and name in (None, everybody[pid][0])
+    ]
 
 
 def status_figure(pid, name):
@@ -92,7 +132,13 @@ class Program(subprocess.Popen):
     """A program that a test starts beside the helper, and that prints a line when it is ready. It ends with the test."""
 
     def __init__(self, *command, speaks=True):
-        super().__init__(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, preexec_fn=die_with_parent)
+        super().__init__(
+            command,
+            text=True,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            preexec_fn=die_with_parent,
+        )
         if speaks:
             self.stdout.readline()
 
@@ -103,7 +149,7 @@ def free_port():
         with socket.socket() as probe:
             if probe.connect_ex(("127.0.0.1", port)) != 0:
                 return port
-    raise Failure("no port is free")
+    raise AssertionError("no port is free")
 
 
 def server(*command):
@@ -112,7 +158,10 @@ def server(*command):
     program = Program(*(word.replace("PORT", str(port)) for word in command), speaks=False)
     # Connecting would use up the one connection that a debug server takes.
     listening = re.compile(rf":{port:04X} [0:]+ 0A ")
-    eventually(lambda: listening.search(read("/proc/net/tcp") + read("/proc/net/tcp6")), f"{command[0]} listens on port {port}")
+    eventually(
+        lambda: listening.search(read("/proc/net/tcp") + read("/proc/net/tcp6")),
+        f"{command[0]} listens on port {port}",
+    )
     return program, port
 
 
@@ -124,7 +173,9 @@ def symbol(program, name):
 
 def mappings(pid):
     """(start, end, offset, file) of each mapping of a file, as the kernel shows it."""
-    for line in re.findall(r"^(\w+)-(\w+) \S+ (\w+) \S+ \d+ +(/.*)$", read(f"/proc/{pid}/maps"), re.M):
+    for line in re.findall(
+        r"^(\w+)-(\w+) \S+ (\w+) \S+ \d+ +(/.*)$", read(f"/proc/{pid}/maps"), re.M
+    ):
         yield *(int(number, 16) for number in line[:3]), line[3]
 
 
@@ -142,7 +193,9 @@ def peek(pid, address, size):
 def script(line):
     """Returns an executable file with this shell script."""
     path = f"{tempfile.mkdtemp()}/script"
-    with open(path, "w", errors="surrogateescape", opener=lambda name, flags: os.open(name, flags, 0o755)) as file:
+    with open(
+        path, "w", errors="surrogateescape", opener=lambda name, flags: os.open(name, flags, 0o755)
+    ) as file:
         file.write(f"#!/bin/sh\n{line}\n")
     return path
 
@@ -155,4 +208,6 @@ def preload(library, name, **variables):
     return os.environ | variables | {"LD_PRELOAD": copy, "ASAN_OPTIONS": sanitizers}
 
 
-shim = lambda **variables: preload("libshim.so", "shim.so", **variables)  # tests/inferiors/shim.cpp
+def shim(**variables):
+    """An environment for a helper with tests/shim/shim.cpp."""
+    return preload("libshim.so", "shim.so", **variables)
