@@ -2,8 +2,9 @@
 
 Usage: console.py [--helper PATH] [PROGRAM [ARGUMENTS...]]
 
-"help" lists the commands. If standard input is not a terminal, it is a script of such lines. The command
-"wait" in a script waits for the program's next stop or exit.
+"help" lists the commands. If standard input is not a terminal, it is a script of such lines. In a script "c"
+and the steps wait for the program's next stop or exit ("c &" does not, "wait" does it later), and a line that
+fails ends the script with status 1.
 
 There are two threads. The main thread reads lines and sends requests. The other thread shows events as they
 arrive, and asks the helper where the program is after a stop.
@@ -232,7 +233,9 @@ class Console:
         self.registers = self.registers_before = {}  # at this stop and the one before
         self.next_address = None  # where x continues
         self.last_line = ""
+        self.is_in_background = False  # whether the line ends with &, so that a script does not wait
         self.has_warned = False  # that Ctrl-D ends the program
+        self.has_failed = False  # the last line; a script ends with status 1 then
         self.watcher = threading.Thread(target=self.watch, daemon=True)
         self.watcher.start()
         signal.signal(signal.SIGINT, self.interrupt)
@@ -350,9 +353,12 @@ class Console:
             self.show(f"{SAID[command]} {arguments.get('pid', '')}".rstrip())
         else:
             self.show(show(response, arguments))
-        if command in (*STEPS, "stopExecution") and response["status"] == "ok":
+        waits = (*STEPS, "stopExecution") if self.is_terminal else (*STEPS, "stopExecution", "continueExecution")
+        if command in waits and response["status"] == "ok" and not self.is_in_background:
             self.await_stop(0.5 if self.is_terminal else None, is_killed=command == "stopExecution")
-        return response["status"] == "ok" and response.get("succeeded", True)
+        is_ok = response["status"] == "ok" and response.get("succeeded", True)
+        self.has_failed |= not is_ok
+        return is_ok
 
     def await_stop(self, seconds=None, is_killed=False):
         """Waits until the program stops or exits. A killed program exits soon after the response."""
@@ -611,6 +617,8 @@ class Console:
         if not line and self.is_terminal:
             line = self.last_line
         self.last_line = ""
+        self.is_in_background = line in ("c &", "continue &")
+        line = line.removesuffix(" &") if self.is_in_background else "" if line.startswith("#") else line
         if line.startswith("!"):
             self.perform("executeCommand", cli=line[1:].strip())
         elif line.startswith("<"):
@@ -664,13 +672,16 @@ class Console:
             except KeyboardInterrupt:  # drops the typed line
                 print()
                 continue
-            self.has_warned = False
+            self.has_warned = self.has_failed = False
             try:
                 goes_on = self.obey(line.strip())
             except (Mistake, ValueError) as mistake:  # shlex raises ValueError for a missing quote
                 self.show(str(mistake), 31)
+                self.has_failed = True
+            if self.has_failed and not self.is_terminal:
+                break
         self.ask("deleteProcess")
-        return self.helper.close()
+        return self.helper.close() or int(self.has_failed and not self.is_terminal)
 
     def complete(self, text, index):
         if index == 0:

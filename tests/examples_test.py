@@ -1,22 +1,19 @@
-"""The example hosts on examples/sample.c; and examples/console.py, as a script and at a terminal."""
+"""The example hosts on examples/sample.c."""
 
 import os
 import re
 import resource
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
 
-import pexpect
 import pytest
 
 from harness.machine import (
     BUILD,
     DEADLINE,
     HELPER,
-    PC,
     SOURCE,
     descendants,
     die_with_parent,
@@ -24,7 +21,6 @@ from harness.machine import (
     inferior,
     preload,
     script,
-    shim,
 )
 
 
@@ -36,7 +32,6 @@ EXACT_PC = r"pc 0x[0-9a-f]{5,16}\b"
 helper_with = lambda odd: script(
     f"LD_PRELOAD={odd['LD_PRELOAD']} ASAN_OPTIONS={odd['ASAN_OPTIONS']} exec '{HELPER}' \"$@\""
 )
-WHERE = r"thread 1 \(steps\); 0x[0-9a-f]{16} "
 
 
 def run(command, typed="", **environment):
@@ -106,85 +101,3 @@ def test_a_failure_is_a_sentence_and_comes_at_once():
     ):
         output, status = run(command, **environment)
         assert words in output and "Traceback" not in output and status == 1, output
-
-
-def test_the_console_as_a_script():
-    session = (
-        ("wait\nwhere", r"There is no program\. launch "),
-        (f"launch '{inferior('steps')}'", rf"\* stopped: the program's entry; {WHERE}ld-\S*`"),
-        ("b leaf", r"Breakpoint 1: where = steps`leaf"),
-        (
-            "c\nwait",
-            rf"\* loaded (shim\S+ at \w+, )?libc\S* at 0x(?s:.*)\* stopped: breakpoint 1\.1; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:7\n",
-        ),
-        ("bt", r"frame #1: \S+ steps`middle.*\n.*steps`main"),
-        ("s", rf"\* stopped: .*; {WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:\d\n"),
-        (f"regs {PC}", rf"\*{PC} 0x[0-9a-f]{{16}}\n"),
-        ("regs", r"(?s)(rax.*?rbx.*?rip|x0.*?x1.*?pc)[^\n]*\n"),
-        ("x $sp", r"(0x[0-9a-f]{16}(  [0-9a-f ]{47}).*\n){4}"),
-        ("x main+4 2\nx leaf 2", r"(0x\S+  [0-9a-f]{2} [0-9a-f]{2} .*\n){2}"),
-        ("code", r"\n-> +0x[0-9a-f]+ <\+\d+>"),
-        ("readMemory length=4 address=nowhere", r"«nowhere» is not a number"),
-        (
-            "help readMemory",
-            r"readMemory: .*\n +address +integer .*\n.*\nErrors: no process · unable to read memory\n",
-        ),
-        ("raw on\nping\nraw off", r'\{"command": "ping"\}\n\{"id": \d+, "status": "ok"\}\n'),
-        (
-            "delete\nc\nwait\nx $sp",
-            r"counted 20\n(?s:.*)\* exited, status 0\nThe program has ended with status 0\. run ",
-        ),
-        (
-            "run\nkill\nwait\nx $sp",
-            r"\* stopped: the program's entry(?s:.*)\* exited, status 9\nThe program has ended with status 9",
-        ),
-        (
-            f"launch '{inferior('wait')}'\nc\nregs\ninterrupt\nwait",
-            r"The program is running\.(?s:.*)\* stopped: ",
-        ),
-    )
-    output, status = run(
-        [*CONSOLE, helper_with(shim())], "\n".join(typed for typed, _ in session), SLOW_EVENTS="10"
-    )
-    at = 0
-    for typed, pattern in session:
-        found = re.compile(pattern).search(output, at)
-        assert found, f"{typed!r} does not show {pattern}: {output[at:]}"
-        at = found.end() - 1
-    assert status == 0
-
-
-def test_the_console_at_a_terminal():
-    home = tempfile.mkdtemp()
-    terminal = pexpect.spawn(CONSOLE[0], [*CONSOLE[1:], HELPER, inferior("wait")], DEADLINE, encoding="utf-8",
-                             env=os.environ | {"TERM": "xterm", "XDG_STATE_HOME": home, "NO_COLOR": "1"},
-                             preexec_fn=die_with_parent)  # fmt: skip
-
-    def brings(typed, pattern):
-        terminal.send(typed)
-        terminal.expect([re.compile(pattern)])
-        return terminal.match
-
-    for typed, pattern in (
-        ("", r"\* stopped: the program's entry.*\r\n\(helper\) $"),
-        ("getPro\t\r", r"getProcessState \r\nstate 5 .*\r\n\(helper\) $"),
-        ("b mai\t\r", r"b main \r\nBreakpoint 1"),
-        ("s\r", r"\* stopped: .*\r\n\(helper\) $"),
-        ("\r", r"\r\n\* stopped: .*\r\n\(helper\) $"),  # repeats
-        ("dance", "dance"),
-        ("\x03", r"^\r\n\(helper\) $"),
-        ("getProcessState\r", r"^getProcessState\r\nstate 5 "),
-        ("delete\rc\r", "ready"),
-        ("half", "half"),  # an event arrives while a line is typed, and the line stays
-    ):
-        brings(typed, pattern)
-    os.kill(eventually(lambda: descendants(terminal.pid, "wait"), "the program")[0], signal.SIGUSR1)
-    brings("", r"\* stopped: signal SIGUSR1.*\r\n\(helper\) half$")
-    brings("\x03", r"\(helper\) $")
-    brings("!process handle SIGUSR1 --pass false\r", "SIGUSR1 ")
-    brings("c\r", r"\(helper\) $")
-    eventually(lambda: brings("getProcessState\r", r"state (\d+) ")[1] == "6", "it runs")
-    brings("\x03", r"\* stopped: .*\r\n\(helper\) $")
-    terminal.send("\x04")
-    assert terminal.wait() == 0
-    assert os.path.getsize(f"{home}/lldb-helper/history") > 0, "the history is not kept"
