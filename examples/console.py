@@ -117,8 +117,9 @@ def load_schema():
 def find_helper(named):
     """Returns the named lldb-helper, or else the one built in this source tree, or else the installed one."""
     built = os.path.join(HERE, "..", "build", "release", "lldb-helper")
-    installed = os.path.join(HERE, *[".."] * 4, "bin", "lldb-helper")
-    for path in [named] if named else [built, installed, "lldb-helper"]:
+    # From share/lldb-helper/examples and share/doc/lldb-helper/examples.
+    installed = [os.path.join(HERE, *[".."] * levels, "bin", "lldb-helper") for levels in (3, 4)]
+    for path in [named] if named else [built, *installed, "lldb-helper"]:
         if found := shutil.which(path):
             return found
     sys.exit(f"console.py: there is no {named or 'lldb-helper: script/build builds it, or --helper PATH names one'}")
@@ -484,12 +485,14 @@ class Console:
             raise Mistake("b PLACE if CONDITION")
         if len(place) > 1 and not re.search(r"[-+*]", "".join(place[1:])):
             raise Mistake(f"b does not take «{place[1]}» after «{place[0]}»; see help b")
-        place = "".join(place).lstrip("*")
+        place = "".join(place)
+        is_exact = place.startswith("*")  # *main is the first instruction, main the one after the prologue
+        place = place.lstrip("*")
         if not place:
             return self.perform("executeCommand", cli="breakpoint list")
         if found := re.fullmatch(r"(.*[^:]):(\d+)", place):
             line = f"breakpoint set --file {shlex.quote(found[1])} --line {found[2]}"
-        elif re.match(r"[A-Za-z_~]", place) and not re.search(r"[-+*]", place):
+        elif not is_exact and re.match(r"[A-Za-z_~]", place) and not re.search(r"[-+*]", place):
             line = f"breakpoint set --name {shlex.quote(place)}"
         else:
             line = f"breakpoint set --address {self.number(re.sub(r'^(?=[-+])', '$pc', place))}"

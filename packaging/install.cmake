@@ -20,6 +20,10 @@ install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json" P
   PATTERN "*.c" PATTERN "*.cpp")
 install(DIRECTORY examples TYPE DOC FILES_MATCHING
   PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.hpp" PATTERN "*.js" PATTERN "*.py")
+# Slim images leave out the documentation, so the schema and the examples lie here too.
+install(FILES docs/protocol.schema.json DESTINATION "${CMAKE_INSTALL_DATADIR}/lldb-helper/docs")
+install(DIRECTORY examples DESTINATION "${CMAKE_INSTALL_DATADIR}/lldb-helper" FILES_MATCHING
+  PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.hpp" PATTERN "*.js" PATTERN "*.py")
 
 # Debian requires an address. This one is reserved for examples and reaches nobody.
 set(CPACK_PACKAGE_CONTACT "The lldb-helper developers <lldb-helper@example.org>")
