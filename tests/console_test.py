@@ -59,10 +59,10 @@ def test_the_console_as_a_script():
         ("info sha", r"0x\w+ libc"),
         ("disas leaf", r"steps`leaf:\n +0x"),
         ("delete\nc", r"counted \d+\n(?s:.*)\* exited, status 0\n"),
-        ("b leaf\nrun", r"Breakpoint \d(?s:.*)\* stopped: the program's entry"),
+        ("b leaf\nrun", r"Breakpoint \d(?s:.*?)\* stopped: the program's entry"),
         (
             "kill",
-            r"(?s)(\* exited, status 9.*killed the program|killed the program.*\* exited, status 9)",
+            r"(?s)(\* exited, status 9.*?killed the program|killed the program.*?\* exited, status 9)",
         ),
         (f"launch '{inferior('wait')}'\nc &\ninterrupt\nwait", r"\* stopped: .*thread 1 \(wait\)"),
     )
