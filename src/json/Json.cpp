@@ -1,6 +1,7 @@
 #include "json/Json.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -195,11 +196,9 @@ using Payload = std::shared_ptr<const JsonValue>;
 Payload unowned(const JsonValue &payload) { return {Payload(), &payload}; }
 
 /// The payloads of the numbers from 0 to 255. Bytes and counts are most of all numbers.
-std::vector<JsonInt> makeSmallInts() {
-  std::vector<JsonInt> payloads;
-  payloads.reserve(256);
-  for (std::int32_t number = 0; number < 256; ++number) payloads.emplace_back(number);
-  return payloads;
+template <std::size_t... numbers>
+std::array<JsonInt, sizeof...(numbers)> makeSmallInts(std::index_sequence<numbers...>) {
+  return {JsonInt(static_cast<std::int32_t>(numbers))...};
 }
 
 /// The payloads that all values share. Made on first use and kept until exit.
@@ -207,7 +206,7 @@ struct Shared {
   const JsonNull null{};
   const JsonBool yes{true};
   const JsonBool no{false};
-  const std::vector<JsonInt> smallInts = makeSmallInts();
+  const std::array<JsonInt, 256> smallInts = makeSmallInts(std::make_index_sequence<256>());
   const std::string emptyString{};
   const Json::array emptyArray{};
   const Json::object emptyObject{};
@@ -286,7 +285,8 @@ const Json &JsonValue::operator[](std::string_view) const { return nullJson(); }
 Json::Json() noexcept : value(unowned(shared().null)) {}
 Json::Json(bool value) noexcept : value(unowned(value ? shared().yes : shared().no)) {}
 Json::Json(std::int32_t value)
-    : value(value >= 0 && value < std::ssize(shared().smallInts)
+    // A negative number becomes a large one.
+    : value(static_cast<std::uint64_t>(value) < shared().smallInts.size()
                 ? unowned(shared().smallInts[static_cast<std::size_t>(value)])
                 : std::make_shared<JsonInt>(value)) {}
 Json::Json(std::uint64_t value) : value(std::make_shared<JsonUint64>(value)) {}
