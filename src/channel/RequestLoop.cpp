@@ -27,7 +27,7 @@ void DebugSession::run() {
       const std::optional<std::string> text = channel.readMessage();
       if (!text) {
         // The host wants no more messages. A host that forgot deleteProcess sees an abnormal end.
-        eventThread.requestStop();
+        eventThread.requestEnd();
         return;
       }
       std::string parseError;

@@ -49,13 +49,13 @@ Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
 }  // namespace
 
 EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
-                           MessageChannel &channel, const std::atomic<bool> &stop,
+                           MessageChannel &channel, const std::atomic<bool> &stopEventThread,
                            ReportedState &reportedState)
     : target(target),
       process(target.GetProcess()),
       listener(debugger.GetListener()),
       channel(channel),
-      stop(stop),
+      stopEventThread(stopEventThread),
       reportedState(reportedState) {}
 
 void EventMonitor::startListening() {
@@ -74,7 +74,7 @@ void EventMonitor::stopListening() {
 
 void EventMonitor::run() {
   if (unreportedInitialState) reportState(*unreportedInitialState, false);
-  while (!stop) {
+  while (!stopEventThread) {
     if (listener.WaitForEvent(waitSeconds, event)) handleEvent();
   }
 }

@@ -25,7 +25,7 @@ class EventMonitor {
 
   /// The references must outlive the monitor.
   EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target, MessageChannel &channel,
-               const std::atomic<bool> &stop, ReportedState &reportedState);
+               const std::atomic<bool> &stopEventThread, ReportedState &reportedState);
 
   /// Has LLDB queue the events from now on.
   void startListening();
@@ -33,7 +33,7 @@ class EventMonitor {
   /// Undoes startListening.
   void stopListening();
 
-  /// Reports the events until `stop` is set. For the event thread.
+  /// Reports the events until `stopEventThread` is set. For the event thread.
   void run();
 
  private:
@@ -63,7 +63,7 @@ class EventMonitor {
   lldb::SBListener listener;
   lldb::SBEvent event;
   MessageChannel &channel;
-  const std::atomic<bool> &stop;
+  const std::atomic<bool> &stopEventThread;
   ReportedState &reportedState;
   /// The state that the process reached without an event from LLDB, if there is such a state.
   std::optional<lldb::StateType> unreportedInitialState;

@@ -20,7 +20,7 @@ void EventThread::start(lldb::SBTarget target, MessageChannel &channel,
   }
 }
 
-void EventThread::stop() {
+void EventThread::end() {
   if (!isRunning()) return;
   stopEventThread = true;
   ownBroadcaster.BroadcastEventByType(EventMonitor::wakeupBit);

@@ -23,11 +23,11 @@ class EventThread {
   void start(lldb::SBTarget target, MessageChannel &channel, ReportedState &reportedState);
 
   /// Ends a running thread and joins it.
-  void stop();
+  void end();
 
   /// Asks a running thread to end. Does not wait for it. The thread ends after its current event,
   /// or within a second if there is none.
-  void requestStop() { stopEventThread = true; }
+  void requestEnd() { stopEventThread = true; }
 
   /// Has the thread report the last stop, if that was hidden and the process is still there.
   void reportHiddenStop() { ownBroadcaster.BroadcastEventByType(EventMonitor::hiddenStopBit); }

@@ -45,7 +45,7 @@ void ReportedState::setHandled() {
   changed.notify_all();
 }
 
-void ReportedState::waitForFirst(std::chrono::milliseconds bound) {
+void ReportedState::waitForFirstState(std::chrono::milliseconds bound) {
   const auto end = std::chrono::steady_clock::now() + bound;
   const MutexLock lock(mutex);
   while (!isFirstHandled && changed.wait_until(mutex, end) == std::cv_status::no_timeout) continue;

@@ -41,14 +41,14 @@ class ReportedState {
   /// Takes the stop that was hidden, if the process has not left that state since.
   bool takeHiddenStop();
 
-  /// Ends waitForFirst, unless all states so far were restarted stops. Call it after the message is
-  /// sent.
+  /// Ends waitForFirstState, unless all states so far were restarted stops. Call it after the
+  /// message is sent.
   void setHandled();
 
   // For the main thread.
 
   /// Returns when the first state has been handled, or after `bound`.
-  void waitForFirst(std::chrono::milliseconds bound);
+  void waitForFirstState(std::chrono::milliseconds bound);
 
   /// Hides every later stop of this process from the host, who asked for the process's end.
   void hideStopsOf(std::uint32_t processId) { hiddenProcess = processId; }

@@ -39,7 +39,7 @@ RunControl::RunControl(lldb::SBDebugger debugger, EventThread &eventThread,
     : debugger(debugger), eventThread(eventThread), reportedState(reportedState) {}
 
 void RunControl::waitForFirstState() {
-  if (eventThread.isRunning()) reportedState.waitForFirst(bound);
+  if (eventThread.isRunning()) reportedState.waitForFirstState(bound);
 }
 
 void RunControl::takeEvents() {

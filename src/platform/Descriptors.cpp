@@ -72,7 +72,7 @@ void shutDownSockets(const std::vector<int> &known) {
   }
 }
 
-bool endsWhenRead(const std::string &path) {
+bool isSafeToOpen(const std::string &path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))
     return true;

@@ -39,6 +39,6 @@ void shutDownSockets(const std::vector<int> &known);
 /// Whether LLDB can be given this path as a program. It would wait for ever for a pipe, a terminal
 /// and a device without end. Whatever else is no program LLDB refuses itself, a missing file and a
 /// device that ends or fails at once included.
-bool endsWhenRead(const std::string &path);
+bool isSafeToOpen(const std::string &path);
 
 }  // namespace platform

@@ -61,6 +61,6 @@ Json DebugSession::attachToProcess(std::uint64_t pid, const std::string &executa
   }
   processOfOwnServer = process.GetUniqueID();
   startEventThread();
-  waitForFirstStop();
+  waitUntilStarted();
   return okResponseWith(executableLoadInfo(target));
 }

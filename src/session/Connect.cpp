@@ -73,7 +73,7 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
       target = buildRemoteTarget();
       throw;
     }
-    waitForFirstStop();
+    waitUntilStarted();
     if (!bound.wasReached()) return okResponse();
   }
   if (error.Fail()) LOG_RECORD("Cannot connect: %{public}s\n", errorText(error).c_str());
@@ -83,7 +83,7 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
 
 lldb::SBError DebugSession::openConnection(const std::string &plugin, const std::string &url) {
   lldb::SBError error;
-  if (!platform::endsWhenRead(executablePath)) {
+  if (!platform::isSafeToOpen(executablePath)) {
     error.SetErrorString("the file is a pipe, a terminal or a device without end");
   } else if (plugin == kernelPlugin) {
     runLoggedCommand(debugger, "target create " + inQuotes(executablePath));
@@ -99,7 +99,7 @@ lldb::SBError DebugSession::openConnection(const std::string &plugin, const std:
 }
 
 void DebugSession::giveUpConnection() {
-  eventThread.stop();
+  eventThread.end();
   if (!process.IsValid()) return;
   // LLDB drops a process only with its target, and the next attempt must not find one.
   discardTarget();

@@ -71,7 +71,7 @@ Json DebugSession::prepareExecutable(const std::string &path, bool is64Bits,
 bool DebugSession::hasOwnServer() { return processOfOwnServer == process.GetUniqueID(); }
 
 lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
-  if (!platform::endsWhenRead(executablePath)) {
+  if (!platform::isSafeToOpen(executablePath)) {
     error.SetErrorString(("'" + executablePath + "' is not a file").c_str());
     return lldb::SBTarget();
   }
@@ -83,7 +83,7 @@ lldb::SBTarget DebugSession::buildTarget(lldb::SBError &error) {
 }
 
 lldb::SBTarget DebugSession::buildRemoteTarget() {
-  if (!platform::endsWhenRead(executablePath)) return lldb::SBTarget();
+  if (!platform::isSafeToOpen(executablePath)) return lldb::SBTarget();
   const PlatformGuard guard(debugger);
   return debugger.CreateTargetWithFileAndArch(executablePath.c_str(),
                                               triple.empty() ? nullptr : triple.c_str());
@@ -97,7 +97,7 @@ void DebugSession::discardTarget() {
 
 void DebugSession::startEventThread() {
   LOG_RECORD("Restarting event thread\n");
-  eventThread.stop();
+  eventThread.end();
   reportedState.reset();
   try {
     eventThread.start(target, channel, reportedState);
@@ -111,10 +111,10 @@ void DebugSession::startEventThread() {
 
 void DebugSession::endReports(const lldb::SBProcess &itsProcess) {
   runControl.waitForQueuedStates(itsProcess);
-  eventThread.stop();
+  eventThread.end();
 }
 
-void DebugSession::waitForFirstStop() {
+void DebugSession::waitUntilStarted() {
   while (process.GetState() == lldb::eStateAttaching) std::this_thread::sleep_for(100ms);
   // LLDB's state of the process is "stopped" only after the event of the stop is taken. A process
   // that is resumed before that never stops again.

@@ -153,7 +153,7 @@ class DebugSession {
   /// Returns when `process` is attached to and its first state, mostly a stop, is taken and
   /// reported, so that the host's next request acts on the real state. Gives up two seconds after
   /// the attaching. Needs the event thread.
-  void waitForFirstStop();
+  void waitUntilStarted();
 
   MessageChannel channel;
 

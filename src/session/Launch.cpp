@@ -45,7 +45,7 @@ Json DebugSession::createProcess() {
   startEventThread();
   LOG_RECORD("Starting to wait for process to change state");
   LOG_RECORD("Process current state %s\n", stateName(process.GetState()).c_str());
-  waitForFirstStop();
+  waitUntilStarted();
   LOG_RECORD("Process is ready with final state %s\n", stateName(process.GetState()).c_str());
 
   if (process.GetState() == lldb::eStateExited)

@@ -60,7 +60,7 @@ TEST(ReportedState, TheHostReceivesWhatItCanActOn) {
 TEST(ReportedState, ItsFirstStateCountsOnceItsMessageIsOut) {
   ReportedState states;
   for (int round = 1; round <= 2; ++round, states.reset()) {
-    auto waiting = std::async(std::launch::async, [&] { states.waitForFirst(1min); });
+    auto waiting = std::async(std::launch::async, [&] { states.waitForFirstState(1min); });
     const auto isOver = [&] { return waiting.wait_for(10ms) == std::future_status::ready; };
     states.take(stopped, true, 1);
     states.setHandled();
@@ -70,7 +70,7 @@ TEST(ReportedState, ItsFirstStateCountsOnceItsMessageIsOut) {
     states.setHandled();
     EXPECT_EQ(waiting.wait_for(1min), std::future_status::ready);
   }
-  states.waitForFirst(10ms);  // gives up
+  states.waitForFirstState(10ms);  // gives up
 }
 
 }  // namespace
