@@ -37,6 +37,12 @@ def write(host, way, address, value):
         host.cli(f"expression *(unsigned char *){address} = {value}")
 
 
+def launch_deep(host):
+    """Stops a program whose stack goes on for thousands of bytes above the stack pointer."""
+    host.launch("recurse", "100")
+    host.run_to("bottom")
+
+
 def check_a_write(host, way):
     """After two large reads that overlap, a small read and a large one must show a write."""
     start = stack_pointer(host)
@@ -54,15 +60,13 @@ def check_a_write(host, way):
 @pytest.mark.linux("the kernel shows the program's memory in /proc")
 @pytest.mark.parametrize("way", ("writeByte", "memory write", "expression"))
 def test_what_was_written_is_read(host, way):
-    host.launch("steps")
-    host.run_to("leaf")
+    launch_deep(host)
     check_a_write(host, way)
 
 
 @pytest.mark.linux("the kernel shows the program's memory in /proc")
 def test_what_was_written_is_read_with_another_cache_line_and_another_target(host):
-    host.launch("steps")
-    host.run_to("leaf")
+    launch_deep(host)
     host.cli("settings set target.process.memory-cache-line-size 64")
     host.resume(how="stepInstruction")
     start = stack_pointer(host)
@@ -75,8 +79,7 @@ def test_what_was_written_is_read_with_another_cache_line_and_another_target(hos
 
 
 def test_a_large_read_keeps_the_persons_setting_and_the_selected_frame(host):
-    host.launch("steps")
-    host.run_to("leaf")
+    launch_deep(host)
     for value in ("true", "false"):
         host.cli(f"settings set {CACHE_IS_OFF} {value}")
         memory(host, stack_pointer(host), 2000)

@@ -12,8 +12,15 @@ enum { stack_size = 1 << 18, untouched_size = 1 << 20 };
 
 __attribute__((noinline)) void leaf(void) { puts("at the edge"); }
 
-static void *run(void *argument) {
+/* So many frames that a debugger may read them in large pieces. */
+__attribute__((noinline)) int descend(int depth) {
+  if (depth > 0) return descend(depth - 1) + 1;
   leaf();
+  return 0;
+}
+
+static void *run(void *argument) {
+  descend(50);
   return argument;
 }
 
