@@ -13,7 +13,7 @@ namespace {
 
 using json = nlohmann::json;
 
-std::string hex(std::uint64_t number) {
+std::string hexText(std::uint64_t number) {
   char text[24];
   std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(number));
   return text;
@@ -41,7 +41,7 @@ class LldbDap : public Subject {
 
   void breakAt(std::uint64_t address) override {
     ask("setInstructionBreakpoints",
-        {{"breakpoints", json::array({{{"instructionReference", hex(address)}}})}});
+        {{"breakpoints", json::array({{{"instructionReference", hexText(address)}}})}});
   }
   void removeBreakpoints() override {
     if (!exited) ask("setInstructionBreakpoints", {{"breakpoints", json::array()}});
@@ -56,7 +56,7 @@ class LldbDap : public Subject {
   }
 
   void readMemory(std::uint64_t address, std::size_t size) override {
-    ask("readMemory", {{"memoryReference", hex(address)}, {"count", size}});
+    ask("readMemory", {{"memoryReference", hexText(address)}, {"count", size}});
   }
   void readRegisters() override {
     readTopFrame();

@@ -109,7 +109,7 @@ void takeCases(const auto &take, const std::string &name, const std::string &tex
 }
 
 template <typename Item>
-std::string list(std::size_t count, Item item) {
+std::string jsonList(std::size_t count, Item item) {
   std::string text = "[";
   for (std::size_t at = 0; at < count; ++at) text += (at > 0 ? ", " : "") + item(at);
   return text + "]";
@@ -132,12 +132,12 @@ int main(int argc, char **argv) {
   };
   // What goes through lldb-helper's pipes, as it writes it.
   const std::pair<const char *, std::string> texts[] = {
-      {"memory", R"({"memory": )" + list(bytes.size(), number) + R"(, "status": "ok"})"},
-      {"stack", R"({"callstack": )" + list(frames, frame) + R"(, "status": "ok"})"},
+      {"memory", R"({"memory": )" + jsonList(bytes.size(), number) + R"(, "status": "ok"})"},
+      {"stack", R"({"callstack": )" + jsonList(frames, frame) + R"(, "status": "ok"})"},
       {"small",
        R"({"address": 140737353854976, "command": "readMemory", "id": 12345, "length": 64})"},
-      {"input",
-       R"({"command": "sendToApplication", "data": )" + list(65536, number) + R"(, "id": 12345})"}};
+      {"input", R"({"command": "sendToApplication", "data": )" + jsonList(65536, number) +
+                    R"(, "id": 12345})"}};
   const auto take = [&](const std::string &name, std::size_t size,
                         const std::function<void()> &work) {
     if (!counts) {

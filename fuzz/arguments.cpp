@@ -44,7 +44,7 @@ void checkWords(const std::string &text) {
         "white space separates words as for the standard library");
 }
 
-std::string quoted(const EnvironmentEntry &entry) {
+std::string inQuotes(const EnvironmentEntry &entry) {
   std::string text = entry.first + "=\"";
   for (const char byte : entry.second) {
     if (byte == '"' || byte == '\\') text += '\\';
@@ -57,7 +57,7 @@ std::string quoted(const EnvironmentEntry &entry) {
 std::string unquoted(const EnvironmentEntry &entry) {
   const std::string &value = entry.second;
   if (value.empty()) return entry.first + '=';
-  if (value[0] == '"' || spaces.find(value[0]) != std::string_view::npos) return quoted(entry);
+  if (value[0] == '"' || spaces.find(value[0]) != std::string_view::npos) return inQuotes(entry);
   std::string text = entry.first + '=' + value[0];
   for (const char byte : value.substr(1)) (text += '\\') += byte;
   return text;
@@ -78,7 +78,7 @@ void checkEnvironment(const std::string &text) {
   for (const EnvironmentEntry &entry : entries) {
     check(!entry.first.empty() && entry.first.find_first_not_of(nameBytes) == std::string::npos,
           "a name consists of letters and underscores");
-    allQuoted += quoted(entry);
+    allQuoted += inQuotes(entry);
     allUnquoted += unquoted(entry) + '\n';
   }
   checkParse(allQuoted, entries, true);

@@ -18,7 +18,7 @@ namespace {
 using Texts = std::vector<std::string>;
 
 /// Replaces the stream's content, and rewinds the stream.
-void fill(FILE *stream, const std::string &bytes) {
+void setContents(FILE *stream, const std::string &bytes) {
   std::rewind(stream);
   check(ftruncate(fileno(stream), 0) == 0 &&
             std::fwrite(bytes.data(), 1, bytes.size(), stream) == bytes.size() &&
@@ -81,8 +81,8 @@ void Runner::run(const std::string &bytes, const Texts &texts) {
     const std::string response = expectedResponse(session, text).dump();
     expected += consoleMode ? "INPUT: " + text + "\nOUTPUT: " + response : frame(response);
   }
-  fill(input, bytes);
-  fill(output, "");
+  setContents(input, bytes);
+  setContents(output, "");
   session.run();
   check(written(output) == expected, "each text gets one complete response");
 }
@@ -110,7 +110,7 @@ void checkFrames(const std::string &lines, std::size_t cut) {
 /// Sends the lines to a session in console mode. The C library splits them.
 void checkConsole(const std::string &bytes) {
   static FILE *const stream = noProcess::makeStream();
-  fill(stream, bytes);
+  setContents(stream, bytes);
   Texts texts;
   char line[1024];
   while (std::fgets(line, sizeof line, stream) != nullptr && line[0] != '\0') texts.push_back(line);
