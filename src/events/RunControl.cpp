@@ -95,6 +95,7 @@ bool RunControl::isResumed(lldb::SBProcess &process) const {
 
 void RunControl::haltProcess(lldb::SBProcess process) {
   reportedState.hideStopsOf(process.GetUniqueID());
+  forgetStepped();
   takeEvents();
   if (!isResumed(process)) return;
   auto nextInterrupt = Clock::now();

@@ -52,7 +52,9 @@ class RunControl {
   ///
   /// These go by LLDB's state of the process. Right after a resume that is still "stopped": they
   /// free what LLDB's own thread uses, and LLDB 22 crashes. Right after a stop it is still
-  /// "running": LLDB 14 to 22 wait 20 seconds for a stop that has happened.
+  /// "running": LLDB 14 to 22 wait 20 seconds for a stop that has happened. And while another
+  /// thread selects a thread they can wait for each other for ever, so the stepped thread is
+  /// forgotten.
   void haltProcess(lldb::SBProcess process);
 
  private:

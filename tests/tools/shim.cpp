@@ -8,9 +8,10 @@
 //               begins to listen when a request is there already
 // SLOW_EVENTS   the milliseconds before and after SBListener::WaitForEvent: the event thread takes
 //               and handles each event late, as on a busy machine
+// SLOW_SELECTION  the milliseconds by which SBProcess::GetThreadByID is late, in other threads than
+//               the main one: the event thread is about to select the thread that the host stepped
 // FAIL_THREAD   the number of the std::thread that cannot be started: 1 is the helper's first.
-// LLDB's
-//               own threads are no std::thread
+//               LLDB's own threads are no std::thread
 #include <lldb/API/LLDB.h>
 
 #include <dlfcn.h>
@@ -83,6 +84,11 @@ bool lldb::SBListener::WaitForEvent(uint32_t seconds, SBEvent &event) {
       "_ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE")(this, seconds, event);
   wait("SLOW_EVENTS");
   return found;
+}
+
+lldb::SBThread lldb::SBProcess::GetThreadByID(tid_t id) {
+  if (gettid() != getpid()) wait("SLOW_SELECTION");
+  return original<SBThread(SBProcess *, tid_t)>("_ZN4lldb9SBProcess13GetThreadByIDEm")(this, id);
 }
 
 #ifdef __GLIBCXX__
