@@ -164,7 +164,11 @@ def launch_hello(host):
 
 
 def attach(host):
-    return host.ask("attachToProcess", pid=Program(inferior("wait")).pid)
+    program = Program(inferior("wait"))
+    answer = host.ask("attachToProcess", pid=program.pid)
+    # Sleeping, and not stopped by a tracer.
+    eventually(lambda: read(f"/proc/{program.pid}/stat").split()[2] == "S", "it goes on")
+    return answer
 
 
 def connect(host):
