@@ -35,7 +35,7 @@ void runLoggedCommand(lldb::SBDebugger &debugger, const std::string &commandLine
 
 /// How long a connection may take. LLDB exchanges some twenty packets, and is patient for each. A
 /// person who is more patient with a slow link sets the patience, and with it this time: sixty
-/// times as long, which is five minutes as LLDB comes, and at least one.
+/// times as long, which is five minutes with its default, and at least one.
 std::chrono::seconds timeToConnect(lldb::SBDebugger &debugger) {
   return std::max<std::chrono::seconds>(60 * packetTimeout(debugger), std::chrono::minutes(1));
 }
