@@ -24,7 +24,6 @@ import shlex
 import shutil
 import signal
 import sys
-import tempfile
 import threading
 import time
 
@@ -224,8 +223,9 @@ class Console:
                 output = bytes.fromhex(event["output"]).decode(errors="replace")
                 self.show(output.replace("\r\n", "\n"))
             elif event["modules"]:
-                names = [f"{m['file']} at {address(self.base(m))}" for m in event["modules"]]
-                self.show(f"* loaded {', '.join(names)}", DIM)
+                bases = [(module["file"], self.base(module)) for module in event["modules"]]
+                names = [f"{name} at {address(base)}" for name, base in bases if base != NOWHERE]
+                self.show(names and f"* loaded {', '.join(names)}", DIM)
 
     def base(self, module):
         """The address of the module's image, which "modules" shows too. The event has a section's."""
@@ -352,10 +352,11 @@ class Console:
         so far are shown."""
         self.catch_up()
         before = self.stops
-        self.is_entering = command == "createProcess"
+        line = arguments.get("cli", "")
+        self.is_entering = command == "createProcess" or line.startswith("process launch --stop")
         resumes = self.resumes(command, arguments)
         if resumes:
-            is_step = command in STEPS or "step" in arguments.get("cli", "")
+            is_step = command in STEPS or "step" in line
             self.stepped = self.current_thread() if is_step else None
         response = self.request(command, **arguments)
         is_ok = response["status"] == "ok" and response.get("succeeded", True)
@@ -505,48 +506,38 @@ class Console:
                 raise Mistake(
                     f"«{word}» cannot be passed: no redirections, quotes, backslashes or empty words"
                 )
-        kept = self.keep_breakpoints(self.program[:1] == [path])
-        self.ask("deleteProcess")
+        is_again = self.program[:1] == [path] and self.state is not None
+        self.say_what_is_lost("watchpoint" if is_again else "(watch|break)point")
+        if not is_again:
+            self.ask("deleteProcess")
+        elif self.state not in ENDED:
+            self.ask("stopExecution")
+            self.await_stop(is_killed=True)
         self.program = [path, *words[1:]]
         quoted = " ".join(f'"{word}"' for word in words[1:])
-        self.ask("prepareExecutable", path=path, args=quoted, cwd=os.getcwd())
-        self.is_fresh = self.perform("createProcess")
-        if kept and self.is_fresh:
-            self.ask("executeCommand", cli=f"breakpoint read --file '{kept}'")
-            if re.search(r"^\d+:", listed := self.output_of("breakpoint list --brief"), re.M):
-                self.show(listed, DIM)
-        if kept:
-            os.remove(kept)
+        if is_again:  # in the same target, so that the breakpoints stay
+            folder = shlex.quote(os.getcwd())
+            line = f"process launch --stop-at-entry --working-dir {folder} -- {quoted}"
+            response = self.ask("executeCommand", cli=line)
+            if not response["succeeded"]:
+                raise Mistake(response["error"])
+            with self.changed:
+                is_told = self.changed.wait_for(lambda: self.state == "eStateStopped", 2)
+            if not is_told:  # LLDB 14 does not report the stop at the entry
+                self.take_state({"state_desc": "eStateStopped"})
+            self.is_fresh = True
+        else:
+            self.ask("prepareExecutable", path=path, args=quoted, cwd=os.getcwd())
+            self.is_fresh = self.perform("createProcess")
         return self.is_fresh
 
-    def keep_breakpoints(self, is_same_program):
-        """Writes the target's breakpoints to a file, because they end with the target. Returns its
-        name, or None if there is nothing to keep. Says what is lost."""
-        for kind in ("watchpoint", "breakpoint") if not is_same_program else ("watchpoint",):
-            if re.search(rf"^({kind} )?\d+:", self.output_of(f"{kind} list").lower(), re.M):
+    def say_what_is_lost(self, pattern):
+        """Breakpoints end with their target, watchpoints with their process."""
+        for kind in ("breakpoint", "watchpoint"):
+            listed = self.output_of(f"{kind} list --brief")
+            if re.match(pattern, kind) and re.search(r"^(Watchpoint )?\d+:", listed, re.M):
                 self.show(f"* the {kind}s of the program before are gone", YELLOW)
-        if not is_same_program:
-            return None
-        handle, path = tempfile.mkstemp(prefix="lldb-helper-")
-        os.close(handle)
-        written = self.request("executeCommand", cli=f"breakpoint write --file '{path}'")
-        if not written.get("succeeded"):
-            os.remove(path)
-            return None
-        # LLDB takes an address's offset in its section for the one in its module when it reads the
-        # file. ASLR is off, so the address itself can stand there.
-        listed = re.split(r"^\d+: ", self.output_of("breakpoint list"), flags=re.M)[1:]
-        places = [re.search(r"address = (0x\w+)", text) for text in listed]
-        with open(path, encoding="utf-8") as file:
-            breakpoints = json.load(file)
-        for breakpoint_, place in zip(breakpoints, places):
-            resolver = breakpoint_["Breakpoint"]["BKPTResolver"]
-            if resolver["Type"] == "Address" and place:
-                resolver["Options"]["AddressOffset"] = int(place[1], 16)
-                resolver["Options"].pop("ModuleName", None)
-        with open(path, "w", encoding="utf-8") as file:
-            json.dump(breakpoints, file)
-        return path
+        self.output_of("watchpoint delete --force")
 
     def do_run(self, words):
         """run [ARGUMENTS...]: starts the program again, with the same arguments or with these, and goes
@@ -571,7 +562,7 @@ class Console:
         if len(words) != 1 or not words[0].isdigit():
             raise Mistake(self.usage())
         if self.state in ENDED and self.state:
-            self.keep_breakpoints(False)
+            self.say_what_is_lost("")
             self.ask("deleteProcess")
         if self.perform("attachToProcess", pid=int(words[0])):
             self.program = []

@@ -54,8 +54,7 @@ SCRIPTS = {
     "breakpoints stay": [
         ("b leaf\nb middle if number==2\nb *main\nb +3", r"4: .* \+ 3, "),
         ("run", rf"{BREAKPOINT}4\.1"),
-        ("run", r"1: name = 'leaf'.*\n2: name = 'middle'.*\n3: address.*\n4: address"),
-        ("i b", rf"{BREAKPOINT}4\.1(?s:.*?)Condition: number==2"),
+        ("run\ni b", rf"exited(?s:.*?){ENTRY}(?s:.*?){BREAKPOINT}4\.1(?s:.*?)Condition: number==2"),
         ("c\nc\ndelete 1 3 4", rf"{BREAKPOINT}3\.1(?s:.*?){BREAKPOINT}1\.1"),
         ("c\np number", rf"{BREAKPOINT}2\.1(?s:.*?)\(int\) \$\d+ = 2"),
         ("kill", r"(?s)(exited, status 9.*?killed the|killed the.*?exited, status 9)"),
