@@ -206,10 +206,8 @@ class Console:
         signal.signal(signal.SIGINT, self.interrupt)
         unblock()
 
-    # --- Events. The second thread runs these functions. -------------------------------------------
-
     def watch(self):
-        """Shows events."""
+        """Shows events. The second thread runs this and what it calls."""
         while event := self.helper.events.get():
             if isinstance(event, threading.Event):
                 event.set()
@@ -330,8 +328,6 @@ class Console:
             return self.output_of(f"disassemble --pc --count {after + 1}").splitlines()
         first = max(1, current[0] - before)
         return lines[:1] + lines[first : current[0] + after + 1]
-
-    # --- Requests. ---------------------------------------------------------------------------------
 
     def request(self, command, **arguments):
         """Sends a request and returns its response."""
@@ -465,10 +461,8 @@ class Console:
     def arguments(self, command):
         """The schemas of a command's arguments, by name, in their order."""
         request = self.schema["requests"].get(command, {})
-        properties = dict(request.get("properties", {}))
-        for name in ("command", "id"):
-            properties.pop(name, None)
-        return properties
+        properties = request.get("properties", {})
+        return {name: properties[name] for name in properties if name not in ("command", "id")}
 
     def arguments_of(self, command, words):
         schemas = self.arguments(command)
@@ -489,8 +483,6 @@ class Console:
             else:
                 arguments[name] = self.number(text) if kind == "integer" else text
         return arguments
-
-    # --- Programs. ---------------------------------------------------------------------------------
 
     def do_launch(self, words):
         """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at its
@@ -522,8 +514,8 @@ class Console:
             if not response["succeeded"]:
                 raise Mistake(response["error"])
             with self.changed:
-                is_told = self.changed.wait_for(lambda: self.state == "eStateStopped", 2)
-            if not is_told:  # LLDB 14 does not report the stop at the entry
+                self.changed.wait_for(lambda: self.state == "eStateStopped", 2)
+            if self.state in ENDED:  # LLDB 14 does not report the stop at the entry
                 self.take_state({"state_desc": "eStateStopped"})
             self.is_fresh = True
         else:
@@ -552,8 +544,7 @@ class Console:
         if (self.is_fresh and not words) or self.do_starti(words):
             name = shlex.quote(self.program[0])
             line = f"breakpoint set --one-shot true --name main --shlib {name}"
-            number = self.search(r"^Breakpoint (\d+): (?!no locations)", line)
-            if number:
+            if self.search(r"^Breakpoint (\d+): (?!no locations)", line):
                 self.perform("continueExecution")
             else:
                 self.show("* no main is known: the program stands at its entry", YELLOW)
@@ -570,8 +561,6 @@ class Console:
     def do_wait(self, _):
         self.catch_up()
         self.await_stop()
-
-    # --- Breakpoints. ------------------------------------------------------------------------------
 
     def do_break(self, words):
         """b: lists the breakpoints. b PLACE [if CONDITION]: sets one, tbreak PLACE one for one stop.
@@ -620,18 +609,13 @@ class Console:
         self.need_a_stop()
         if len(words) != 1:
             raise Mistake(self.usage())
-        command, options = (
-            self.row.line[: len("watchpoint set")],
-            self.row.line[len("watchpoint set") :],
-        )
+        options = self.row.line.removeprefix("watchpoint set")
         if words[0].startswith("*"):
-            self.lldb(f"{command} expression{options} -- {self.number(words[0][1:])}")
+            self.lldb(f"watchpoint set expression{options} -- {self.number(words[0][1:])}")
         else:
-            self.lldb(f"{command} variable{options} {words[0]}")
+            self.lldb(f"watchpoint set variable{options} {words[0]}")
 
     do_tbreak, do_ignore, do_rwatch, do_awatch = do_break, do_condition, do_watch, do_watch
-
-    # --- Inspection. -------------------------------------------------------------------------------
 
     def do_context(self, words):
         """context: shows registers, instructions, source and stack. context on: so does each stop.
@@ -640,13 +624,10 @@ class Console:
             raise Mistake(self.usage())
         was_on = self.has_context
         self.has_context = words != ["off"]
-        lines = 3 if self.has_context else 1
-        for setting in (
-            f"stop-line-count-before {lines}",
-            f"stop-line-count-after {lines}",
-            f"stop-disassembly-display {'no-debuginfo' if self.has_context else 'always'}",
-        ):
-            self.ask("executeCommand", cli=f"settings set {setting}")
+        lines, place = (3, "no-debuginfo") if self.has_context else (1, "always")
+        self.ask("executeCommand", cli=f"settings set stop-line-count-before {lines}")
+        self.ask("executeCommand", cli=f"settings set stop-line-count-after {lines}")
+        self.ask("executeCommand", cli=f"settings set stop-disassembly-display {place}")
         if not words:
             self.need_a_stop()
             self.show(self.surroundings())
@@ -725,20 +706,17 @@ class Console:
 
     def cells(self, values, names, changed):
         """The registers in as many columns as the terminal has room for."""
-        width = max(map(len, names))
-        cells = []
-        for name in names:
-            # Some texts also have the place that the register points to.
-            value = re.sub(r"(?<=\w) .*", "", values[name])
-            cells.append(f"{'*' if name in changed else ' '}{name:>{width}} {value}")
-        width = max(map(len, cells)) + 1
-        columns = max(1, shutil.get_terminal_size().columns // width)
-        shown = [
-            self.screen.colour(YELLOW * (name in changed), cell.ljust(width))
-            for name, cell in zip(names, cells)
-        ]
-        rows = [shown[at : at + columns] for at in range(0, len(shown), columns)]
-        return "\n".join("".join(row).rstrip() for row in rows)
+        # Some texts also have the place that the register points to.
+        values = {name: re.sub(r"(?<=\w) .*", "", values[name]) for name in names}
+        name_width, width = max(map(len, names)), max(map(len, values.values()))
+        columns = max(1, shutil.get_terminal_size().columns // (name_width + width + 3))
+        lines = [""]
+        for at, name in enumerate(names):
+            cell = f"{'*' if name in changed else ' '}{name:>{name_width}} {values[name]:<{width}} "
+            lines[-1] += self.screen.colour(YELLOW * (name in changed), cell)
+            if at % columns == columns - 1:
+                lines.append("")
+        return "\n".join(line.rstrip() for line in lines).rstrip()
 
     def do_info(self, words):
         """info SUBJECT: the beginning of a subject's name is enough. help lists the subjects."""
@@ -751,8 +729,6 @@ class Console:
             self.need_a_stop()
         self.catch_up()
         return self.lldb(" ".join([INFO[found[0]], *words[1:]]))
-
-    # --- Settings and help. ------------------------------------------------------------------------
 
     def do_set(self, words):
         """set VARIABLE=VALUE, set $REGISTER=VALUE: writes it. set args [ARGUMENTS...]: for the next run.
@@ -804,8 +780,6 @@ class Console:
         head = f"{command}: {self.schema['requests'][command]['description']}"
         parts = [head, rows and table(rows), errors and "Errors: " + errors]
         return self.show("\n".join(filter(None, parts)))
-
-    # --- Lines. ------------------------------------------------------------------------------------
 
     def obey(self, line):
         """Carries out one line. Returns whether to continue."""
@@ -935,8 +909,6 @@ class Console:
         if self.has_failed:
             return self.is_terminal
         return goes_on
-
-    # --- Completion and history. -------------------------------------------------------------------
 
     def complete(self, text, index):
         if index == 0:
