@@ -2,16 +2,19 @@
 
 Usage: console.py [--helper PATH] [PROGRAM [ARGUMENTS...]]
 
-"help" lists the commands. If standard input is not a terminal, it is a script of such lines. The command
-"wait" in a script waits for the program's next stop or exit.
+"help" lists the commands. Most of them are gdb's words for lines of LLDB's own command line: the table
+in console_words.py. If standard input is not a terminal, it is a script of such lines. In a script "c",
+"run" and the steps wait for the program's next stop or exit ("c &" does not, "wait" does it later), and
+a line that fails ends the script with status 1.
 
-There are two threads. The main thread reads lines and sends requests. The other thread shows events as they
-arrive, and asks the helper where the program is after a stop.
+There are two threads. The main thread reads lines and sends requests. The other thread shows events as
+they arrive, and asks the helper where the program is after a stop.
 """
 
 import argparse
 import atexit
 import contextlib
+import difflib
 import glob
 import json
 import os
@@ -25,6 +28,8 @@ import threading
 import time
 
 sys.dont_write_bytecode = True  # leaves no file where the examples are installed
+from console_words import GENERAL_REGISTERS, INFO, NOTES, PROTOCOL, REPEATED  # noqa: E402
+from console_words import SAID, SETTINGS, WHERE, WORDS  # noqa: E402
 from host import Helper  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -32,64 +37,16 @@ PROMPT = "(helper) "
 NOWHERE = 2**64 - 1  # LLDB's invalid address
 RUNNING = ("eStateLaunching", "eStateRunning", "eStateStepping")
 ENDED = (None, "eStateExited", "eStateDetached")
-
-HELP = """\
-start   launch PROGRAM [ARGUMENTS]    run [ARGUMENTS]   attach PID   detach   kill
-leave   quit, or Ctrl-D (ends the program too)
-resume  c (continue)   s (one instruction)   n (the same, over calls)
-        finish (to the caller)   step, next (a line of source)
-        interrupt, or Ctrl-C     wait (for the stop)
-break   b (lists)   b FUNCTION   b FILE:LINE   b ADDRESS   delete [N]
-inspect where (why and where it stopped)   bt [COUNT]   f N   up   down   threads
-        thread N   code [ADDRESS]   source   p EXPRESSION   modules
-        x [ADDRESS [LENGTH]]   regs   regs all   regs NAME...
-send    < LINE (to the program)   ! LINE (to LLDB: !help)   raw on, raw off
-
-ADDRESS is a number, a symbol, $REGISTER, or a sum without spaces: $sp+0x10. Tab
-completes. An empty line repeats s, n, step, next, c, x and code.
-help COMMAND explains a command. "help protocol" lists the protocol's commands.
-Type their arguments in order or by name: readMemory main length=64.
-"""
-
-# Other names for commands of the protocol. The arguments follow.
-ALIASES = {
-    "attach": "attachToProcess", "c": "continueExecution", "continue": "continueExecution", "finish": "stepOut",
-    "interrupt": "breakExecution", "kill": "stopExecution", "n": "stepOver", "s": "stepInstruction",
-}  # fmt: skip
-# Other names for LLDB's commands. The rest of the line follows.
-LLDB_LINES = {
-    "bt": "bt", "delete": "breakpoint delete --force", "down": "down", "f": "frame select",
-    "frame": "frame select", "modules": "image list --header --basename", "next": "thread step-over",
-    "p": "expression --", "print": "expression --", "source": "source list", "step": "thread step-in",
-    "thread": "thread select", "threads": "thread list", "up": "up", "where": "thread info",
-}  # fmt: skip
-STEPS = ("stepInstruction", "stepOver", "stepOut", "step", "next")
-NEED_A_STOP = ("continueExecution", "stepInstruction", "stepOver", "stepOut", "getThreadIDList", "selectThreadID",
-               "getRegisters", "setRegister", "readMemory", "writeByte", "getCallstack", "selectFrame")  # fmt: skip
-REPEATED = (
-    "s",
-    "n",
-    "step",
-    "next",
-    "c",
-    "continue",
-    "x",
-    "code",
-    "stepInstruction",
-    "stepOver",
-    "continueExecution",
+STEPS = ("stepInstruction", "stepOver", "stepOut")
+NEED_A_STOP = set(
+    """continueExecution stepInstruction stepOver stepOut getThreadIDList selectThreadID
+getRegisters setRegister readMemory writeByte getCallstack selectFrame""".split()
 )
-
-GENERAL_REGISTERS = {  # by the name of the program counter
-    "rip": "rax rbx rcx rdx rsi rdi rbp rsp r8 r9 r10 r11 r12 r13 r14 r15 rip rflags cs ss ds es fs gs fs_base gs_base",
-    "pc": " ".join(f"x{n}" for n in range(31)) + " fp lr sp pc cpsr",
-}
-# LLDB's description of a thread: the stop reason, the module, function and offset, the file and line.
-WHERE = (
-    "{${thread.stop-reason}; }thread ${thread.index}{ (${thread.name})}; ${frame.pc}"
-    "{ ${module.file.basename}{`${function.name-with-args}${function.pc-offset}}}"
-    "{ at ${line.file.basename}:${line.number}}\\n"
+# LLDB's lines that resume the program.
+RESUMING_LINE = re.compile(
+    r"thread (step|until|continue)|process continue|(continue|step|next|finish|[csn]|si|ni)\b"
 )
+RED, YELLOW, DIM, BOLD = 31, 33, 2, 1
 
 
 class Mistake(Exception):
@@ -97,20 +54,20 @@ class Mistake(Exception):
 
 
 def load_schema():
-    with open(os.path.join(HERE, "..", "docs", "protocol.schema.json"), encoding="utf-8") as file:
+    path = os.path.join(HERE, "..", "docs", "protocol.schema.json")
+    with open(path, encoding="utf-8") as file:
         return json.load(file)["$defs"]
 
 
 def find_helper(named):
-    """Returns the named lldb-helper, or else the one built in this source tree, or else the installed one."""
+    """Returns the named lldb-helper, or the one built in this source tree, or the installed one."""
     built = os.path.join(HERE, "..", "build", "release", "lldb-helper")
-    installed = os.path.join(HERE, *[".."] * 4, "bin", "lldb-helper")
+    installed = os.path.join(HERE, "..", "..", "..", "bin", "lldb-helper")
     for path in [named] if named else [built, installed, "lldb-helper"]:
         if found := shutil.which(path):
             return found
-    sys.exit(
-        f"console.py: there is no {named or 'lldb-helper: script/build builds it, or --helper PATH names one'}"
-    )
+    advice = "lldb-helper: script/build builds it, or --helper PATH names one"
+    sys.exit(f"console.py: there is no {named or advice}")
 
 
 def address(number):
@@ -120,9 +77,11 @@ def address(number):
 def table(rows):
     """Aligns the columns of the rows."""
     widths = [max(map(len, column)) for column in zip(*rows)]
-    return "\n".join(
-        "  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip() for row in rows
-    )
+    lines = []
+    for row in rows:
+        cells = [cell.ljust(width) for cell, width in zip(row, widths)]
+        lines.append("  ".join(cells).rstrip())
+    return "\n".join(lines)
 
 
 def bytes_table(start, data):
@@ -134,15 +93,14 @@ def bytes_table(start, data):
     return "\n".join(lines)
 
 
-def show(response, request):
-    """The text of a response: addresses in hexadecimal, lists of objects as tables, nothing for a plain ok."""
+def member_text(key, value):
+    if key == "pc" or key.lower().endswith(("addr", "address", "slide")):
+        return address(value)
+    return value if isinstance(value, str) else json.dumps(value)
 
-    def text_of(key, value):
-        is_address = key == "pc" or key.lower().endswith(("addr", "address", "slide"))
-        return (
-            address(value) if is_address else value if isinstance(value, str) else json.dumps(value)
-        )
 
+def response_text(response, request):
+    """Addresses in hexadecimal, lists of objects as tables, nothing for a plain ok."""
     if "memory" in response:
         return bytes_table(request.get("address", 0), response["memory"])
     if "succeeded" in response:
@@ -151,27 +109,21 @@ def show(response, request):
     for key, value in (response.get("module") or response).items():
         if isinstance(value, list) and value and isinstance(value[0], dict):
             keys = list({key: None for row in value for key in row})
-            tables.append(
-                table([keys] + [[text_of(key, row.get(key, "")) for key in keys] for row in value])
-            )
+            rows = [[member_text(key, row.get(key, "")) for key in keys] for row in value]
+            tables.append(table([keys, *rows]))
         elif key not in ("id", "status"):
-            words.append(f"{key} {text_of(key, value)}")
+            words.append(f"{key} {member_text(key, value)}")
     return "\n".join(filter(None, ["  ".join(words), *tables]))
 
 
 def error_texts(response):
     """The error messages that a response's schema allows, with … for variable parts."""
-    kinds = [
-        kind["properties"]["message"]
-        for kind in response["oneOf"]
-        if "message" in kind["properties"]
-    ]
-    texts = [text for kind in kinds for text in kind.get("anyOf", [kind])]
-    return [
-        word
-        for text in texts
-        for word in text.get("enum") or [text.get("const") or text["description"]]
-    ]
+    found = []
+    for kind in response["oneOf"]:
+        message = kind["properties"].get("message", {"anyOf": []})
+        for text in message.get("anyOf", [message]):
+            found += text.get("enum") or [text.get("const") or text["description"]]
+    return found
 
 
 class Screen:
@@ -183,16 +135,15 @@ class Screen:
         self.has_colour = sys.stdout.isatty() and "NO_COLOR" not in os.environ
 
     def colour(self, code, text):
-        return f"\033[{code}m{text}\033[0m" if self.has_colour and code else text
+        return f"\033[{code}m{text}\033[0m" if self.has_colour and code and text else text
 
     def show(self, text, code=0):
         if not text:
             return
         with self.lock:
             if self.at_prompt:
-                rows = (
-                    len(PROMPT) + len(readline.get_line_buffer())
-                ) // shutil.get_terminal_size().columns
+                typed = len(PROMPT) + len(readline.get_line_buffer())
+                rows = typed // shutil.get_terminal_size().columns
                 sys.stdout.write(f"\033[{rows}A" * bool(rows) + "\r\033[J")
             sys.stdout.write(self.colour(code, text.rstrip("\n")) + "\n")
             if self.at_prompt:
@@ -200,8 +151,8 @@ class Screen:
             sys.stdout.flush()
 
     def read_line(self):
-        """Reads a line from the terminal. Shows nothing after readline draws the prompt and before at_prompt is
-        set. Otherwise the prompt would be drawn twice, or not at all."""
+        """Reads a line from the terminal. Shows nothing after readline draws the prompt and before
+        at_prompt is set. Otherwise the prompt would be drawn twice, or not at all."""
         self.lock.acquire()
         readline.set_pre_input_hook(self.prompt_is_drawn)
         try:
@@ -222,67 +173,82 @@ class Console:
         self.schema = load_schema()
         self.screen = Screen()
         self.show = self.screen.show
-        # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and its programs
-        # must not.
-        signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
-        self.helper = Helper(
-            helper, preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
-        )
+        # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and its
+        # programs must not.
+        interrupts = {signal.SIGINT}
+        signal.pthread_sigmask(signal.SIG_BLOCK, interrupts)
+        unblock = lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, interrupts)  # noqa: E731
+        self.helper = Helper(helper, preexec_fn=unblock)
         self.is_terminal = sys.stdin.isatty()
         self.raw = False
         self.asking = threading.Lock()  # held from a request to its response
         self.changed = threading.Condition()  # guards state, ending and stops
         self.state = None  # of the process; None without a process
         self.ending = None
+        self.reason = ""  # for the last stop
         self.stops = 0  # includes exits
-        self.is_entering = (
-            False  # whether the next stop is at the entry, where LLDB reports a signal
-        )
+        self.is_entering = False  # the next stop is at the entry, where LLDB reports a signal
+        self.is_fresh = False  # the program stands at its entry and was never resumed
         self.program = []
-        self.thread = None  # the selected thread's id
+        self.thread = None  # the selected thread's id, None if it has to be asked
+        self.stepped = None  # the id of the thread that the last step stepped
         self.registers = self.registers_before = {}  # at this stop and the one before
+        self.has_context = False
+        self.row = None  # of the table, for the word that is carried out
+        self.displays = []  # expressions that each stop shows
         self.next_address = None  # where x continues
         self.last_line = ""
+        self.is_in_background = False  # the line ends with &, so a script does not wait
+        self.has_warned = False  # that Ctrl-D ends the program
+        self.has_failed = False  # the last line; a script ends with status 1 then
         self.watcher = threading.Thread(target=self.watch, daemon=True)
         self.watcher.start()
         signal.signal(signal.SIGINT, self.interrupt)
-        signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
+        unblock()
 
     def watch(self):
-        """Shows events. The second thread runs this."""
+        """Shows events. The second thread runs this and what it calls."""
         while event := self.helper.events.get():
             if isinstance(event, threading.Event):
                 event.set()
                 continue
-            if isinstance(event, EOFError):
+            if isinstance(event, Exception):
                 return self.enter("eStateExited")  # the helper has ended
-            self.show(json.dumps(event) * self.raw, 2)
+            self.show(json.dumps(event) * self.raw, DIM)
             if event["type"] == "state":
                 self.take_state(event)
             elif event["type"] in ("stdout", "stderr"):
-                self.show(
-                    bytes.fromhex(event["output"]).decode(errors="replace").replace("\r\n", "\n")
-                )
-            else:
-                names = [f"{m['file']} at {address(m['loadAddress'])}" for m in event["modules"]]
-                self.show(
-                    f"* {'loaded' if event['type'] == 'moduleLoaded' else 'unloaded'} {', '.join(names)}",
-                    2,
-                )
+                output = bytes.fromhex(event["output"]).decode(errors="replace")
+                self.show(output.replace("\r\n", "\n"))
+            elif event["modules"]:
+                bases = [(module["file"], self.base(module)) for module in event["modules"]]
+                names = [f"{name} at {address(base)}" for name, base in bases if base != NOWHERE]
+                self.show(names and f"* loaded {', '.join(names)}", DIM)
+
+    def base(self, module):
+        """The address of the module's image, which "modules" shows too. The event has a section's."""
+        path = f"{module['directory']}/{module['file']}"
+        found = self.request("moduleForFile", file=path).get("module", {})
+        sections = found.get("sections", [])
+        places = [section["loadAddr"] for section in sections if section["fileByteSize"]]
+        return min(places, default=module["loadAddress"])
 
     def take_state(self, event):
         state = event["state_desc"]
+        shown = ""
         if state == "eStateStopped":
             if self.request("getProcessState").get("state-string") in RUNNING:
                 return  # LLDB has resumed the process itself
             text = "stopped: " + self.where()
+            shown = self.surroundings()
         elif state == "eStateExited":
             self.ending = event["exit_status"]
             text = f"exited, status {self.ending}"
         else:
             text = "" if state in RUNNING else state.removeprefix("eState").lower()
         self.enter(state)  # before the text, after which a person may press Ctrl-C
-        self.show(text and f"* {text}", 33)
+        self.show(text and f"* {text}", YELLOW)
+        self.show(shown)
 
     def enter(self, state):
         with self.changed:
@@ -291,62 +257,126 @@ class Console:
             self.changed.notify_all()
 
     def where(self):
-        """Returns why and where the program stopped. Stores the registers. The thread that was stepped is selected.
-        If the selected thread has no reason to stop, selects one that has."""
+        """Why and where the program stopped. Selects the thread that was stepped if that has a reason
+        to stop, else keeps LLDB's choice if that has one, else takes the first that has."""
         threads = self.request("getThreadIDList").get("threads", [])
-        stopped = [
-            thread["thread-id"] for thread in threads if thread["state"] not in ("None", "Invalid")
-        ]
-        self.thread = self.selected_thread(threads)
-        if stopped and self.thread not in stopped:
-            self.thread = stopped[0]
+        no_reason = ("None", "Invalid")
+        stopped = [thread["thread-id"] for thread in threads if thread["state"] not in no_reason]
+        selected = self.selected_thread(threads)
+        choices = [self.stepped, selected, *stopped]
+        self.thread = next((thread for thread in choices if thread in stopped), selected)
+        if self.thread and self.thread != selected:
             self.request("selectThreadID", tid=self.thread)
-        self.registers_before, self.registers = self.registers, self.request("getRegisters").get(
-            "registers", {}
-        )
-        text = self.request("executeCommand", cli="thread info").get("output", "").strip()
+        self.registers_before = self.registers
+        self.registers = self.request("getRegisters").get("registers", {})
+        text = self.output_of("thread info").strip()
         if self.is_entering:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
         self.is_entering = False
+        self.reason = text.split(";")[0]
         return text or "no thread has a stop reason"
 
     def selected_thread(self, threads):
-        """The id of the thread that LLDB has selected: "thread list" has the threads in the same order, and marks it."""
-        lines = self.request("executeCommand", cli="thread list").get("output", "").splitlines()[1:]
-        marked = [
-            thread["thread-id"] for thread, line in zip(threads, lines) if line.startswith("*")
-        ]
-        return marked[0] if marked else None
+        """The id of LLDB's selected thread: "thread list" has the same order and marks it."""
+        lines = self.output_of("thread list").splitlines()[1:]
+        for thread, line in zip(threads, lines):
+            if line.startswith("*"):
+                return thread["thread-id"]
+        return None
+
+    def surroundings(self):
+        """What a stop shows below its reason: the code, and with "context on" also the rest."""
+        lines = self.output_of("frame select 0").splitlines()
+        has_source = any(re.match(r"(->)?\s+\d+\s", line) for line in lines[1:])
+        # The first line says where the frame is, which the stop's own line says too.
+        code = self.with_arrow([line for line in lines[1:] if line.strip()])
+        parts = []
+        if self.has_context:
+            if self.registers:
+                changed = self.changed_registers(self.registers, self.registers_before)
+                segments = re.compile("[c-gs]s|[fg]s_base")
+                names = self.general_registers(self.registers)
+                names = [name for name in names if not segments.fullmatch(name)]
+                parts += [self.head("registers"), self.cells(self.registers, names, changed)]
+            parts += [self.head("instructions"), self.with_arrow(self.instructions(2, 5))]
+            if has_source:
+                parts += [self.head("source"), code]
+            stack = self.output_of("memory read --format A --count 6 $sp")
+            parts += [self.head("stack"), stack.rstrip(), self.head("")]
+        else:
+            parts.append(code)
+        for expression in self.displays:
+            value = self.request("executeCommand", cli=f"expression -- {expression}")
+            parts.append(f"{expression}: {value.get('output') or value.get('error')}".strip())
+        return "\n".join(filter(None, parts))
+
+    def head(self, text):
+        width = min(shutil.get_terminal_size().columns, 100)
+        return self.screen.colour(DIM, f"── {text} ".ljust(width, "─") if text else "─" * width)
+
+    def with_arrow(self, lines):
+        """Sets off the line of the program counter."""
+        return "\n".join(
+            self.screen.colour(BOLD * line.startswith("->"), line.rstrip()) for line in lines
+        )
+
+    def instructions(self, before, after):
+        """The lines of the instructions around the program counter."""
+        lines = self.output_of("disassemble --frame").splitlines()
+        current = [at for at, line in enumerate(lines) if line.startswith("->")]
+        if not current:  # no function is known here, or it is too long
+            return self.output_of(f"disassemble --pc --count {after + 1}").splitlines()
+        first = max(1, current[0] - before)
+        return lines[:1] + lines[first : current[0] + after + 1]
 
     def request(self, command, **arguments):
         """Sends a request and returns its response."""
         if self.raw:
-            self.show(json.dumps({"command": command, **arguments}), 2)
+            self.show(json.dumps({"command": command, **arguments}), DIM)
         with self.asking:
             response = self.helper.ask(command, **arguments)
         if self.raw:
-            self.show(json.dumps(response)[:2000], 2)
+            self.show(json.dumps(response)[:2000], DIM)
         return response
+
+    def output_of(self, line):
+        """The output of one of LLDB's lines, empty if it fails."""
+        return self.request("executeCommand", cli=line).get("output", "")
 
     def ask(self, command, **arguments):
-        """The same for the main thread. Shows earlier events first, and waits until the events so far are shown."""
+        """Like request(), for the main thread. Shows earlier events first, and waits until the events
+        so far are shown."""
         self.catch_up()
         before = self.stops
-        self.is_entering = command == "createProcess"
+        line = arguments.get("cli", "")
+        self.is_entering = command == "createProcess" or line.startswith("process launch --stop")
+        resumes = self.resumes(command, arguments)
+        if resumes:
+            is_step = command in STEPS or "step" in line
+            self.stepped = self.current_thread() if is_step else None
         response = self.request(command, **arguments)
-        if response["status"] == "ok" and command in ("continueExecution", *STEPS[:3]):
-            self.resumed(before)
-        elif response["status"] == "ok" and command in ("deleteProcess", "detach"):
+        is_ok = response["status"] == "ok" and response.get("succeeded", True)
+        if is_ok and resumes:
+            self.is_fresh = False
+            with self.changed:
+                if self.stops == before:
+                    self.state = "eStateRunning"  # the event may arrive later
+        elif is_ok and command in ("deleteProcess", "detach"):
             self.enter(None if command == "deleteProcess" else "eStateDetached")
             self.registers = {}
+            self.is_fresh = False
         self.catch_up()
         return response
 
-    def resumed(self, stops_before):
-        """Sets the running state. Its event may arrive later."""
-        with self.changed:
-            if self.stops == stops_before:
-                self.state = "eStateRunning"
+    def resumes(self, command, arguments):
+        if command == "executeCommand":
+            return RESUMING_LINE.match(arguments["cli"]) is not None
+        return command in STEPS or command == "continueExecution"
+
+    def current_thread(self):
+        if self.thread is None:
+            self.thread = self.selected_thread(self.request("getThreadIDList").get("threads", []))
+        return self.thread
 
     def catch_up(self):
         """Returns when all events that have arrived are shown."""
@@ -360,20 +390,28 @@ class Console:
         """Sends a request and shows the response. Returns whether it is ok."""
         if command in NEED_A_STOP:
             self.need_a_stop()
-        elif command in ("attachToProcess", "connectRemote") and self.state in (
-            "eStateExited",
-            "eStateDetached",
-        ):
-            self.ask("deleteProcess")
         response = self.ask(command, **arguments)
+        is_ok = response["status"] == "ok" and response.get("succeeded", True)
+        self.has_failed |= not is_ok
         if response["status"] == "error":
             without = response["message"] in ("no process", "no target")
-            self.show((without and self.obstacle()) or response["message"], 31)
+            self.show((without and self.obstacle()) or response["message"], RED)
+        elif command in SAID:
+            self.show(SAID[command].format(**arguments))
         else:
-            self.show(show(response, arguments))
-        if command in (*STEPS, "stopExecution") and response["status"] == "ok":
-            self.await_stop(0.5 if self.is_terminal else None, is_killed=command == "stopExecution")
-        return response["status"] == "ok"
+            self.show(response_text(response, arguments))
+        is_kill = command == "stopExecution"
+        if is_ok and (is_kill or self.resumes(command, arguments)) and not self.is_in_background:
+            self.await_stop(0.5 if self.is_terminal else None, is_kill)
+        return is_ok
+
+    def lldb(self, line):
+        """Carries out one of LLDB's lines."""
+        is_ok = self.perform("executeCommand", cli=line)
+        if is_ok and line.startswith("thread select"):
+            self.thread = None
+            self.show(self.output_of("frame select"))  # LLDB says nothing
+        return is_ok
 
     def await_stop(self, seconds=None, is_killed=False):
         """Waits until the program stops or exits. A killed program exits soon after the response."""
@@ -388,7 +426,7 @@ class Console:
         if self.state in RUNNING:
             return "The program is running. Ctrl-C or interrupt stops it, wait waits for its stop."
         return {
-            None: "There is no program. launch PROGRAM starts one. attach PID attaches to a running one.",
+            None: "There is no program. launch PROGRAM starts one. attach PID attaches to one.",
             "eStateExited": f"The program has ended with status {self.ending}. run starts it again.",
             "eStateDetached": "The program runs without this debugger. attach PID attaches again.",
         }.get(self.state)
@@ -399,38 +437,32 @@ class Console:
             raise Mistake(text)
 
     def number(self, text):
-        """Returns the value of a number, symbol, register or sum. LLDB evaluates all but numbers."""
+        """The value of a number, symbol, register or sum. LLDB evaluates all but numbers."""
         try:
             return int(text, 0)
         except ValueError:
             self.need_a_stop()
         # Without debug information LLDB's expressions do not know a symbol, but its symbol table does.
         for place in (text, re.sub(r"(?<![$\w])[A-Za-z_]\w*", self.symbol, text)):
-            if found := self.search(
-                r"^(0x\w+):", f'memory read --size 1 --count 1 --format x -- "{place}"'
-            ):
+            line = f'memory read --size 1 --count 1 --format x -- "{place}"'
+            if found := self.search(r"^(0x\w+):", line):
                 return int(found, 16)
         raise Mistake(f"«{text}» is not a number, symbol, $register or sum of them")
 
     def symbol(self, name):
-        return (
-            self.search(r"range = \[(0x\w+)", f"image lookup --verbose --symbol {name[0]}")
-            or name[0]
-        )
+        line = f"image lookup --verbose --symbol {name[0]}"
+        return self.search(r"range = \[(0x\w+)", line) or name[0]
 
     def search(self, pattern, line):
-        """Runs an LLDB command. Returns the part of its output that matches the pattern's group, or None."""
+        """Runs an LLDB line. Returns what the pattern's group finds in its output, or None."""
         found = re.search(pattern, self.ask("executeCommand", cli=line).get("output", ""), re.M)
         return found and found[1]
 
     def arguments(self, command):
-        """Returns the schemas of a command's arguments, by name, in their order."""
-        properties = (
-            self.schema["requests"].get(ALIASES.get(command, command), {}).get("properties", {})
-        )
-        return {
-            name: schema for name, schema in properties.items() if name not in ("command", "id")
-        }
+        """The schemas of a command's arguments, by name, in their order."""
+        request = self.schema["requests"].get(command, {})
+        properties = request.get("properties", {})
+        return {name: properties[name] for name in properties if name not in ("command", "id")}
 
     def arguments_of(self, command, words):
         schemas = self.arguments(command)
@@ -444,66 +476,195 @@ class Console:
                 name, text = order[0], word
             order = [other for other in order if other != name]
             kind = schemas[name].get("type", "integer")  # as the schema wants it
-            arguments[name] = {"boolean": lambda: text.lower() == "true", "array": lambda: list(text.encode()),
-                               "integer": lambda: self.number(text), "string": lambda: text}[kind]()  # fmt: skip
+            if kind == "boolean":
+                arguments[name] = text.lower() == "true"
+            elif kind == "array":
+                arguments[name] = list(os.fsencode(text))
+            else:
+                arguments[name] = self.number(text) if kind == "integer" else text
         return arguments
 
     def do_launch(self, words):
-        """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at its entry."""
+        """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at its
+        entry. A name without a folder is searched in this folder, then in PATH."""
         if not words:
-            raise Mistake("launch PROGRAM [ARGUMENTS...]")
-        self.ask("deleteProcess")
-        self.program = [os.path.abspath(words[0]), *words[1:]]
-        quoted = " ".join(
-            '"' + word + '"' if " " in word or not word else word for word in words[1:]
-        )
-        self.ask("prepareExecutable", path=self.program[0], args=quoted, cwd=os.getcwd())
-        self.perform("createProcess")
+            raise Mistake("There is no program to start. launch PROGRAM [ARGUMENTS...] names one.")
+        path = words[0]
+        if "/" not in path and not os.path.exists(path):
+            path = shutil.which(path) or path
+        path = os.path.abspath(path)
+        for word in words[1:]:
+            if word in ("<", ">", ">>", "2>", "|") or not word or re.search(r'["\\]', word):
+                raise Mistake(
+                    f"«{word}» cannot be passed: no redirections, quotes, backslashes or empty words"
+                )
+        is_again = self.program[:1] == [path] and self.state is not None
+        self.say_what_is_lost("watchpoint" if is_again else "(watch|break)point")
+        if not is_again:
+            self.ask("deleteProcess")
+        elif self.state not in ENDED:
+            self.ask("stopExecution")
+            self.await_stop(is_killed=True)
+        self.program = [path, *words[1:]]
+        quoted = " ".join(f'"{word}"' for word in words[1:])
+        if is_again:  # in the same target, so that the breakpoints stay
+            folder = shlex.quote(os.getcwd())
+            line = f"process launch --stop-at-entry --working-dir {folder} -- {quoted}"
+            response = self.ask("executeCommand", cli=line)
+            if not response["succeeded"]:
+                raise Mistake(response["error"])
+            with self.changed:
+                self.changed.wait_for(lambda: self.state == "eStateStopped", 2)
+            if self.state in ENDED:  # LLDB 14 does not report the stop at the entry
+                self.take_state({"state_desc": "eStateStopped"})
+            self.is_fresh = True
+        else:
+            self.ask("prepareExecutable", path=path, args=quoted, cwd=os.getcwd())
+            self.is_fresh = self.perform("createProcess")
+        return self.is_fresh
+
+    def say_what_is_lost(self, pattern):
+        """Breakpoints end with their target, watchpoints with their process."""
+        for kind in ("breakpoint", "watchpoint"):
+            listed = self.output_of(f"{kind} list --brief")
+            if re.match(pattern, kind) and re.search(r"^(Watchpoint )?\d+:", listed, re.M):
+                self.show(f"* the {kind}s of the program before are gone", YELLOW)
+        self.output_of("watchpoint delete --force")
 
     def do_run(self, words):
-        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these."""
-        self.do_launch(self.program[:1] + (words or self.program[1:]))
+        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these, and goes
+        on to the first breakpoint or to the end. Breakpoints stay."""
+        if (self.is_fresh and not words) or self.do_starti(words):
+            self.perform("continueExecution")
+
+    def do_starti(self, words):
+        return self.do_launch(self.program[:1] + (words or self.program[1:]))
+
+    def do_start(self, words):
+        if (self.is_fresh and not words) or self.do_starti(words):
+            name = shlex.quote(self.program[0])
+            line = f"breakpoint set --one-shot true --name main --shlib {name}"
+            if self.search(r"^Breakpoint (\d+): (?!no locations)", line):
+                self.perform("continueExecution")
+            else:
+                self.show("* no main is known: the program stands at its entry", YELLOW)
+
+    def do_attach(self, words):
+        if len(words) != 1 or not words[0].isdigit():
+            raise Mistake(self.usage())
+        if self.state in ENDED and self.state:
+            self.say_what_is_lost("")
+            self.ask("deleteProcess")
+        if self.perform("attachToProcess", pid=int(words[0])):
+            self.program = []
 
     def do_wait(self, _):
-        """wait: waits until the program stops or exits."""
         self.catch_up()
         self.await_stop()
 
-    def do_b(self, words):
-        """b: lists the breakpoints. b FUNCTION, b FILE:LINE, b ADDRESS: sets one."""
-        place = "".join(words)
+    def do_break(self, words):
+        """b: lists the breakpoints. b PLACE [if CONDITION]: sets one, tbreak PLACE one for one stop.
+        PLACE is a FUNCTION, FILE:LINE, LINE of the current file, *ADDRESS or 0xADDRESS, or +N for N
+        bytes after the program counter."""
         self.catch_up()
-        if self.state in ENDED:
+        if self.state is None:
             self.need_a_stop()
-        line = "breakpoint list"
+        place, condition = words, []
+        if "if" in words:
+            at = words.index("if")
+            place, condition = words[:at], words[at + 1 :]
+            if not (place and condition):
+                raise Mistake(self.usage())
+        if len(place) > 1 and not re.search(r"[-+*]", "".join(place[1:])):
+            raise Mistake(f"b does not take «{place[1]}» after «{place[0]}»; see help b")
+        place = "".join(place)
+        # *main is the first instruction, main is past the prologue.
+        is_exact = place.startswith("*")
+        place = place.lstrip("*")
+        if not place:
+            return self.lldb("breakpoint list")
         if found := re.fullmatch(r"(.*[^:]):(\d+)", place):
-            line = f"breakpoint set --file {shlex.quote(found[1])} --line {found[2]}"
-        elif re.match(r"[A-Za-z_~]", place) and not re.search(r"[-+*]", place):
-            line = f"breakpoint set --name {shlex.quote(place)}"
-        elif place:
-            line = f"breakpoint set --address {self.number(place)}"
-        self.perform("executeCommand", cli=line)
+            line = f"--file {shlex.quote(found[1])} --line {found[2]}"
+        elif not is_exact and re.fullmatch(r"[1-9]\d*", place):
+            line = f"--line {place}"
+        elif not is_exact and re.match(r"[A-Za-z_~]", place) and not re.search(r"[-+*]", place):
+            line = f"--name {shlex.quote(place)}"
+        else:
+            place = re.sub(r"^(?=[-+])", "$pc", place)
+            line = f"--address {self.number(place)}"
+        if condition:
+            line += f" --condition {shlex.quote(' '.join(condition))}"
+        return self.lldb(f"{self.row.line} {line}")
+
+    def do_condition(self, words):
+        """condition N [EXPRESSION]: breakpoint N stops only if it is true, or always.
+        ignore N COUNT: breakpoint N does not stop the next COUNT times."""
+        if not words or not words[0].isdigit():
+            raise Mistake(self.usage())
+        self.lldb(f"{self.row.line} {shlex.quote(' '.join(words[1:]))} {words[0]}")
+
+    def do_watch(self, words):
+        """watch VARIABLE, watch *ADDRESS: stops when the program writes to it. rwatch stops when it
+        reads it, awatch at both."""
+        self.need_a_stop()
+        if len(words) != 1:
+            raise Mistake(self.usage())
+        options = self.row.line.removeprefix("watchpoint set")
+        if words[0].startswith("*"):
+            self.lldb(f"watchpoint set expression{options} -- {self.number(words[0][1:])}")
+        else:
+            self.lldb(f"watchpoint set variable{options} {words[0]}")
+
+    do_tbreak, do_ignore, do_rwatch, do_awatch = do_break, do_condition, do_watch, do_watch
+
+    def do_context(self, words):
+        """context: shows registers, instructions, source and stack. context on: so does each stop.
+        context off: a stop shows the source line and the next instruction."""
+        if words not in ([], ["on"], ["off"]):
+            raise Mistake(self.usage())
+        was_on = self.has_context
+        self.has_context = words != ["off"]
+        lines, place = (3, "no-debuginfo") if self.has_context else (1, "always")
+        self.ask("executeCommand", cli=f"settings set stop-line-count-before {lines}")
+        self.ask("executeCommand", cli=f"settings set stop-line-count-after {lines}")
+        self.ask("executeCommand", cli=f"settings set stop-disassembly-display {place}")
+        if not words:
+            self.need_a_stop()
+            self.show(self.surroundings())
+            self.do_context(["on" if was_on else "off"])
+
+    def do_display(self, words):
+        self.need_a_stop()
+        if not words:
+            raise Mistake(self.usage())
+        expression = " ".join(words)
+        if self.lldb(f"expression -- {expression}"):
+            self.displays.append(expression)
+
+    def do_undisplay(self, _):
+        self.displays.clear()
 
     def do_code(self, words):
         """code [ADDRESS]: shows the instructions around the program counter, or from an address on."""
         self.need_a_stop()
         if words:
-            line = f"disassemble --count 16 --start-address {self.number(''.join(words))}"
-            return self.perform("executeCommand", cli=line)
-        lines = (
-            self.ask("executeCommand", cli="disassemble --frame --force")
-            .get("output", "")
-            .splitlines()
-        )
-        if not (current := [at for at, line in enumerate(lines) if line.startswith("->")]):
-            return self.perform("executeCommand", cli="disassemble --pc --count 16")
-        first = max(0, current[0] - 8)
-        self.show("\n".join(lines[:1] * (first > 0) + lines[first : first + 17]))
+            place = self.number("".join(words))
+            return self.lldb(f"disassemble --count 16 --start-address {place}")
+        self.show(self.with_arrow(self.instructions(8, 8)))
+
+    def do_disassemble(self, words):
+        """disas [FUNCTION or ADDRESS]: shows the instructions of a whole function."""
+        self.need_a_stop()
+        place = "".join(words)
+        if re.fullmatch(r"[A-Za-z_~][\w:~]*", place):
+            return self.lldb(f"disassemble --force --name {place}")
+        return self.do_code(words) if words else self.lldb("disassemble --force --frame")
 
     def do_x(self, words):
-        """x [ADDRESS [LENGTH]]: shows LENGTH bytes of memory (default: 64). x alone continues after them."""
+        """x [ADDRESS [LENGTH]]: shows LENGTH bytes of memory (default: 64). x alone continues after
+        them. x/4gx ADDRESS: shows four giant words in hexadecimal, and so on."""
         self.need_a_stop()
-        if len(words) > 2 or not words and self.next_address is None:
+        if len(words) > 2 or (not words and self.next_address is None):
             raise Mistake("x ADDRESS [LENGTH], the address without spaces")
         start = self.number(words[0]) if words else self.next_address
         length = self.number(words[1]) if len(words) > 1 else 64
@@ -514,113 +675,193 @@ class Console:
         self.show(bytes_table(start, response["memory"]))
 
     def do_regs(self, words):
-        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks changes by the last step."""
+        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks those that
+        the last step has changed."""
         self.need_a_stop()
-        values = self.ask("getRegisters")[
-            "registers"
-        ]  # some texts also have the place that the register points to
-        general = next(
-            (names for pc, names in GENERAL_REGISTERS.items() if pc in values), ""
-        ).split()
-        rest = sorted(
-            values, key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name)
-        )
-        names = [name.lstrip("$") for name in words] or general or rest
-        names = (
-            general + [name for name in rest if name not in general] if words == ["all"] else names
-        )
-        if not (names := [name for name in names if name in values]):
-            raise Mistake("there is no such register; regs all shows all registers")
-        before = {
-            **values,
-            **self.registers_before,
-        }  # self.registers has those of the innermost frame
-        changed = {
-            name for name in names if before[name] != values[name] == self.registers.get(name)
-        }
-        width = max(map(len, names))
-        words = {name: re.sub(r"(?<=\w) .*", "", values[name]) for name in names}
-        cells = [
-            f"{'*' if name in changed else ' '}{name:>{width}} {words[name]}" for name in names
-        ]
-        cell = max(map(len, cells)) + 1
-        columns = max(1, shutil.get_terminal_size().columns // cell)
-        shown = [
-            self.screen.colour(33 * (name in changed), text.ljust(cell))
-            for name, text in zip(names, cells)
-        ]
-        self.show(
-            "\n".join(
-                "".join(shown[at : at + columns]).rstrip() for at in range(0, len(shown), columns)
-            )
-        )
+        values = self.ask("getRegisters")["registers"]
+        general = self.general_registers(values)
+        rest = [name for name in values if name not in general]
+        rest.sort(key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
+        generic = {"pc": "rip", "sp": "rsp", "fp": "rbp"} if "rip" in values else {}
+        names = [word.lstrip("$") for word in words]
+        names = [generic.get(name, name) for name in names]
+        if words == ["all"]:
+            names = general + rest
+        for name in names:
+            if name not in values:
+                raise Mistake(f"there is no register «{name}»; regs all shows all registers")
+        # self.registers has those of the innermost frame, which may not be the selected one.
+        changed = self.changed_registers(values, self.registers_before)
+        changed = {name for name in changed if values[name] == self.registers.get(name)}
+        self.show(self.cells(values, names or general or rest, changed))
+
+    def general_registers(self, values):
+        for counter, names in GENERAL_REGISTERS.items():
+            if counter in values:
+                return [name for name in names.split() if name in values]
+        return []
+
+    def changed_registers(self, values, before):
+        return {name for name in values if name in before and before[name] != values[name]}
+
+    def cells(self, values, names, changed):
+        """The registers in as many columns as the terminal has room for."""
+        # Some texts also have the place that the register points to.
+        values = {name: re.sub(r"(?<=\w) .*", "", values[name]) for name in names}
+        name_width, width = max(map(len, names)), max(map(len, values.values()))
+        columns = max(1, shutil.get_terminal_size().columns // (name_width + width + 3))
+        lines = [""]
+        for at, name in enumerate(names):
+            cell = f"{'*' if name in changed else ' '}{name:>{name_width}} {values[name]:<{width}} "
+            lines[-1] += self.screen.colour(YELLOW * (name in changed), cell)
+            if at % columns == columns - 1:
+                lines.append("")
+        return "\n".join(line.rstrip() for line in lines).rstrip()
+
+    def do_info(self, words):
+        """info SUBJECT: the beginning of a subject's name is enough. help lists the subjects."""
+        found = [name for name in INFO if words and name.startswith(words[0])]
+        if not found:
+            raise Mistake(f"info knows {', '.join(INFO)}")
+        if found[0] == "registers":
+            return self.do_regs(words[1:])
+        if found[0] not in ("breakpoints", "watchpoints", "signals"):
+            self.need_a_stop()
+        self.catch_up()
+        return self.lldb(" ".join([INFO[found[0]], *words[1:]]))
+
+    def do_set(self, words):
+        """set VARIABLE=VALUE, set $REGISTER=VALUE: writes it. set args [ARGUMENTS...]: for the next run.
+        set disassembly-flavor intel, set follow-fork-mode child: as gdb's."""
+        if words[:1] == ["args"]:
+            self.program[1:] = words[1:]
+            self.is_fresh = False
+        elif words and words[0] in SETTINGS:
+            if len(words) != 2:
+                raise Mistake(f"set {words[0]} VALUE")
+            for scope in ("--global ", ""):  # of later programs, and of this one
+                self.lldb(f"settings set {scope}{SETTINGS[words[0]]} {words[1]}")
+        else:
+            self.need_a_stop()
+            self.lldb("expression -- " + " ".join(words[words[:1] in (["var"], ["variable"]) :]))
+
+    def do_intel(self, words):
+        self.do_set(["disassembly-flavor", "att" if words == ["off"] else "intel"])
 
     def do_raw(self, words):
-        """raw on: also shows the messages. raw off: hides them again."""
         self.raw = words != ["off"]
 
     def do_help(self, words):
         """help [COMMAND]: lists the commands, or explains one."""
         if not words:
-            return self.show(HELP)
+            rows = [("gdb's word", "LLDB's", "")]
+            for row in dict.fromkeys(WORDS.values()):
+                rows.append((", ".join(row.names) + " " + row.takes, row.line, row.about))
+            return self.show(table(rows) + "\n\n" + NOTES.format(info=", ".join(INFO)))
         if words == ["protocol"]:
-            return self.show(
-                "\n".join(
-                    " ".join([name, *self.arguments(name)]) for name in self.schema["requests"]
-                )
-            )
-        command = ALIASES.get(words[0], words[0])
-        if hasattr(self, f"do_{command}"):
-            return self.show(getattr(self, f"do_{command}").__doc__)
-        if command in LLDB_LINES:
-            return self.show(
-                f"{command}: LLDB's «{LLDB_LINES[command]}». !help {LLDB_LINES[command]} explains it."
-            )
-        if command not in self.schema["requests"]:
-            raise Mistake(f"there is no command «{command}»")
+            names = self.schema["requests"]
+            return self.show("\n".join(" ".join([name, *self.arguments(name)]) for name in names))
+        row = WORDS.get(words[0])
+        command = PROTOCOL.get(row.names[0]) if row else words[0]
+        if row:
+            own = getattr(self, f"do_{row.names[0]}", None)
+            text = own and own.__doc__ or f"{', '.join(row.names)} {row.takes}: {row.about}"
+            self.show(re.sub(r"\n +", "\n", text))
+            self.show(row.line and f"LLDB's word is «{row.line}»; !help {row.line} explains it.")
+            if not command:
+                return None
+        elif command not in self.schema["requests"]:
+            return self.lldb_word("help " + " ".join(words), words[0])
         rows = []
         for name, schema in self.arguments(command).items():
-            rows.append((f"  {name}", schema.get("type", "integer"), schema.get("description", "")))
+            kind = schema.get("type", "integer")
+            rows.append((f"  {name}", kind, schema.get("description", "")))
         errors = " · ".join(error_texts(self.schema["responses"][command]))
         head = f"{command}: {self.schema['requests'][command]['description']}"
-        self.show(
-            "\n".join(filter(None, [head, rows and table(rows), errors and "Errors: " + errors]))
-        )
+        parts = [head, rows and table(rows), errors and "Errors: " + errors]
+        return self.show("\n".join(filter(None, parts)))
 
     def obey(self, line):
         """Carries out one line. Returns whether to continue."""
         if not line and self.is_terminal:
             line = self.last_line
         self.last_line = ""
+        self.is_in_background = line.endswith(" &")
+        line = line.removesuffix(" &")
         if line.startswith("!"):
-            self.perform("executeCommand", cli=line[1:].strip())
+            self.lldb(line[1:].strip())
         elif line.startswith("<"):
-            self.perform("sendToApplication", data=list(os.fsencode(line[1:].lstrip() + "\n")))
+            data = list(os.fsencode(line[1:].lstrip() + "\n"))
+            self.perform("sendToApplication", data=data)
         elif line in ("quit", "q", "exit"):
             return False
-        elif line:
+        elif line and not line.startswith("#"):
             word, _, rest = line.partition(" ")
-            command = ALIASES.get(word, word)
-            if own := getattr(self, f"do_{word}", None):
-                own(shlex.split(rest))
-            elif word in LLDB_LINES:
-                self.need_a_stop()
-                before, self.thread = self.stops, None if word == "thread" else self.thread
-                if (
-                    self.perform("executeCommand", cli=f"{LLDB_LINES[word]} {rest}".strip())
-                    and word in STEPS
-                ):
-                    self.resumed(before)
-                    self.await_stop(0.5 if self.is_terminal else None)
-            elif command in self.schema["requests"]:
-                self.perform(command, **self.arguments_of(command, shlex.split(rest)))
-            else:
-                raise Mistake(f"there is no command «{word}»; help lists them")
+            self.obey_word(word, rest.strip(), line)
             if word in REPEATED:
-                self.last_line = (
-                    word if word == "x" else line
-                )  # x continues after what it has shown
+                self.last_line = "x" if word == "x" else line  # x continues after the last bytes
         return True
+
+    def obey_word(self, word, rest, line):
+        self.row = row = WORDS.get(word)
+        command = PROTOCOL.get(row.names[0]) if row else word
+        if re.match(r"(x|p|print|po)/", word):  # LLDB has gdb's formats
+            self.need_a_stop()
+            self.lldb(line.replace("print/", "p/", 1))
+        elif row and rest and row.names[0] in ("step", "next", "stepi", "nexti", "continue"):
+            self.repeat(row, rest)
+        elif row and hasattr(self, f"do_{row.names[0]}"):
+            getattr(self, f"do_{row.names[0]}")(self.split(row, rest))
+        elif row and row.names[0] in ("frame", "thread") and not re.fullmatch(r"\d+", rest):
+            self.lldb(f"{row.names[0]} {rest or 'info'}")
+        elif command in self.schema["requests"]:
+            if row and command == "continueExecution":
+                # A step that a breakpoint has cut short would go on, and stop at its end.
+                self.output_of("thread plan discard 1")
+            self.perform(command, **self.arguments_of(command, shlex.split(rest)))
+        elif row:
+            if not row.line.startswith(("breakpoint", "image", "watchpoint")):
+                self.need_a_stop()
+            line = row.line.removesuffix(" --all") if rest else row.line
+            self.lldb(f"{line} {rest}".strip())
+        else:
+            self.lldb_word(line, word)
+
+    def split(self, row, rest):
+        """The words of an own command. Quotes in an expression stay."""
+        if row.names[0] in ("set", "display", "condition"):
+            return rest.split()
+        if row.names[0] in ("break", "tbreak"):
+            place, condition = (re.split(r"\bif\b", rest, maxsplit=1) + [""])[:2]
+            has_condition = place != rest
+            return shlex.split(place) + ["if"] * has_condition + condition.split()
+        return shlex.split(rest)
+
+    def repeat(self, row, count):
+        """Steps that many times, or continues past the breakpoint that many times, as gdb does."""
+        if not re.fullmatch(r"[1-9]\d*", count):
+            raise Mistake(f"{row.names[0]} takes a count, not «{count}»")
+        self.need_a_stop()
+        if row.names[0] == "continue":
+            self.lldb(f"{row.line} --ignore-count {int(count) - 1}")
+            return
+        for _ in range(int(count)):
+            self.reason = ""
+            if self.lldb(row.line):
+                self.await_stop()
+            if "step" not in self.reason:
+                break
+
+    def lldb_word(self, line, word):
+        """Carries out a line with one of LLDB's own words."""
+        if not self.ask("executeCommand", cli=f"help {word}").get("succeeded"):
+            near = difflib.get_close_matches(word, self.words(), 1)
+            advice = f"{near[0]}?" if near else "help lists them"
+            raise Mistake(f"there is no command «{word}»; {advice}")
+        self.lldb(line)
+
+    def usage(self):
+        return f"{self.row.names[0]} {self.row.takes}"
 
     def interrupt(self, *_):
         """Handles Ctrl-C, in the main thread, which may be waiting for a response."""
@@ -629,59 +870,75 @@ class Console:
         elif self.screen.at_prompt or not self.is_terminal:  # ends a script
             raise KeyboardInterrupt
 
-    def run(self):
-        goes_on = True
+    def next_line(self):
+        """The next line, None at the end of the input."""
+        if not self.is_terminal:
+            return sys.stdin.readline() or None
+        try:
+            return self.screen.read_line()
+        except EOFError:
+            print()
+        if self.state in ENDED or self.has_warned:
+            return None
+        self.has_warned = True
+        self.show("The program is still there. Ctrl-D again ends it and the console.", YELLOW)
+        return self.next_line()
+
+    def run(self, program):
+        """Launches the program, if there is one, and carries out the lines."""
+        goes_on = self.attempt(self.do_launch, program) if program else True
         while goes_on:
             try:
-                line = (
-                    self.screen.read_line() if self.is_terminal else sys.stdin.readline() or "quit"
-                )
-            except EOFError:
-                line = "quit"
+                line = self.next_line()
             except KeyboardInterrupt:  # drops the typed line
                 print()
                 continue
-            try:
-                goes_on = self.obey(line.strip())
-            except (Mistake, ValueError) as mistake:  # shlex raises ValueError for a missing quote
-                self.show(str(mistake), 31)
+            self.has_warned = False
+            goes_on = line is not None and self.attempt(self.obey, line.strip())
         self.ask("deleteProcess")
-        return self.helper.close()
+        return self.helper.close() or int(self.has_failed and not self.is_terminal)
+
+    def attempt(self, function, argument):
+        """Returns whether to go on. A mistake ends a script."""
+        self.has_failed = False
+        try:
+            goes_on = function(argument)
+        except (Mistake, ValueError) as mistake:  # shlex raises ValueError for a missing quote
+            self.show(str(mistake), RED)
+            self.has_failed = True
+        if self.has_failed:
+            return self.is_terminal
+        return goes_on
 
     def complete(self, text, index):
         if index == 0:
-            self.candidates = self.candidates_for(
-                text, readline.get_line_buffer()[: readline.get_endidx()]
-            )
+            line = readline.get_line_buffer()[: readline.get_endidx()]
+            self.candidates = self.candidates_for(text, line)
         return self.candidates[index] if index < len(self.candidates) else None
+
+    def words(self):
+        return sorted([*self.schema["requests"], *WORDS])
 
     def candidates_for(self, text, line):
         if line.startswith("!"):
             return self.completions(line[1:].lstrip(), "!" if text.startswith("!") else "")
         word, space, _ = line.lstrip().partition(" ")
-        own = [name[3:] for name in dir(self) if name.startswith("do_")]
-        commands = sorted([*self.schema["requests"], *ALIASES, *LLDB_LINES, *own, "quit"])
         if not space or word == "help":
-            return [command + " " for command in commands if command.startswith(text)]
+            return [command + " " for command in self.words() if command.startswith(text)]
         if word == "regs" or text.startswith("$"):
             mark = "$" if text.startswith("$") else ""
-            return [
-                mark + name + " "
-                for name in sorted(self.registers)
-                if name.startswith(text.lstrip("$"))
-            ]
-        if word in ("b", "x", "code", "p"):
+            names = sorted(self.registers)
+            return [mark + name + " " for name in names if name.startswith(text.lstrip("$"))]
+        if word in ("b", "break", "tbreak", "x", "code", "disas", "p", "print"):
             return self.completions(f"breakpoint set --name {text}", "") if text else []
         names = [name + "=" for name in self.arguments(word) if name.startswith(text)]
         head, equals, path = text.rpartition("=")
-        files = [
-            head + equals + file + ("/" if os.path.isdir(file) else " ")
-            for file in sorted(glob.glob(path + "*"))
-        ]
-        return names + files
+        for file in sorted(glob.glob(path + "*")):
+            names.append(head + equals + file + ("/" if os.path.isdir(file) else " "))
+        return names
 
     def completions(self, cli, mark):
-        """Returns LLDB's candidates. Its list begins with their common beginning."""
+        """LLDB's candidates. Its list begins with their common beginning."""
         found = self.ask("completeCommand", cli=cli, pos=len(cli))["completions"]
         words = [mark + word for word in found[1:]]
         return [words[0] + " "] if len(words) == 1 and found[0].endswith(" ") else words
@@ -697,8 +954,8 @@ class Console:
         readline.set_completer_delims(" ")
         readline.set_completer(self.complete)
         readline.parse_and_bind("tab: complete")
-        # Python's readline misses a signal that arrives between its handling of a key and its wait for the next.
-        # Another signal, a moment later, makes it handle both.
+        # Python's readline misses a signal that arrives between its handling of a key and its wait for
+        # the next. Another signal, a moment later, makes it handle both.
         signal.signal(signal.SIGUSR1, lambda *_: None)
         arrived, wakeup = os.pipe()
         os.set_blocking(wakeup, False)
@@ -724,11 +981,18 @@ def main():
     if console.is_terminal:
         console.use_readline()
     try:
-        for setting in (f'thread-format "{WHERE}"', "use-color false"):
+        for setting in (
+            f'thread-format "{WHERE}"',
+            "use-color false",
+            "stop-show-column none",
+            "stop-disassembly-count 1",
+        ):
             console.ask("executeCommand", cli=f"settings set {setting}")
-        if options.program:
-            console.do_launch(options.program)
-        return console.run()
+        console.do_context(["on" if console.is_terminal else "off"])
+        if console.is_terminal and not options.program:
+            console.show("launch PROGRAM starts a program, attach PID debugs a running one.")
+            console.show("help lists the rest.")
+        return console.run(options.program)
     except (EOFError, BrokenPipeError):
         sys.exit("console.py: lldb-helper has ended, or nobody reads this output any more")
 

@@ -16,10 +16,26 @@ file(READ README.md readme)
 string(REGEX REPLACE "\\[([^]]*)\\]\\(src/[^)]*\\)" "\\1" readme "${readme}")
 file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/README.md" CHANGELOG.md CONTRIBUTING.md TYPE DOC)
-install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.svg"
-  PATTERN "*.c" PATTERN "*.cpp")
-install(DIRECTORY examples TYPE DOC FILES_MATCHING
+install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.c" PATTERN "*.cpp")
+
+# Slim images leave out the documentation, so what programs read, the schema and the examples, lies
+# elsewhere. Links keep those of the documents working.
+set(data_folder "${CMAKE_INSTALL_DATADIR}/lldb-helper")
+install(FILES docs/protocol.schema.json DESTINATION "${data_folder}/docs")
+install(DIRECTORY examples DESTINATION "${data_folder}" FILES_MATCHING
   PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.hpp" PATTERN "*.js" PATTERN "*.py")
+set(links "${CMAKE_CURRENT_BINARY_DIR}/links")
+file(MAKE_DIRECTORY "${links}")
+file(RELATIVE_PATH data_from_docs "/${CMAKE_INSTALL_DOCDIR}" "/${data_folder}")
+file(CREATE_LINK "${data_from_docs}/examples" "${links}/examples" SYMBOLIC)
+file(CREATE_LINK "../${data_from_docs}/docs/protocol.schema.json" "${links}/protocol.schema.json" SYMBOLIC)
+install(FILES "${links}/examples" TYPE DOC)
+install(FILES "${links}/protocol.schema.json" DESTINATION "${CMAKE_INSTALL_DOCDIR}/docs")
+
+# The command line for a person.
+file(RELATIVE_PATH CONSOLE_FOLDER "/${CMAKE_INSTALL_BINDIR}" "/${data_folder}/examples")
+configure_file(packaging/lldb-helper-console.in lldb-helper-console @ONLY)
+install(PROGRAMS "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper-console" TYPE BIN)
 
 # Debian requires an address. This one is reserved for examples and reaches nobody.
 set(CPACK_PACKAGE_CONTACT "The lldb-helper developers <lldb-helper@example.org>")
@@ -28,11 +44,12 @@ set(CPACK_PACKAGE_CONTACT "The lldb-helper developers <lldb-helper@example.org>"
 find_program(GZIP gzip REQUIRED)
 mark_as_advanced(GZIP)
 string(TIMESTAMP CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)  # uses SOURCE_DATE_EPOCH
-foreach(page lldb-helper.1 changelog)
+foreach(page lldb-helper.1 lldb-helper-console.1 changelog)
   configure_file(packaging/${page}.in ${page} @ONLY)
   execute_process(COMMAND "${GZIP}" -9nf "${CMAKE_CURRENT_BINARY_DIR}/${page}" COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
-install(FILES "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper.1.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper.1.gz"
+  "${CMAKE_CURRENT_BINARY_DIR}/lldb-helper-console.1.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 
 set(CPACK_GENERATOR TGZ)
 set(CPACK_STRIP_FILES ON)
@@ -52,6 +69,7 @@ process, sends requests, and gets responses and events as JSON.")
   # no library depends on.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "lldb-${LLDB_VERSION_MAJOR}")
-  set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3")
+  # Only lldb-helper-console needs Python.
+  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "python3")
 endif()
 include(CPack)
