@@ -36,7 +36,8 @@ sys.dont_write_bytecode = True  # leaves no file where the examples are installe
 from host import Helper  # noqa: E402
 
 PATIENCE = 30  # seconds without a message that a replay waits for
-SMALLEST = 0x1000  # of the numbers that may differ
+SMALLEST = 0x1000  # of the numbers that may differ, but for ids
+IDS = ('"thread-id": ', "tid = ", "Process ")  # what stands before an id of a process or a thread
 NEAR = 1 << 24  # bytes: an address so far above a known one belongs to the same module
 
 
@@ -166,11 +167,13 @@ class Numbers:
     def __init__(self):
         self.now = {}
 
-    def agree(self, recorded, came):
+    def agree(self, before, recorded, came):
+        """`before` is the text before the number."""
         if recorded == came:
             return True
         is_large = int(recorded, 16) >= SMALLEST and int(came, 16) >= SMALLEST
-        return is_large and self.now.setdefault(recorded, came) == came
+        may_differ = is_large or before.endswith(IDS)
+        return may_differ and self.now.setdefault(recorded, came) == came
 
     def match(self, recorded, came):
         """Whether two texts are equal but for numbers that may differ."""
@@ -178,10 +181,12 @@ class Numbers:
         old, new = re.split(number, recorded), re.split(number, came)
         if old[::2] != new[::2]:
             return False
-        return all([self.agree(*pair) for pair in zip(old[1::2], new[1::2])])
+        return all([self.agree(*pair) for pair in zip(old[::2], old[1::2], new[1::2])])
 
-    def replaced(self, number):
+    def replaced(self, before, number):
         """A number of a request. An address moves with the nearest known one below it."""
+        if int(number, 0) < SMALLEST and not re.search(r'"[pt]id"\s*:\s*$', before):
+            return number
         if number in self.now or not number.isdigit() or int(number) < 1 << 32:
             return self.now.get(number, number)
         known = [int(old) for old in self.now if old.isdigit() and self.now[old].isdigit()]
@@ -189,7 +194,8 @@ class Numbers:
         return str(int(number) - max(near) + int(self.now[str(max(near))])) if near else number
 
     def in_request(self, text):
-        return re.sub(r'(?<!"id": )\b(0x[0-9a-f]+|\d+)\b', lambda m: self.replaced(m[0]), text)
+        number = re.compile(r'(?<!"id": )\b(0x[0-9a-f]+|0|[1-9]\d*)\b')
+        return number.sub(lambda m: self.replaced(text[: m.start()], m[0]), text)
 
 
 class Replayed(Helper):

@@ -78,7 +78,7 @@ def test_a_recording_is_whole_whoever_dies(recorder):
     host.send(b"not \xff JSON\n")
     host.response()
     host.child.kill()
-    eventually(lambda: not machine.descendants(host.pid), "the helper ends")
+    eventually(lambda: not machine.descendants(os.getpid(), "lldb-helper"), "the helper ends")
     recorded = [line[11:] for line in machine.read(file).splitlines()]
     assert recorded[1:3] == ['-> {"command": "ping"}', '<- {"status": "ok"}']
     assert recorded[3] == r"-> b'not \xff JSON\n'"

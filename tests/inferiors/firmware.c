@@ -1,4 +1,5 @@
-/* No system below it: two cores of QEMU's machine "virt" count for ever, each in a function of its own. */
+/* No system below it: two cores of QEMU's machine "virt" count for ever, each in a function of its
+ * own. */
 #define STRING_OF(number) #number
 #define STRING(number) STRING_OF(number)
 #define CPU_ON 0xc4000003 /* a call of the firmware interface PSCI: starts a core */
