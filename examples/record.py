@@ -195,7 +195,9 @@ class Numbers:
 
     def in_request(self, text):
         number = re.compile(r'(?<!"id": )\b(0x[0-9a-f]+|0|[1-9]\d*)\b')
-        return number.sub(lambda m: self.replaced(text[: m.start()], m[0]), text)
+        return number.sub(
+            lambda m: self.replaced(text[max(m.start() - 16, 0) : m.start()], m[0]), text
+        )
 
 
 class Replayed(Helper):
