@@ -136,6 +136,23 @@ def test_a_person_at_a_terminal_is_greeted():
     assert b"Ctrl-D" in console.stderr
 
 
+@pytest.mark.parametrize(
+    "arguments, words",
+    ((["-h"], b'"-h"'), (["/bin/ls"], b'"/bin/ls"'), (["7", "8", "9"], b"3 arg")),
+)
+def test_a_person_at_a_terminal_reads_how_arguments_are_understood(arguments, words):
+    terminal, its_end = os.openpty()
+    command = [HELPER, *arguments]
+    options = {"input": b"null", "stdout": subprocess.PIPE, "timeout": DEADLINE, "check": True}
+    shown = subprocess.run(command, stderr=its_end, **options)
+    said = os.read(terminal, 4096)
+    assert said.count(b"\n") == 1
+    assert words in said
+    to_a_file = subprocess.run(command, stderr=subprocess.PIPE, **options)
+    assert to_a_file.stderr == b""
+    assert to_a_file.stdout == shown.stdout
+
+
 @pytest.mark.parametrize("arguments", (["77", "78"], ["0", "78"], ["77", "1"], ["-1", "1"]))
 def test_descriptors_that_cannot_be_used_are_refused(arguments):
     read_end, _ = os.pipe()

@@ -67,6 +67,22 @@ bool answerOption(std::string_view argument) {
   return true;
 }
 
+/// Says what the arguments mean, where a person may have meant an option or a program. The mode
+/// stays.
+void explain(int argc, char **argv) {
+  if (argc == 2)
+    std::fprintf(
+        stderr,
+        "lldb-helper: \"%s\" is no option and no pair of descriptors: reading requests from "
+        "standard input (see lldb-helper --help).\n",
+        argv[1]);
+  else if (argc > 3)
+    std::fprintf(stderr,
+                 "lldb-helper: %d arguments are no pair of descriptors: reading requests from "
+                 "standard input (see lldb-helper --help).\n",
+                 argc - 1);
+}
+
 /// On standard error: standard output carries only requests and messages, also at a terminal.
 void greet() {
   std::fputs(
@@ -88,6 +104,8 @@ int main(int argc, char **argv) {
 
   const bool consoleMode = argc != 3;
   const Streams streams = consoleMode ? Streams{stdin, stdout} : openChannel(argv[1], argv[2]);
+  // Only for a person: a host that starts a console may take any text for a failure.
+  if (consoleMode && isatty(STDERR_FILENO)) explain(argc, argv);
   if (consoleMode && isatty(STDIN_FILENO)) greet();
   platform::keepDescriptorsPrivate(fileno(streams.input), fileno(streams.output));
 

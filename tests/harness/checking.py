@@ -36,10 +36,27 @@ def frame(text):
     return struct.pack("=I", len(text)) + text
 
 
+def closed(part):
+    """A part of the schema in which objects have no other members than those listed.
+
+    Hosts ignore members that they do not know. This version sends none.
+    """
+    if isinstance(part, list):
+        return [closed(item) for item in part]
+    if not isinstance(part, dict):
+        return part
+    inner = {key: closed(value) for key, value in part.items()}
+    is_object = part.get("type") == "object" and "properties" in part
+    return {"additionalProperties": False} | inner if is_object else inner
+
+
+CLOSED_PARTS = closed(SCHEMA["$defs"])
+
+
 @functools.cache
 def validator(part):
     """For a part of the schema, "responses/ping" for example."""
-    root = {"$defs": SCHEMA["$defs"], "$ref": f"#/$defs/{part}"}
+    root = {"$defs": CLOSED_PARTS, "$ref": f"#/$defs/{part}"}
     return jsonschema.validators.validator_for(SCHEMA)(root)
 
 

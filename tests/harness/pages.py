@@ -16,8 +16,8 @@ tests/sessions and docs/transcripts are such pages.
     $ run to steps:leaf                 sets a breakpoint there, continues, and waits for the stop
     $ continue                          continues; eStateRunning comes, then the events of the
                                         lines after it
-    $ lldb-server gdbserver :«port» …   starts a server; any other program prints a line when it is
-                                        ready: «pid»
+    $ lldb-server gdbserver :«port» …   starts a server, like $ qemu-system-aarch64; any other
+                                        program prints a line when it is ready: «pid»
     $ lldb-helper …                     a console; lines after "> " are its input, the rest is its
                                         output
 
@@ -35,9 +35,11 @@ import contextlib
 import dataclasses
 import difflib
 import json
+import os
 import queue
 import re
 import shlex
+import shutil
 import subprocess
 from itertools import zip_longest
 
@@ -295,11 +297,17 @@ class Player:
             breakpoint_there = f"-> setBreakpointAtVirtualAddress address=«{place}»"
             self.take_lines([breakpoint_there, "<- ok bkpt_id=«id» bl0=«location»"])
             self.take_lines(["-> continueExecution", "<- ok", "* eStateRunning", "* eStateStopped"])
-        elif name == "lldb-server":
-            if not machine.LLDB_SERVER:
-                pytest.skip("there is no lldb-server")
+        elif name in ("lldb-server", "qemu-system-aarch64"):
+            program = machine.LLDB_SERVER if name == "lldb-server" else shutil.which(name)
             words = [self.fill_in(word).replace("«port»", "PORT") for word in shlex.split(rest)]
-            _, self.names["port"] = machine.server(machine.LLDB_SERVER, *words)
+            paths = [word for word in words if word.startswith("/")]
+            for what, is_there in [
+                (name, program),
+                *((path, os.path.exists(path)) for path in paths),
+            ]:
+                if not is_there:
+                    pytest.skip(f"there is no {what}")
+            _, self.names["port"] = machine.server(program, *words)
         else:
             words = [self.fill_in(word) for word in shlex.split(line)]
             self.names["pid"] = machine.Program(*words).pid
