@@ -85,21 +85,20 @@ def test_deleting_a_process_does_not_wait_for_the_event_thread(host):
 @pytest.mark.slow
 @pytest.mark.linux("the shim and the processors of a process")
 @pytest.mark.parametrize(
-    "options",
-    [
-        {"prepare": use_one_processor},
-        {"env": machine.shim(SLOW_EVENTS="20")},
-        {"env": machine.shim(SLOW_SELECTION="3")},
-    ],
+    "delays",
+    [None, {"SLOW_EVENTS": "20"}, {"SLOW_SELECTION": "3"}],
     ids=["one processor", "late events", "a late selection"],
 )
-def test_ending_right_after_a_step_is_quick_and_reports_the_exit(options):
+def test_ending_right_after_a_step_is_quick_and_reports_the_exit(delays):
     """LLDB's public state is old here. A kill that trusts it crashes LLDB, or waits 20 seconds.
 
     On one processor LLDB's events are taken late. The shim makes sure of it. A kill while the event
     thread selects the thread that was stepped never ends.
     """
-    host = Host(**options)
+    if delays:
+        host = Host(env=machine.shim(**delays))
+    else:
+        host = Host(prepare=use_one_processor)
     for end, exits in [("deleteProcess", 0), ("stopExecution", 1)] * 8:
         assert host.ask_all(CREATE_WAIT, "createProcess") == [OK] * 2
         start = time.monotonic()
