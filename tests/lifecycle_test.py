@@ -4,6 +4,7 @@ Also programs that LLDB stops and resumes itself, and processes that LLDB's comm
 """
 
 import os
+import re
 import shutil
 import statistics
 import tempfile
@@ -13,7 +14,7 @@ import pytest
 from harness import machine
 from harness.checking import OK, Host, error
 from harness.machine import Program, descendants, eventually, inferior, stat
-from harness.stub import Stub, remote
+from harness.stub import STOPPED, Stub, remote
 
 CREATE_HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
 CREATE_WAIT = CREATE_HELLO | {"path": inferior("wait")}
@@ -39,6 +40,7 @@ def test_a_launch_that_fails_leaves_no_target(host):
         ("cannot build target: ", {"path": "/nowhere/program"}),
         ("cannot ", {"path": "/etc/passwd"}),
         ("cannot ", {"path": ""}),
+        ("cannot build target: ", {"path": "/dev/null"}),
         ("cannot create process: ", {"cwd": "/nowhere"}),
         ("cannot ", {"triple": "bogus-bogus-bogus"}),
         # This one selects another platform in LLDB.
@@ -54,6 +56,13 @@ def test_a_launch_that_fails_leaves_no_target(host):
             assert host.ask("getProcessState") == error("no target")
     assert host.run_session("hello") == ("hello\r\nworld\r\n", 3)
     assert host.cli("target list") == "No targets.\n"
+
+
+@pytest.mark.linux("on macOS the first triple is the machine's own")
+def test_a_launch_before_any_preparation_is_for_the_first_triple_of_a_session(host):
+    message = host.ask("createProcess")["message"]
+    assert message == "cannot create process: the platform is not currently connected"
+    assert host.ask("getProcessState") == error("no target")
 
 
 @pytest.mark.slow
@@ -308,3 +317,16 @@ def test_a_fork_that_a_debug_server_reports_is_no_stop(host, reason):
     host.ok("connectRemote", **stub.arguments())
     host.state("eStateStopped")
     assert host.resume("eStateExited")["exit_status"] == 7
+
+
+def test_a_step_of_a_running_program_does_nothing_then_or_after_the_next_stop(host):
+    stub = Stub({"\x03": STOPPED}, c=None)
+    host.ok("connectRemote", **stub.arguments())
+    host.state("eStateStopped")
+    for _ in range(2):
+        host.resume_only()
+        assert host.ask_all("stepInstruction", "stepOver", "stepOut") == [OK] * 3
+        host.ok("breakExecution")
+        host.state("eStateStopped")
+    resumed = [packet for packet in stub.packets if re.match("[cs]$|vCont;", packet)]
+    assert resumed == ["c", "c"]
