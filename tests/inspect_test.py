@@ -31,6 +31,7 @@ def test_steps_go_into_over_and_out_of_calls(host, program):
         host.resume(how="stepInstruction")
     assert program_counter(host) == leaf
     host.resume(how="stepOut")
+    assert host.ok("getThreadIDList")["threads"][0]["state"] == "Plan Complete"
     assert last_call < program_counter(host) <= last_call + 8
     seen = set()
     while middle <= (place := program_counter(host)) < end:

@@ -4,7 +4,6 @@ Also programs that LLDB stops and resumes itself, and processes that LLDB's comm
 """
 
 import os
-import re
 import shutil
 import statistics
 import tempfile
@@ -14,7 +13,7 @@ import pytest
 from harness import machine
 from harness.checking import OK, Host, error
 from harness.machine import Program, descendants, eventually, inferior, stat
-from harness.stub import STOPPED, Stub, remote
+from harness.stub import Stub, remote
 
 CREATE_HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
 CREATE_WAIT = CREATE_HELLO | {"path": inferior("wait")}
@@ -317,16 +316,3 @@ def test_a_fork_that_a_debug_server_reports_is_no_stop(host, reason):
     host.ok("connectRemote", **stub.arguments())
     host.state("eStateStopped")
     assert host.resume("eStateExited")["exit_status"] == 7
-
-
-def test_a_step_of_a_running_program_does_nothing_then_or_after_the_next_stop(host):
-    stub = Stub({"\x03": STOPPED}, c=None)
-    host.ok("connectRemote", **stub.arguments())
-    host.state("eStateStopped")
-    for _ in range(2):
-        host.resume_only()
-        assert host.ask_all("stepInstruction", "stepOver", "stepOut") == [OK] * 3
-        host.ok("breakExecution")
-        host.state("eStateStopped")
-    resumed = [packet for packet in stub.packets if re.match("[cs]$|vCont;", packet)]
-    assert resumed == ["c", "c"]
