@@ -2,11 +2,14 @@
 
 import os
 import re
+import struct
+import tempfile
 
 import pytest
 from harness import machine
-from harness.checking import NOWHERE, error
-from harness.machine import PC, PLAIN, SANITIZER, VECTOR, inferior, mappings, peek, read
+from harness.checking import NOWHERE, OK, error
+from harness.machine import PC, PLAIN, SANITIZER, VECTOR, Program, eventually, inferior
+from harness.machine import mappings, peek, read
 
 
 def program_counter(host):
@@ -28,6 +31,7 @@ def test_steps_go_into_over_and_out_of_calls(host, program):
         host.resume(how="stepInstruction")
     assert program_counter(host) == leaf
     host.resume(how="stepOut")
+    assert host.ok("getThreadIDList")["threads"][0]["state"] == "Plan Complete"
     assert last_call < program_counter(host) <= last_call + 8
     seen = set()
     while middle <= (place := program_counter(host)) < end:
@@ -74,6 +78,33 @@ def test_registers_read_at_once_are_those_read_one_by_one(host):
     host.read_registers_plainly()
     for one_by_one, registers in zip(all_registers(host), at_once):
         assert registers == one_by_one
+
+
+def start_static(host):
+    host.launch("steps-static")
+    host.run_to("leaf")
+
+
+def start_by_exec(host):
+    host.launch("/bin/sh", f"-c \"exec '{inferior('registers')}'\"")
+    host.resume()
+    assert host.ok("getThreadIDList")["threads"][0]["state"] == "Exec"
+
+
+def start_attached(host):
+    host.ok("attachToProcess", pid=Program(inferior("wait")).pid)
+    host.state("eStateStopped")
+
+
+@pytest.mark.linux("static programs, and a shell that may be debugged")
+@pytest.mark.parametrize("start", [start_static, start_by_exec, start_attached])
+def test_registers_are_whole_however_the_program_was_started(host, start):
+    start(host)
+    registers = host.registers()
+    assert len(registers) > 50
+    assert int(registers[PC], 16) == program_counter(host)
+    host.read_registers_plainly()
+    assert host.registers() == registers
 
 
 def test_a_deep_call_stack_goes_through_code_of_no_module(host):
@@ -185,6 +216,55 @@ def test_a_module_is_found_by_index_and_by_file(host):
     assert host.ok("moduleAtIndex", index=2**32)["module"] == modules[0]
     for file in ("", "/nowhere"):
         assert host.ask("moduleForFile", file=file) == error("can't find module")
+
+
+def program_without_sections():
+    """A file that has a header, one segment, and one instruction, which jumps to itself."""
+    header_size, segment_size = 64, 56
+    start = header_size + segment_size
+    code = bytes.fromhex("00000014" if machine.IS_ARM else "ebfe")
+    size = start + len(code)
+    shared_object, machine_number = 3, 183 if machine.IS_ARM else 62
+    sizes = (header_size, segment_size, 1, 0, 0, 0)
+    places = (start, header_size, 0)
+    header = struct.pack("<HHIQQQI6H", shared_object, machine_number, 1, *places, 0, *sizes)
+    load, readable_and_executable, alignment = 1, 5, 0x1000
+    segment = struct.pack("<2I6Q", load, readable_and_executable, 0, 0, 0, size, size, alignment)
+    identification = b"\x7fELF" + bytes([2, 1, 1]) + bytes(9)
+    path = f"{tempfile.mkdtemp()}/sectionless"
+    with open(path, "wb") as file:
+        file.write(identification + header + segment + code)
+    os.chmod(path, 0o755)
+    return path
+
+
+@pytest.mark.linux("an ELF file may have no sections")
+def test_a_module_without_sections_has_no_place(host):
+    file = program_without_sections()
+    program = Program(file, speaks=False)
+    eventually(lambda: machine.stat(program.pid)[0] == "sectionless", "it runs")
+    assert host.ask("attachToProcess", pid=program.pid, executable=file) == OK
+    host.state("eStateStopped")
+    host.ok("deleteProcess")
+
+    host.launch("hello")
+    host.history.clear()
+    host.cli(f"target modules add '{file}'")
+    assert host.ok("moduleForFile", file=file)["module"]["sections"] == []
+    directory, name = os.path.split(file)
+    place = {"fileAddress": NOWHERE, "loadAddress": NOWHERE, "slide": 0}
+    assert host.next_event()["modules"] == [{"directory": directory, "file": name} | place]
+
+
+@pytest.mark.linux("the second section of an ELF file has an address above 0")
+def test_a_module_below_its_address_in_the_file_is_left_out_of_the_report(host):
+    host.launch("hello")
+    host.cli(f"target modules add '{inferior('wait')}'")
+    host.next_event()
+    for slide, is_reported in ((0x800, True), (2**64 - 0x800, False)):
+        host.cli(f"target modules load --file wait --slide {slide:#x}")
+        slides = [module["slide"] for module in host.next_event()["modules"]]
+        assert slides == ([slide] if is_reported else [])
 
 
 @pytest.mark.linux("the kernel shows where the library is mapped in /proc")

@@ -39,6 +39,7 @@ def test_a_launch_that_fails_leaves_no_target(host):
         ("cannot build target: ", {"path": "/nowhere/program"}),
         ("cannot ", {"path": "/etc/passwd"}),
         ("cannot ", {"path": ""}),
+        ("cannot build target: ", {"path": "/dev/null"}),
         ("cannot create process: ", {"cwd": "/nowhere"}),
         ("cannot ", {"triple": "bogus-bogus-bogus"}),
         # This one selects another platform in LLDB.
@@ -54,6 +55,13 @@ def test_a_launch_that_fails_leaves_no_target(host):
             assert host.ask("getProcessState") == error("no target")
     assert host.run_session("hello") == ("hello\r\nworld\r\n", 3)
     assert host.cli("target list") == "No targets.\n"
+
+
+@pytest.mark.linux("on macOS the first triple is the machine's own")
+def test_a_launch_before_any_preparation_is_for_the_first_triple_of_a_session(host):
+    message = host.ask("createProcess")["message"]
+    assert message == "cannot create process: the platform is not currently connected"
+    assert host.ask("getProcessState") == error("no target")
 
 
 @pytest.mark.slow

@@ -119,10 +119,6 @@ def empty_environment(folder):
     return {"env": {name: os.environ[name] for name in kept if name in os.environ}}
 
 
-def no_home(folder):
-    return {"env": {name: value for name, value in os.environ.items() if name != "HOME"}}
-
-
 def commands_at_home(folder):
     write_lldbinit(folder)
     return variables(HOME=folder)
@@ -171,7 +167,6 @@ LINUX_FILTER = pytest.mark.linux("a filter of system calls")
     "surroundings",
     [
         empty_environment,
-        no_home,
         commands_at_home,
         commands_in_the_working_directory,
         removed_working_directory,
@@ -238,6 +233,7 @@ def named_pipe():
     [
         pytest.param(named_pipe, id="a pipe that nobody writes to"),
         pytest.param(lambda: "/dev/zero", id="a device without end"),
+        pytest.param(lambda: "/dev/random", id="a device without end or position"),
     ],
 )
 def test_a_file_that_never_opens_or_never_ends_is_not_read(host, make_file):

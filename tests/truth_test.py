@@ -236,18 +236,6 @@ def test_a_child_that_is_no_debug_server_can_be_debugged(host):
     assert host.ask("attachToProcess", pid=host.pid) == refused
 
 
-@pytest.mark.linux("the devices are Linux's")
-def test_devices_that_end_are_refused_by_lldb_and_endless_ones_by_us(host):
-    host.prepare("/dev/null")
-    message = host.ask("createProcess")["message"]
-    assert message.startswith("cannot build target: ")
-    assert "is not a file" not in message
-    for device in ("/dev/zero", "/dev/full", "/dev/random"):
-        host.prepare(device)
-        refused = error(f"cannot build target: '{device}' is not a file")
-        assert host.ask("createProcess") == refused
-
-
 def test_descriptors_may_be_non_blocking():
     """The flag comes in the middle of a session, in both directions, with a host that reads late."""
     requests_out, requests_in = os.pipe()
