@@ -16,7 +16,8 @@ file(READ README.md readme)
 string(REGEX REPLACE "\\[([^]]*)\\]\\(src/[^)]*\\)" "\\1" readme "${readme}")
 file(CONFIGURE OUTPUT README.md CONTENT "${readme}" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/README.md" CHANGELOG.md CONTRIBUTING.md TYPE DOC)
-install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.c" PATTERN "*.cpp")
+install(DIRECTORY docs TYPE DOC FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.c" PATTERN "*.cpp"
+  PATTERN "*.json" PATTERN protocol.schema.json EXCLUDE)
 
 # Slim images leave out the documentation, so what programs read, the schema and the examples, lies
 # elsewhere. Links keep those of the documents working.
