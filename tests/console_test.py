@@ -68,7 +68,7 @@ SCRIPTS = {
         ("launch WAIT\nc &\ninterrupt\nwait", r"\* stopped: .*thread 1 \(wait\)"),
     ],
     "threads": [
-        ("launch SPIN\nb spin.c:11\nrun\ndelete\nthread 3", rf"{BREAKPOINT}(?s:.*?)frame #0: "),
+        ("launch SPIN\nb spin.c:21\nrun\ndelete\nthread 3", rf"{BREAKPOINT}(?s:.*?)frame #0: "),
         ("si", r"\* stopped: instruction step into; thread 3 "),
         ("thread 2\nni 2", r"\* stopped: instruction step over; thread 2 "),
         ("threads", r"\n\* .*; thread 2 "),
