@@ -19,7 +19,7 @@ std::vector<std::string> splitArguments(std::string_view text);
 
 /// Appends the entries of a text like  A=1 B="x y" C=  to `entries`, in their order, duplicates
 /// included. A name consists of letters and underscores. A backslash in a value is dropped, and the
-/// byte after it is kept as it is.
+/// byte after it is kept as it is. As the first byte of a value without quotes it is kept itself.
 ///
 /// Returns false when the text is malformed. The entries before the first malformed one have been
 /// appended then, and the rest of the text is ignored.

@@ -21,14 +21,16 @@
 /// Only the main thread reads. Any thread may write: messages of different threads never mix.
 class MessageChannel {
  public:
-  /// In bytes. A longer text does not fit a frame, whose length has 32 bits.
+  /// Of an outgoing message, in bytes. A longer text does not fit a frame, whose length has 32
+  /// bits.
   static constexpr std::size_t maxMessageSize = 0xffffffff;
 
   /// The caller keeps the streams. They must outlive the channel.
   MessageChannel(FILE *input, FILE *output, bool consoleMode);
 
   /// Returns the text of the next request, or nothing at the end of input. A text ends at its first
-  /// zero byte. A frame that is cut short, or that claims 2 GiB or more, ends the input too.
+  /// zero byte. A frame that is cut short, or that claims 2 GiB or more, ends the input too, and so
+  /// does a console line that begins with a zero byte.
   std::optional<std::string> readMessage();
 
   /// In pipe mode waits for the next request for some 50 microseconds at most, without sleeping: a
@@ -37,9 +39,10 @@ class MessageChannel {
   void stayAwake();
 
   /// Writes one message and flushes it. Ignores failures: a host that closed its end wants no more
-  /// messages.
+  /// messages. The caller sees to it that the text has at most maxMessageSize bytes.
   void writeMessage(const std::string &text);
 
+  /// Sends a response or an event.
   void sendResponse(const Json &response);
   void sendError(const std::string &message);
   void sendOk(const std::optional<std::string> &message = std::nullopt);

@@ -24,17 +24,20 @@ class RunControl {
   /// Returns when the first state of the process has been sent to the host.
   void waitForFirstState();
 
-  /// Returns when no state change of `process` waits in the listener. `process` may be invalid.
+  /// Returns when no state change of `process` is queued or being handled, and none is still to
+  /// come from a resume that LLDB has begun. `process` may be invalid.
   void waitForQueuedStates(lldb::SBProcess process);
 
-  /// Whether `process` may be resumed: not while it runs. Waits for a stop whose event is being
-  /// taken. Returns true when that takes too long, and when there is no event thread.
+  /// Whether `process` may be resumed: not while LLDB's state is running. Waits for a stop whose
+  /// event is being taken. Returns true when that takes too long, when there is no event thread,
+  /// and in all other states, where LLDB's own error is the answer.
   ///
   /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
   /// process runs. It then holds that resume for the next stop, and the process never stops again.
   bool mayResume(lldb::SBProcess process);
 
-  /// Records that the main thread resumes the process, or that it failed to.
+  /// Call it with true before the main thread resumes the process, and with false when that failed.
+  /// Records it, forgets the stepped thread, and before a resume ends the hiding of stops.
   void setResumed(bool resumed);
 
   /// The same for a step of this thread, which is selected again at the stop.

@@ -22,7 +22,8 @@ class JsonValue;
 class JsonWriter;
 
 /// A block of bytes from which to make a Json array: one number from 0 to 255 for each byte. The
-/// array behaves like any other, but takes one byte of memory for each item.
+/// array behaves like any other, but takes one byte of memory for each item, until an item is
+/// looked at or compared. From then on it also keeps a Json for each.
 class JsonBytes {
  public:
   /// `size` zero bytes. They take no memory before they are written. Throws std::bad_alloc.
@@ -54,7 +55,8 @@ class JsonBytes {
 ///
 /// A Json that was moved from may only be assigned to or destroyed.
 ///
-/// No accessor and no comparison fails or throws. An accessor of another kind, a missing key and an
+/// No accessor and no comparison fails or throws, except that the first look at the items of
+/// JsonBytes may throw std::bad_alloc. An accessor of another kind, a missing key and an
 /// index past the end yield null, 0, false, the empty text or the empty list, so a reader of
 /// requests needs no presence checks.
 class Json {

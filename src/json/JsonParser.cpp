@@ -84,9 +84,10 @@ constexpr std::string_view lastTenDigitDouble = "4294967295";
 /// Whether a literal that is not a short integer becomes an unsigned 64-bit number.
 ///
 /// Deliberate: the length of the literal decides, and for ten bytes its text; the value does not.
-/// So 4294967295 is a double and 4294967296 is unsigned. A non-negative literal of ten or more
-/// bytes with an exponent but no fraction is unsigned and ends at its "e": 12345678901e5 is
-/// 12345678901. Hosts rely on addresses taking the unsigned form by their length alone.
+/// So 4294967295 is a double and 4294967296 is unsigned. An exponent without a fraction counts as
+/// part of the length, and an unsigned literal ends at its "e": 12345678901e5 is 12345678901, and
+/// 9234567e10 is 9234567, but 1234567e10 is a double. Hosts rely on addresses taking the unsigned
+/// form by their length alone.
 bool isUnsigned(std::string_view literal, bool hasFraction) {
   if (literal[0] == '-' || hasFraction) return false;
   if (literal.size() == lastTenDigitDouble.size()) return literal > lastTenDigitDouble;

@@ -52,7 +52,8 @@ void logToSyslog(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
 
 /// LOG_RECORD(format, ...) writes one record, and evaluates its arguments, if the level is enabled.
 /// It is a macro because the unified log takes only a literal as its format. The unified log shows
-/// what "%{public}s" prints, and hides what a plain "%s" prints.
+/// what "%{public}s" prints, and hides what a plain "%s" prints. On Linux a record that no daemon
+/// takes at once is dropped without a sign: logging never waits.
 #define LOG_RECORD(...)                                                                            \
   do {                                                                                             \
     if (platform::logEnabled() && !platform::logToSink(__VA_ARGS__)) LLDB_HELPER_LOG(__VA_ARGS__); \

@@ -18,8 +18,8 @@ const std::vector<std::string> &initialEnvironment();
 /// orphan.
 bool isOwnProcess(pid_t pid);
 
-/// Whether LLDB's debug server has this name or path: lldb-server, with or without a version, or
-/// debugserver.
+/// Whether LLDB's debug server has this name or path: lldb-server, with or without a version,
+/// debugserver, or what LLDB_DEBUGSERVER_PATH names.
 bool isDebugServer(const std::string &path);
 
 /// Removes PYTHONHOME from the environment. LLDB starts its Python with it, and a value for another

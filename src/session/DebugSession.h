@@ -41,7 +41,8 @@ class DebugSession {
   /// The abnormal end shows a host that it forgot deleteProcess.
   virtual ~DebugSession();
 
-  /// Answers requests until the end of input. Every request gets exactly one response.
+  /// Answers requests until the end of input. Every request gets exactly one response, or the "EOF"
+  /// message when something outside its handler fails: memory that runs out.
   void run();
 
   /// Returns the response to one decoded request, never null. Answers a command that lacks what it
@@ -123,7 +124,7 @@ class DebugSession {
   void discardTarget();
 
   /// Leaves the session without a target after LLDB's command line has deleted it. `itsProcess` was
-  /// the target's process.
+  /// the target's process. Without an earlier target it is invalid, and nothing happens.
   void forgetTarget(const lldb::SBProcess &itsProcess);
 
   /// Starts the event thread for `target`, in place of a running one. When no thread can be
@@ -170,7 +171,7 @@ class DebugSession {
   /// Empty: LLDB chooses. Deliberate: hosts know this first value, which is the same on every
   /// processor. It counts only until a command brings an executable and its triple.
   std::string triple = "x86_64-apple-macosx";
-  bool is64Bits = true;  ///< only logged
+  bool is64Bits = true;  ///< as the host gave it last; LLDB goes by the triple
 
   /// LLDB's unique id of the last launched or attached process. 0: none yet.
   std::uint32_t processOfOwnServer = 0;

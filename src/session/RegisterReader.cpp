@@ -158,7 +158,8 @@ Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame, 
       std::string text = textFromFormatted(takeLine(lines));
       if (text.empty() || isFormattedAsItsValue != true) {
         std::string value = valueText(set, at);
-        if (!text.empty() && !isFormattedAsItsValue) isFormattedAsItsValue = value == text;
+        if (!text.empty() && !isFormattedAsItsValue.has_value())
+          isFormattedAsItsValue = value == text;
         text = std::move(value);
       }
       texts.emplace_back(name, std::move(text));
