@@ -1,6 +1,7 @@
 """Collects the results of the benchmarks, and times LLDB's settings. script/bench calls it.
 
-report.py page KEPT SVG PAGE ONE-CPU-RUNS ALL-CPUS-RUN JSON-RUN   writes KEPT, SVG and PAGE's tables
+report.py page KEPT SVG PAGE TRACER-TABLE ONE-CPU-RUNS ALL-CPUS-RUN JSON-RUN
+                                                                  writes KEPT, SVG and PAGE's tables
 report.py check KEPT RUN...                                       fails where a ratio has grown
 report.py instructions KEPT PROGRAM [--keep]                      the same for counted instructions
 report.py settings HELPER PROGRAM       times a session's start with one of LLDB's settings that a host may set.
@@ -199,8 +200,8 @@ def picture(svg_path, rows):
     Path(svg_path).write_text(svg.replace("<title>", DARK_STYLE + "<title>", 1))
 
 
-def page(kept_path, svg_path, page_path, *paths):
-    *runs, all_cpus, json_run = map(load, paths)
+def page(kept_path, svg_path, page_path, tracer_path, *run_paths):
+    *runs, all_cpus, json_run = map(load, run_paths)
     rows, free_rows, speeds = merge(runs), merge([all_cpus]), json_speeds(json_run)
     processor = re.search(r"model name\s*: (.*)", Path("/proc/cpuinfo").read_text())[1]
     keep(
@@ -223,6 +224,7 @@ def page(kept_path, svg_path, page_path, *paths):
         ("slopes", slopes(rows)),
         ("all processors", table(free_rows)),
         ("json", json_table(speeds)),
+        ("tracer", Path(tracer_path).read_text().rstrip()),
     ]:
         text, count = re.subn(
             rf"(?s)(<!-- {name} -->\n).*?(<!-- end -->)",

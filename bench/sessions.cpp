@@ -86,10 +86,11 @@ class Bench {
         floor->read(1);
       }));
       memory["floor"].push_back(floor->peakMemory());
-      for (const auto &[option, make] : makers) {
-        if (options[option].empty()) continue;
+      for (const auto &maker : makers) {
+        const std::string program = options[maker.first];
+        if (program.empty()) continue;
         std::unique_ptr<Subject> subject;
-        const double time = microsecondsOf([&] { subject = make(options[option]); });
+        const double time = microsecondsOf([&] { subject = maker.second(program); });
         times[subject->name].push_back(time);
         memory[subject->name].push_back(subject->peakMemory());
       }

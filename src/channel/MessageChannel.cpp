@@ -14,7 +14,7 @@
 namespace {
 
 /// A frame of this length or more is refused before any memory is allocated for it.
-constexpr std::uint32_t messageLengthLimit = 0x80000000;  // 2 GiB
+constexpr std::uint32_t incomingLengthLimit = 0x80000000;  // 2 GiB
 
 /// A longer console line is several requests.
 constexpr std::size_t longestLine = 1023;
@@ -72,7 +72,7 @@ bool MessageChannel::readAll(char *bytes, std::size_t size) {
 std::optional<std::string> MessageChannel::readFrame() {
   std::uint32_t length = 0;
   if (!readAll(reinterpret_cast<char *>(&length), sizeof length)) return std::nullopt;
-  if (length >= messageLengthLimit) {
+  if (length >= incomingLengthLimit) {
     LOG_RECORD("Refusing a message of %u bytes\n", length);
     return std::nullopt;
   }

@@ -23,7 +23,7 @@ class MessageChannel {
  public:
   /// Of an outgoing message, in bytes. A longer text does not fit a frame, whose length has 32
   /// bits.
-  static constexpr std::size_t maxMessageSize = 0xffffffff;
+  static constexpr std::size_t maxOutgoingSize = 0xffffffff;
 
   /// The caller keeps the streams. They must outlive the channel.
   MessageChannel(FILE *input, FILE *output, bool consoleMode);
@@ -39,7 +39,7 @@ class MessageChannel {
   void stayAwake();
 
   /// Writes one message and flushes it. Ignores failures: a host that closed its end wants no more
-  /// messages. The caller sees to it that the text has at most maxMessageSize bytes.
+  /// messages. The caller sees to it that the text has at most maxOutgoingSize bytes.
   void writeMessage(const std::string &text);
 
   /// Sends a response or an event.

@@ -23,7 +23,7 @@ Json DebugSession::readMemory(std::uint64_t address, std::int64_t length) {
     process.ReadMemory(address, bytes.data(), bytes.size(), error);
   }
   // A text that does not fit a frame is an error, not a shorter answer.
-  if (!error.Success() || bytes.textSize() > MessageChannel::maxMessageSize - envelopeRoom)
+  if (!error.Success() || bytes.textSize() > MessageChannel::maxOutgoingSize - envelopeRoom)
     return errorResponse(__func__, "unable to read memory");
   return okResponseWith({{"memory", Json(std::move(bytes))}});
 }
