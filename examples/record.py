@@ -14,10 +14,10 @@ and "* " for an event, and the JSON text. `cut -c12-` leaves lines to compare wi
 control characters or bytes that are not UTF-8 is written as Python writes bytes. Each line is
 written at once, so the file is whole whoever dies.
 
-A replay goes through the recording. It sends each request, and waits for each response, state and
-byte of output where it stands. Numbers of four digits and more may differ (addresses, ids of
+A replay goes through the recording. It sends each request, and waits for each response, state,
+module and byte of output where it stands. Numbers of four digits and more may differ (addresses, ids of
 processes and threads, counters), but one that comes again must differ in the same way. They are
-replaced in requests too. Events of modules are not compared.
+replaced in requests too.
 """
 
 import ast
@@ -107,6 +107,10 @@ def record(path, helper, requests, messages):
     os._exit(status)  # the other thread may still wait for the host
 
 
+def names_of_modules(event):
+    return {module["file"] for module in event.get("modules", [])}
+
+
 class Replay:
     def __init__(self, program):
         self.helper = Helper(program)
@@ -114,7 +118,8 @@ class Replay:
         self.now = {}  # what this run has for a number of the recording
         self.unanswered = []
         self.states = []  # of this run, not yet compared
-        self.output = self.recorded_output = b""  # since the last exit
+        self.modules = set()  # the names of those that were loaded since the last exit
+        self.output = self.recorded_output = b""  # also since then
         self.differences = 0
 
     def compare(self, what, recorded, now):
@@ -144,14 +149,16 @@ class Replay:
     def take_event(self):
         event = self.helper.next_event()
         self.output += bytes.fromhex(event.get("output", ""))
+        self.modules |= names_of_modules(event)
         if event["type"] == "state":
             self.states.append(event)
 
     def await_event(self, recorded):
-        """Waits until this run has as many states and as much output as the recording."""
+        """Waits until this run has the states, the modules and as much output as the recording."""
+        modules = names_of_modules(recorded)
         self.recorded_output += bytes.fromhex(recorded.get("output", ""))
         # The output's length may vary with the numbers in it. An exit comes after all output.
-        while len(self.output) < len(self.recorded_output):
+        while len(self.output) < len(self.recorded_output) or not modules <= self.modules:
             if self.states and self.states[-1]["state_desc"] == "eStateExited":
                 break
             self.take_event()
@@ -161,6 +168,7 @@ class Replay:
             self.compare("state", recorded, self.states.pop(0))
             if recorded["state_desc"] == "eStateExited":
                 self.compare_output()
+                self.modules.clear()
 
     def run(self, path):
         """Returns the number of differences."""
