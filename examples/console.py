@@ -586,7 +586,7 @@ class Console:
     def do_x(self, rest):
         """x [ADDRESS]: shows 64 bytes of memory, or those after the last ones. x/4gx ADDRESS: shows four
         giant words in hexadecimal, and so on."""
-        return self.lldb(f"memory read --count 64 {self.number(rest)}" if rest else "memory read")
+        return self.lldb(f"memory read --count 64 {self.number(rest) if rest else ''}")
 
     def do_regs(self, rest):
         """regs: shows general registers. regs NAME...: these. regs all: all. A star marks those that

@@ -38,7 +38,7 @@ SCRIPTS = {
         ("regs all", r"(?s)(rax.*?fs_base|x0.*?fpcr)"),
         ("info reg pc", rf" {PC} = 0x"),
         ("s", rf"\* stopped: step in; {AT_LEAF}8\n"),
-        ("x $sp\nx\nx main+4", r"(0x[0-9a-f]+: ([0-9a-f]{2} ){16}.*\n){9}"),
+        ("x $sp\nx\nx main+4", r"(0x[0-9a-f]+: ([0-9a-f]{2} ){16}.*\n){12}"),
         ("readMemory leaf 2", r"0x\S+  [0-9a-f]{2} [0-9a-f]{2} .*\n"),
         ("x/2gx $sp\np/x 255", r"0x\w+: 0x.*\n(.*\n)?.*0x0*ff\n"),
         ("set var number=7\np number", r"= 7\n.*= 7\n"),
