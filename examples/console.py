@@ -2,13 +2,13 @@
 
 Usage: console.py [--helper PATH] [PROGRAM [ARGUMENTS...]]
 
-"help" lists the commands. Most of them are gdb's words for lines of LLDB's own command line: the table
-in console_words.py. If standard input is not a terminal, it is a script of such lines. In a script "c",
-"run" and the steps wait for the program's next stop or exit ("c &" does not, "wait" does it later), and
-a line that fails ends the script with status 1.
+"help" lists the commands. Most of them are gdb's words for lines of LLDB's own command line: the
+table in console_words.py. If standard input is not a terminal, it is a script of such lines. In a
+script "c", "run" and the steps wait for the program's next stop or exit ("c &" does not, "wait"
+does it later), and a line that fails ends the script with status 1.
 
-There are two threads. The main thread reads lines and sends requests. The other thread shows events as
-they arrive, and asks the helper where the program is after a stop.
+There are two threads. The main thread reads lines and sends requests. The other thread shows events
+as they arrive, and asks the helper where the program is after a stop.
 """
 
 import argparse
@@ -166,8 +166,8 @@ class Console:
             self.schema = json.load(file)["$defs"]
         self.screen = Screen()
         self.show = self.screen.show
-        # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and its
-        # programs must not.
+        # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and
+        # its programs must not.
         interrupts = {signal.SIGINT}
         signal.pthread_sigmask(signal.SIG_BLOCK, interrupts)
         unblock = lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, interrupts)  # noqa: E731
@@ -216,7 +216,7 @@ class Console:
                 self.show(names and f"* loaded {', '.join(names)}", DIM)
 
     def base(self, module):
-        """The address of the module's image, which "modules" shows too. The event has a section's."""
+        """The address of the image, which "modules" shows too. The event has a section's."""
         path = f"{module['directory']}/{module['file']}"
         found = self.request("moduleForFile", file=path).get("module", {})
         sections = found.get("sections", [])
@@ -247,8 +247,8 @@ class Console:
             self.changed.notify_all()
 
     def where(self):
-        """Why and where the program stopped. Of the threads with a reason to stop this selects the one
-        that was selected before, else keeps LLDB's choice, else takes the first."""
+        """Why and where the program stopped. Of the threads with a reason to stop this selects the
+        one that was selected before, else keeps LLDB's choice, else takes the first."""
         threads = self.output_of("thread list").splitlines()[1:]
         stopped = [line for line in threads if "; thread " in line] or threads or ["* "]
         was_selected = f"thread {self.thread} "
@@ -313,8 +313,8 @@ class Console:
         return self.request("executeCommand", cli=line).get("output", "")
 
     def ask(self, command, **arguments):
-        """Like request(), for the main thread. Shows earlier events first, and waits until the events
-        so far are shown."""
+        """Like request(), for the main thread. Shows earlier events first, and waits until the
+        events so far are shown."""
         self.catch_up()
         before = self.stops
         line = arguments.get("cli", "")
@@ -377,7 +377,7 @@ class Console:
         return is_ok
 
     def await_stop(self, seconds=None, is_killed=False):
-        """Waits until the program stops or exits. A killed program exits soon after the response."""
+        """Waits until the program stops or exits. A killed program exits after the response."""
         with self.changed:
             self.changed.wait_for(
                 lambda: self.state in ENDED if is_killed else self.state not in RUNNING, seconds
@@ -390,7 +390,7 @@ class Console:
             return "The program is running. Ctrl-C or interrupt stops it, wait waits for its stop."
         return {
             None: "There is no program. launch PROGRAM starts one. attach PID attaches to one.",
-            "eStateExited": f"The program has ended with status {self.ending}. run starts it again.",
+            "eStateExited": f"The program ended with status {self.ending}. run starts it again.",
             "eStateDetached": "The program runs without this debugger. attach PID attaches again.",
         }.get(self.state)
 
@@ -405,7 +405,7 @@ class Console:
             return int(text, 0)
         except ValueError:
             self.need_a_stop()
-        # Without debug information LLDB's expressions do not know a symbol, but its symbol table does.
+        # Without debug information LLDB's expressions know no symbol, but its symbol table does.
         for place in (text, re.sub(r"(?<![$\w])[A-Za-z_]\w*", self.symbol, text)):
             line = f'memory read --size 1 --count 1 --format x -- "{place}"'
             if found := self.search(r"^(0x\w+):", line):
@@ -448,8 +448,8 @@ class Console:
         return arguments
 
     def do_launch(self, rest):
-        """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at its
-        entry. A name without a folder is searched in this folder, then in PATH."""
+        """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at
+        its entry. A name without a folder is searched in this folder, then in PATH."""
         words = shlex.split(rest)
         if not words:
             raise Mistake("There is no program to start. launch PROGRAM [ARGUMENTS...] names one.")
@@ -496,8 +496,8 @@ class Console:
         self.output_of("watchpoint delete --force")
 
     def do_run(self, rest):
-        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these, and goes
-        on to the first breakpoint or to the end. Breakpoints stay."""
+        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these, and
+        goes on to the first breakpoint or to the end. Breakpoints stay."""
         if (self.is_fresh and not rest) or self.do_starti(rest):
             self.perform("continueExecution")
 
@@ -527,9 +527,9 @@ class Console:
         self.await_stop()
 
     def do_break(self, rest):
-        """b: lists the breakpoints. b PLACE [if CONDITION]: sets one, tbreak PLACE one for one stop.
-        PLACE is a FUNCTION, FILE:LINE, LINE of the current file, *ADDRESS or 0xADDRESS, or +N for N
-        bytes after the program counter."""
+        """b: lists the breakpoints. b PLACE [if CONDITION]: sets one, tbreak PLACE one for one
+        stop. PLACE is a FUNCTION, FILE:LINE, LINE of the current file, *ADDRESS or 0xADDRESS, or +N
+        for N bytes after the program counter."""
         if self.state is None:
             self.need_a_stop()
         if not rest:
@@ -571,7 +571,7 @@ class Console:
             self.show(self.surroundings(True))
 
     def do_code(self, rest):
-        """code [ADDRESS]: shows the instructions around the program counter, or from an address on."""
+        """code [ADDRESS]: shows instructions around the program counter, or from an address on."""
         if rest:
             return self.lldb(f"disassemble --count 16 --start-address {self.number(rest)}")
         self.need_a_stop()
@@ -584,13 +584,13 @@ class Console:
         return self.do_code(rest) if rest else self.lldb("disassemble --force --frame")
 
     def do_x(self, rest):
-        """x [ADDRESS]: shows 64 bytes of memory, or those after the last ones. x/4gx ADDRESS: shows four
-        giant words in hexadecimal, and so on."""
+        """x [ADDRESS]: shows 64 bytes of memory, or those after the last ones. x/4gx ADDRESS: shows
+        four giant words in hexadecimal, and so on."""
         return self.lldb(f"memory read --count 64 {self.number(rest) if rest else ''}")
 
     def do_regs(self, rest):
-        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks those that
-        the last step has changed."""
+        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks those
+        that the last step has changed."""
         if rest:
             return self.lldb("register read " + ("--all" if rest == "all" else rest))
         self.need_a_stop()
@@ -626,8 +626,8 @@ class Console:
         return self.lldb(f"{INFO[found[0]]} {rest}")
 
     def do_set(self, rest):
-        """set VARIABLE=VALUE, set $REGISTER=VALUE: writes it. set args [ARGUMENTS...]: for the next run.
-        set disassembly-flavor intel, set follow-fork-mode child: as gdb's."""
+        """set VARIABLE=VALUE, set $REGISTER=VALUE: writes it. set args [ARGUMENTS...]: for the next
+        run. set disassembly-flavor intel, set follow-fork-mode child: as gdb's."""
         name, _, value = rest.partition(" ")
         if name == "args":
             self.program[1:] = shlex.split(value)
@@ -825,8 +825,8 @@ class Console:
         readline.set_completer_delims(" ")
         readline.set_completer(self.complete)
         readline.parse_and_bind("tab: complete")
-        # Python's readline misses a signal that arrives between its handling of a key and its wait for
-        # the next. Another signal, a moment later, makes it handle both.
+        # Python's readline misses a signal that arrives between its handling of a key and its wait
+        # for the next. Another signal, a moment later, makes it handle both.
         signal.signal(signal.SIGUSR1, lambda *_: None)
         arrived, wakeup = os.pipe()
         os.set_blocking(wakeup, False)

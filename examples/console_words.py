@@ -63,13 +63,13 @@ NOTES = """\
 info knows {info}.
 < LINE sends a line to the program. ! LINE is for LLDB, and so is a line with another of its words.
 
-PLACE is a FUNCTION, FILE:LINE, LINE, ADDRESS, or +N (from the program counter). ADDRESS is a number, a
-symbol, $REGISTER, or a sum of them: $sp+0x10. Tab completes. An empty line repeats steps, c, x
-and code. "help protocol" lists the protocol's commands, which are words here too. Type their arguments
-in order or by name: readMemory main length=64.
+PLACE is a FUNCTION, FILE:LINE, LINE, ADDRESS, or +N (from the program counter). ADDRESS is a
+number, a symbol, $REGISTER, or a sum of them: $sp+0x10. Tab completes. An empty line repeats steps,
+c, x and code. "help protocol" lists the protocol's commands, which are words here too. Type their
+arguments in order or by name: readMemory main length=64.
 """
 
-# What info shows. A beginning of a name means the first that has it, so those that gdb means are first.
+# What info shows. The beginning of a name means the first that has it, so gdb's are first.
 INFO = {
     "registers": "register read",
     "breakpoints": "breakpoint list",
@@ -113,7 +113,7 @@ REPEATED = set("s step n next si stepi ni nexti c continue x code".split())
 X86_REGISTERS = "rax rbx rcx rdx rsi rdi rbp rsp r8 r9 r10 r11 r12 r13 r14 r15 rip rflags".split()
 ARM_REGISTERS = [f"x{n}" for n in range(31)] + [f"r{n}" for n in range(13)]
 ARM_REGISTERS += "fp lr sp pc cpsr".split()
-# LLDB's description of a thread: the stop reason, the module, function and offset, the file and line.
+# LLDB's description of a thread: the stop reason, the module and function, the file and line.
 WHERE = (
     "{${thread.stop-reason}; }thread ${thread.index}{ (${thread.name})}; ${frame.pc}"
     "{ ${module.file.basename}{`${function.name-with-args}${function.pc-offset}}}"

@@ -15,9 +15,9 @@ control characters or bytes that are not UTF-8 is written as Python writes bytes
 written at once, so the file is whole whoever dies.
 
 A replay goes through the recording. It sends each request, and waits for each response, state,
-module and byte of output where it stands. Numbers of four digits and more may differ (addresses, ids of
-processes and threads, counters), but one that comes again must differ in the same way. They are
-replaced in requests too.
+module and byte of output where it stands. Numbers of four digits and more may differ (addresses,
+ids of processes and threads, counters), but one that comes again must differ in the same way. They
+are replaced in requests too.
 """
 
 import ast

@@ -93,7 +93,7 @@ def test_a_script(typed_and_shown):
 
 
 MISTAKES = {
-    "kill\nx $sp": "The program has ended with status 9. run ",
+    "kill\nx $sp": "The program ended with status 9. run ",
     "readMemory length=4 address=nowhere": "«nowhere» is not a number",
     "launch WAIT\nc &\nregs": "The program is running.",
     "regs sp zzz": "Invalid register name 'zzz'",
