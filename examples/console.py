@@ -2,13 +2,13 @@
 
 Usage: console.py [--helper PATH] [PROGRAM [ARGUMENTS...]]
 
-"help" lists the commands. Most of them are gdb's words for lines of LLDB's own command line: the table
-in console_words.py. If standard input is not a terminal, it is a script of such lines. In a script "c",
-"run" and the steps wait for the program's next stop or exit ("c &" does not, "wait" does it later), and
-a line that fails ends the script with status 1.
+"help" lists the commands. Most of them are gdb's words for lines of LLDB's own command line: the
+table in console_words.py. If standard input is not a terminal, it is a script of such lines. In a
+script "c", "run" and the steps wait for the program's next stop or exit ("c &" does not, "wait"
+does it later), and a line that fails ends the script with status 1.
 
-There are two threads. The main thread reads lines and sends requests. The other thread shows events as
-they arrive, and asks the helper where the program is after a stop.
+There are two threads. The main thread reads lines and sends requests. The other thread shows events
+as they arrive, and asks the helper where the program is after a stop.
 """
 
 import argparse
@@ -28,35 +28,33 @@ import threading
 import time
 
 sys.dont_write_bytecode = True  # leaves no file where the examples are installed
-from console_words import GENERAL_REGISTERS, INFO, NOTES, PROTOCOL, REPEATED  # noqa: E402
-from console_words import SAID, SETTINGS, WHERE, WORDS  # noqa: E402
+from console_words import ARM_REGISTERS, INFO, NOTES, PROTOCOL, REPEATED  # noqa: E402
+from console_words import SAID, SETTINGS, WHERE, WORDS, X86_REGISTERS  # noqa: E402
 from host import Helper  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+SCHEMA = os.path.join(HERE, "..", "docs", "protocol.schema.json")
 PROMPT = "(helper) "
 NOWHERE = 2**64 - 1  # LLDB's invalid address
 RUNNING = ("eStateLaunching", "eStateRunning", "eStateStepping")
 ENDED = (None, "eStateExited", "eStateDetached")
-STEPS = ("stepInstruction", "stepOver", "stepOut")
-NEED_A_STOP = set(
-    """continueExecution stepInstruction stepOver stepOut getThreadIDList selectThreadID
-getRegisters setRegister readMemory writeByte getCallstack selectFrame""".split()
+# The commands, and LLDB's lines, that resume the program.
+RESUMING = re.compile(
+    r"continueExecution|step(Instruction|Over|Out)|thread (step|until|continue)|process continue"
+    r"|(continue|step|next|finish|[csn]|si|ni)\b"
 )
-# LLDB's lines that resume the program.
-RESUMING_LINE = re.compile(
-    r"thread (step|until|continue)|process continue|(continue|step|next|finish|[csn]|si|ni)\b"
+# Those that need a program that has stopped.
+INSPECTING = re.compile(
+    r"(thread|frame|bt|up|down|disassemble|memory|register|expression|p|po|x|watchpoint set)\b"
+    r"|continueExecution|step(Instruction|Over|Out)|(get|set)Register|(get|select)Thread"
+    r"|selectFrame|getCallstack|readMemory|writeByte"
 )
+THREAD = re.compile(r"\bthread (\d+)")  # in LLDB's description of a thread
 RED, YELLOW, DIM, BOLD = 31, 33, 2, 1
 
 
 class Mistake(Exception):
     """The typed line cannot be carried out."""
-
-
-def load_schema():
-    path = os.path.join(HERE, "..", "docs", "protocol.schema.json")
-    with open(path, encoding="utf-8") as file:
-        return json.load(file)["$defs"]
 
 
 def find_helper(named):
@@ -99,6 +97,10 @@ def member_text(key, value):
     return value if isinstance(value, str) else json.dumps(value)
 
 
+def has_succeeded(response):
+    return response["status"] == "ok" and response.get("succeeded", True)
+
+
 def response_text(response, request):
     """Addresses in hexadecimal, lists of objects as tables, nothing for a plain ok."""
     if "memory" in response:
@@ -114,16 +116,6 @@ def response_text(response, request):
         elif key not in ("id", "status"):
             words.append(f"{key} {member_text(key, value)}")
     return "\n".join(filter(None, ["  ".join(words), *tables]))
-
-
-def error_texts(response):
-    """The error messages that a response's schema allows, with … for variable parts."""
-    found = []
-    for kind in response["oneOf"]:
-        message = kind["properties"].get("message", {"anyOf": []})
-        for text in message.get("anyOf", [message]):
-            found += text.get("enum") or [text.get("const") or text["description"]]
-    return found
 
 
 class Screen:
@@ -170,11 +162,12 @@ class Screen:
 
 class Console:
     def __init__(self, helper):
-        self.schema = load_schema()
+        with open(SCHEMA, encoding="utf-8") as file:
+            self.schema = json.load(file)["$defs"]
         self.screen = Screen()
         self.show = self.screen.show
-        # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and its
-        # programs must not.
+        # Only the main thread handles Ctrl-C. New threads inherit the signal mask. The helper and
+        # its programs must not.
         interrupts = {signal.SIGINT}
         signal.pthread_sigmask(signal.SIG_BLOCK, interrupts)
         unblock = lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, interrupts)  # noqa: E731
@@ -190,13 +183,10 @@ class Console:
         self.is_entering = False  # the next stop is at the entry, where LLDB reports a signal
         self.is_fresh = False  # the program stands at its entry and was never resumed
         self.program = []
-        self.thread = None  # the selected thread's id, None if it has to be asked
-        self.stepped = None  # the id of the thread that the last step stepped
+        self.thread = None  # the number of the thread that was selected when the program went on
         self.registers = self.registers_before = {}  # at this stop and the one before
         self.has_context = False
         self.row = None  # of the table, for the word that is carried out
-        self.displays = []  # expressions that each stop shows
-        self.next_address = None  # where x continues
         self.last_line = ""
         self.is_in_background = False  # the line ends with &, so a script does not wait
         self.has_warned = False  # that Ctrl-D ends the program
@@ -226,7 +216,7 @@ class Console:
                 self.show(names and f"* loaded {', '.join(names)}", DIM)
 
     def base(self, module):
-        """The address of the module's image, which "modules" shows too. The event has a section's."""
+        """The address of the image, which "modules" shows too. The event has a section's."""
         path = f"{module['directory']}/{module['file']}"
         found = self.request("moduleForFile", file=path).get("module", {})
         sections = found.get("sections", [])
@@ -240,7 +230,7 @@ class Console:
             if self.request("getProcessState").get("state-string") in RUNNING:
                 return  # LLDB has resumed the process itself
             text = "stopped: " + self.where()
-            shown = self.surroundings()
+            shown = self.surroundings(self.has_context)
         elif state == "eStateExited":
             self.ending = event["exit_status"]
             text = f"exited, status {self.ending}"
@@ -257,58 +247,38 @@ class Console:
             self.changed.notify_all()
 
     def where(self):
-        """Why and where the program stopped. Selects the thread that was stepped if that has a reason
-        to stop, else keeps LLDB's choice if that has one, else takes the first that has."""
-        threads = self.request("getThreadIDList").get("threads", [])
-        no_reason = ("None", "Invalid")
-        stopped = [thread["thread-id"] for thread in threads if thread["state"] not in no_reason]
-        selected = self.selected_thread(threads)
-        choices = [self.stepped, selected, *stopped]
-        self.thread = next((thread for thread in choices if thread in stopped), selected)
-        if self.thread and self.thread != selected:
-            self.request("selectThreadID", tid=self.thread)
+        """Why and where the program stopped. Of the threads with a reason to stop this selects the
+        one that was selected before, else keeps LLDB's choice, else takes the first."""
+        threads = self.output_of("thread list").splitlines()[1:]
+        stopped = [line for line in threads if "; thread " in line] or threads or ["* "]
+        was_selected = f"thread {self.thread} "
+        chosen = max(stopped, key=lambda line: (was_selected in line, line.startswith("*")))
+        if not chosen.startswith("*"):
+            self.output_of("thread select " + THREAD.search(chosen)[1])
         self.registers_before = self.registers
         self.registers = self.request("getRegisters").get("registers", {})
-        text = self.output_of("thread info").strip()
+        text = chosen[2:]
         if self.is_entering:
             text = text.replace("signal SIGSTOP", "the program's entry", 1)
         self.is_entering = False
         self.reason = text.split(";")[0]
         return text or "no thread has a stop reason"
 
-    def selected_thread(self, threads):
-        """The id of LLDB's selected thread: "thread list" has the same order and marks it."""
-        lines = self.output_of("thread list").splitlines()[1:]
-        for thread, line in zip(threads, lines):
-            if line.startswith("*"):
-                return thread["thread-id"]
-        return None
-
-    def surroundings(self):
-        """What a stop shows below its reason: the code, and with "context on" also the rest."""
-        lines = self.output_of("frame select 0").splitlines()
-        has_source = any(re.match(r"(->)?\s+\d+\s", line) for line in lines[1:])
-        # The first line says where the frame is, which the stop's own line says too.
-        code = self.with_arrow([line for line in lines[1:] if line.strip()])
-        parts = []
-        if self.has_context:
-            if self.registers:
-                changed = self.changed_registers(self.registers, self.registers_before)
-                segments = re.compile("[c-gs]s|[fg]s_base")
-                names = self.general_registers(self.registers)
-                names = [name for name in names if not segments.fullmatch(name)]
-                parts += [self.head("registers"), self.cells(self.registers, names, changed)]
-            parts += [self.head("instructions"), self.with_arrow(self.instructions(2, 5))]
-            if has_source:
-                parts += [self.head("source"), code]
-            stack = self.output_of("memory read --format A --count 6 $sp")
-            parts += [self.head("stack"), stack.rstrip(), self.head("")]
-        else:
-            parts.append(code)
-        for expression in self.displays:
-            value = self.request("executeCommand", cli=f"expression -- {expression}")
-            parts.append(f"{expression}: {value.get('output') or value.get('error')}".strip())
-        return "\n".join(filter(None, parts))
+    def surroundings(self, has_context):
+        """What a stop shows below its reason: the code, or with "context on" all that is here."""
+        lines = self.output_of("frame select").splitlines()
+        source = [line for line in lines if re.match(r"(->)?\s+\d+\s", line)]
+        if not has_context:
+            lines = source + self.output_of("disassemble --pc --count 1").splitlines()
+            return self.with_arrow([line for line in lines if line.startswith("->")])
+        parts = {
+            "registers": self.general_registers(self.registers),
+            "instructions": self.with_arrow(self.instructions(2, 5)),
+            "source": self.with_arrow(source),
+            "stack": self.output_of("memory read --format A --count 6 $sp").rstrip(),
+        }
+        shown = [f"{self.head(name)}\n{text}" for name, text in parts.items() if text]
+        return "\n".join([*shown, self.head("")])
 
     def head(self, text):
         width = min(shutil.get_terminal_size().columns, 100)
@@ -316,9 +286,8 @@ class Console:
 
     def with_arrow(self, lines):
         """Sets off the line of the program counter."""
-        return "\n".join(
-            self.screen.colour(BOLD * line.startswith("->"), line.rstrip()) for line in lines
-        )
+        colour = self.screen.colour
+        return "\n".join(colour(BOLD * line.startswith("->"), line.rstrip()) for line in lines)
 
     def instructions(self, before, after):
         """The lines of the instructions around the program counter."""
@@ -344,18 +313,18 @@ class Console:
         return self.request("executeCommand", cli=line).get("output", "")
 
     def ask(self, command, **arguments):
-        """Like request(), for the main thread. Shows earlier events first, and waits until the events
-        so far are shown."""
+        """Like request(), for the main thread. Shows earlier events first, and waits until the
+        events so far are shown."""
         self.catch_up()
         before = self.stops
         line = arguments.get("cli", "")
         self.is_entering = command == "createProcess" or line.startswith("process launch --stop")
-        resumes = self.resumes(command, arguments)
+        resumes = RESUMING.match(line or command)
         if resumes:
-            is_step = command in STEPS or "step" in line
-            self.stepped = self.current_thread() if is_step else None
+            selected = THREAD.search(self.output_of("thread info"))
+            self.thread = selected and selected[1]
         response = self.request(command, **arguments)
-        is_ok = response["status"] == "ok" and response.get("succeeded", True)
+        is_ok = has_succeeded(response)
         if is_ok and resumes:
             self.is_fresh = False
             with self.changed:
@@ -368,16 +337,6 @@ class Console:
         self.catch_up()
         return response
 
-    def resumes(self, command, arguments):
-        if command == "executeCommand":
-            return RESUMING_LINE.match(arguments["cli"]) is not None
-        return command in STEPS or command == "continueExecution"
-
-    def current_thread(self):
-        if self.thread is None:
-            self.thread = self.selected_thread(self.request("getThreadIDList").get("threads", []))
-        return self.thread
-
     def catch_up(self):
         """Returns when all events that have arrived are shown."""
         mark = threading.Event()
@@ -388,10 +347,12 @@ class Console:
 
     def perform(self, command, **arguments):
         """Sends a request and shows the response. Returns whether it is ok."""
-        if command in NEED_A_STOP:
+        if INSPECTING.match(command):
             self.need_a_stop()
+        if command in ("detach", "stopExecution") and self.state in ENDED:
+            raise Mistake(self.obstacle())
         response = self.ask(command, **arguments)
-        is_ok = response["status"] == "ok" and response.get("succeeded", True)
+        is_ok = has_succeeded(response)
         self.has_failed |= not is_ok
         if response["status"] == "error":
             without = response["message"] in ("no process", "no target")
@@ -401,20 +362,22 @@ class Console:
         else:
             self.show(response_text(response, arguments))
         is_kill = command == "stopExecution"
-        if is_ok and (is_kill or self.resumes(command, arguments)) and not self.is_in_background:
+        resumes = is_kill or RESUMING.match(arguments.get("cli", command))
+        if is_ok and resumes and not self.is_in_background:
             self.await_stop(0.5 if self.is_terminal else None, is_kill)
         return is_ok
 
     def lldb(self, line):
         """Carries out one of LLDB's lines."""
+        if INSPECTING.match(line):
+            self.need_a_stop()
         is_ok = self.perform("executeCommand", cli=line)
         if is_ok and line.startswith("thread select"):
-            self.thread = None
             self.show(self.output_of("frame select"))  # LLDB says nothing
         return is_ok
 
     def await_stop(self, seconds=None, is_killed=False):
-        """Waits until the program stops or exits. A killed program exits soon after the response."""
+        """Waits until the program stops or exits. A killed program exits after the response."""
         with self.changed:
             self.changed.wait_for(
                 lambda: self.state in ENDED if is_killed else self.state not in RUNNING, seconds
@@ -427,7 +390,7 @@ class Console:
             return "The program is running. Ctrl-C or interrupt stops it, wait waits for its stop."
         return {
             None: "There is no program. launch PROGRAM starts one. attach PID attaches to one.",
-            "eStateExited": f"The program has ended with status {self.ending}. run starts it again.",
+            "eStateExited": f"The program ended with status {self.ending}. run starts it again.",
             "eStateDetached": "The program runs without this debugger. attach PID attaches again.",
         }.get(self.state)
 
@@ -442,7 +405,7 @@ class Console:
             return int(text, 0)
         except ValueError:
             self.need_a_stop()
-        # Without debug information LLDB's expressions do not know a symbol, but its symbol table does.
+        # Without debug information LLDB's expressions know no symbol, but its symbol table does.
         for place in (text, re.sub(r"(?<![$\w])[A-Za-z_]\w*", self.symbol, text)):
             line = f'memory read --size 1 --count 1 --format x -- "{place}"'
             if found := self.search(r"^(0x\w+):", line):
@@ -484,9 +447,10 @@ class Console:
                 arguments[name] = self.number(text) if kind == "integer" else text
         return arguments
 
-    def do_launch(self, words):
-        """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at its
-        entry. A name without a folder is searched in this folder, then in PATH."""
+    def do_launch(self, rest):
+        """launch PROGRAM [ARGUMENTS...]: ends the current program, and starts this one, stopped at
+        its entry. A name without a folder is searched in this folder, then in PATH."""
+        words = shlex.split(rest)
         if not words:
             raise Mistake("There is no program to start. launch PROGRAM [ARGUMENTS...] names one.")
         path = words[0]
@@ -494,9 +458,9 @@ class Console:
             path = shutil.which(path) or path
         path = os.path.abspath(path)
         for word in words[1:]:
-            if word in ("<", ">", ">>", "2>", "|") or not word or re.search(r'["\\]', word):
+            if re.fullmatch(r'[<>|]|>>|2>|.*["\\].*|', word):
                 raise Mistake(
-                    f"«{word}» cannot be passed: no redirections, quotes, backslashes or empty words"
+                    f"«{word}» cannot be passed, nor can quotes, backslashes, empty words"
                 )
         is_again = self.program[:1] == [path] and self.state is not None
         self.say_what_is_lost("watchpoint" if is_again else "(watch|break)point")
@@ -531,17 +495,18 @@ class Console:
                 self.show(f"* the {kind}s of the program before are gone", YELLOW)
         self.output_of("watchpoint delete --force")
 
-    def do_run(self, words):
-        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these, and goes
-        on to the first breakpoint or to the end. Breakpoints stay."""
-        if (self.is_fresh and not words) or self.do_starti(words):
+    def do_run(self, rest):
+        """run [ARGUMENTS...]: starts the program again, with the same arguments or with these, and
+        goes on to the first breakpoint or to the end. Breakpoints stay."""
+        if (self.is_fresh and not rest) or self.do_starti(rest):
             self.perform("continueExecution")
 
-    def do_starti(self, words):
-        return self.do_launch(self.program[:1] + (words or self.program[1:]))
+    def do_starti(self, rest):
+        arguments = rest or shlex.join(self.program[1:])
+        return self.do_launch(f"{shlex.join(self.program[:1])} {arguments}")
 
-    def do_start(self, words):
-        if (self.is_fresh and not words) or self.do_starti(words):
+    def do_start(self, rest):
+        if (self.is_fresh and not rest) or self.do_starti(rest):
             name = shlex.quote(self.program[0])
             line = f"breakpoint set --one-shot true --name main --shlib {name}"
             if self.search(r"^Breakpoint (\d+): (?!no locations)", line):
@@ -549,237 +514,157 @@ class Console:
             else:
                 self.show("* no main is known: the program stands at its entry", YELLOW)
 
-    def do_attach(self, words):
-        if len(words) != 1 or not words[0].isdigit():
+    def do_attach(self, rest):
+        if not rest.isdigit():
             raise Mistake(self.usage())
         if self.state in ENDED and self.state:
             self.say_what_is_lost("")
             self.ask("deleteProcess")
-        if self.perform("attachToProcess", pid=int(words[0])):
+        if self.perform("attachToProcess", pid=int(rest)):
             self.program = []
 
     def do_wait(self, _):
-        self.catch_up()
         self.await_stop()
 
-    def do_break(self, words):
-        """b: lists the breakpoints. b PLACE [if CONDITION]: sets one, tbreak PLACE one for one stop.
-        PLACE is a FUNCTION, FILE:LINE, LINE of the current file, *ADDRESS or 0xADDRESS, or +N for N
-        bytes after the program counter."""
-        self.catch_up()
+    def do_break(self, rest):
+        """b: lists the breakpoints. b PLACE [if CONDITION]: sets one, tbreak PLACE one for one
+        stop. PLACE is a FUNCTION, FILE:LINE, LINE of the current file, *ADDRESS or 0xADDRESS, or +N
+        for N bytes after the program counter."""
         if self.state is None:
             self.need_a_stop()
-        place, condition = words, []
-        if "if" in words:
-            at = words.index("if")
-            place, condition = words[:at], words[at + 1 :]
-            if not (place and condition):
-                raise Mistake(self.usage())
-        if len(place) > 1 and not re.search(r"[-+*]", "".join(place[1:])):
-            raise Mistake(f"b does not take «{place[1]}» after «{place[0]}»; see help b")
-        place = "".join(place)
-        # *main is the first instruction, main is past the prologue.
-        is_exact = place.startswith("*")
-        place = place.lstrip("*")
-        if not place:
+        if not rest:
             return self.lldb("breakpoint list")
+        place, *condition = re.split(r"\s+if\b\s*", rest, maxsplit=1)
+        place = place.replace('"', "")
+        # *main is the first instruction, main is past the prologue.
         if found := re.fullmatch(r"(.*[^:]):(\d+)", place):
             line = f"--file {shlex.quote(found[1])} --line {found[2]}"
-        elif not is_exact and re.fullmatch(r"[1-9]\d*", place):
+        elif re.fullmatch(r"[1-9]\d*", place):
             line = f"--line {place}"
-        elif not is_exact and re.match(r"[A-Za-z_~]", place) and not re.search(r"[-+*]", place):
+        elif re.fullmatch(r"[A-Za-z_~]([^-+*\s]|\(.*\))*", place):
             line = f"--name {shlex.quote(place)}"
         else:
-            place = re.sub(r"^(?=[-+])", "$pc", place)
-            line = f"--address {self.number(place)}"
+            line = f"--address {self.number(re.sub(r'^(?=[-+])', '$pc', place.lstrip('*')))}"
+        if condition == [""]:
+            raise Mistake(self.usage())
         if condition:
-            line += f" --condition {shlex.quote(' '.join(condition))}"
+            line += f" --condition {shlex.quote(condition[0])}"
         return self.lldb(f"{self.row.line} {line}")
 
-    def do_condition(self, words):
-        """condition N [EXPRESSION]: breakpoint N stops only if it is true, or always.
-        ignore N COUNT: breakpoint N does not stop the next COUNT times."""
-        if not words or not words[0].isdigit():
-            raise Mistake(self.usage())
-        self.lldb(f"{self.row.line} {shlex.quote(' '.join(words[1:]))} {words[0]}")
+    def do_watch(self, rest):
+        """watch VARIABLE, watch *ADDRESS: stops when the program writes to it."""
+        if rest.startswith("*"):
+            return self.lldb(f"watchpoint set expression -- {self.number(rest[1:])}")
+        return self.lldb(f"watchpoint set variable {rest}")
 
-    def do_watch(self, words):
-        """watch VARIABLE, watch *ADDRESS: stops when the program writes to it. rwatch stops when it
-        reads it, awatch at both."""
-        self.need_a_stop()
-        if len(words) != 1:
-            raise Mistake(self.usage())
-        options = self.row.line.removeprefix("watchpoint set")
-        if words[0].startswith("*"):
-            self.lldb(f"watchpoint set expression{options} -- {self.number(words[0][1:])}")
-        else:
-            self.lldb(f"watchpoint set variable{options} {words[0]}")
+    do_tbreak = do_break
 
-    do_tbreak, do_ignore, do_rwatch, do_awatch = do_break, do_condition, do_watch, do_watch
-
-    def do_context(self, words):
+    def do_context(self, rest):
         """context: shows registers, instructions, source and stack. context on: so does each stop.
         context off: a stop shows the source line and the next instruction."""
-        if words not in ([], ["on"], ["off"]):
+        if rest in ("on", "off"):
+            self.has_context = rest == "on"
+        elif rest:
             raise Mistake(self.usage())
-        was_on = self.has_context
-        self.has_context = words != ["off"]
-        lines, place = (3, "no-debuginfo") if self.has_context else (1, "always")
-        self.ask("executeCommand", cli=f"settings set stop-line-count-before {lines}")
-        self.ask("executeCommand", cli=f"settings set stop-line-count-after {lines}")
-        self.ask("executeCommand", cli=f"settings set stop-disassembly-display {place}")
-        if not words:
+        else:
             self.need_a_stop()
-            self.show(self.surroundings())
-            self.do_context(["on" if was_on else "off"])
+            self.show(self.surroundings(True))
 
-    def do_display(self, words):
+    def do_code(self, rest):
+        """code [ADDRESS]: shows instructions around the program counter, or from an address on."""
+        if rest:
+            return self.lldb(f"disassemble --count 16 --start-address {self.number(rest)}")
         self.need_a_stop()
-        if not words:
-            raise Mistake(self.usage())
-        expression = " ".join(words)
-        if self.lldb(f"expression -- {expression}"):
-            self.displays.append(expression)
-
-    def do_undisplay(self, _):
-        self.displays.clear()
-
-    def do_code(self, words):
-        """code [ADDRESS]: shows the instructions around the program counter, or from an address on."""
-        self.need_a_stop()
-        if words:
-            place = self.number("".join(words))
-            return self.lldb(f"disassemble --count 16 --start-address {place}")
         self.show(self.with_arrow(self.instructions(8, 8)))
 
-    def do_disassemble(self, words):
+    def do_disassemble(self, rest):
         """disas [FUNCTION or ADDRESS]: shows the instructions of a whole function."""
-        self.need_a_stop()
-        place = "".join(words)
-        if re.fullmatch(r"[A-Za-z_~][\w:~]*", place):
-            return self.lldb(f"disassemble --force --name {place}")
-        return self.do_code(words) if words else self.lldb("disassemble --force --frame")
+        if re.fullmatch(r"[A-Za-z_~][\w:~]*", rest):
+            return self.lldb(f"disassemble --force --name {rest}")
+        return self.do_code(rest) if rest else self.lldb("disassemble --force --frame")
 
-    def do_x(self, words):
-        """x [ADDRESS [LENGTH]]: shows LENGTH bytes of memory (default: 64). x alone continues after
-        them. x/4gx ADDRESS: shows four giant words in hexadecimal, and so on."""
-        self.need_a_stop()
-        if len(words) > 2 or (not words and self.next_address is None):
-            raise Mistake("x ADDRESS [LENGTH], the address without spaces")
-        start = self.number(words[0]) if words else self.next_address
-        length = self.number(words[1]) if len(words) > 1 else 64
-        response = self.ask("readMemory", address=start, length=length)
-        if "message" in response:
-            raise Mistake(f"{response['message']} at {address(start)}")
-        self.next_address = start + length
-        self.show(bytes_table(start, response["memory"]))
+    def do_x(self, rest):
+        """x [ADDRESS]: shows 64 bytes of memory, or those after the last ones. x/4gx ADDRESS: shows
+        four giant words in hexadecimal, and so on."""
+        return self.lldb(f"memory read --count 64 {self.number(rest) if rest else ''}")
 
-    def do_regs(self, words):
-        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks those that
-        the last step has changed."""
+    def do_regs(self, rest):
+        """regs: shows general registers. regs NAME...: these. regs all: all. A star marks those
+        that the last step has changed."""
+        if rest:
+            return self.lldb("register read " + ("--all" if rest == "all" else rest))
         self.need_a_stop()
-        values = self.ask("getRegisters")["registers"]
-        general = self.general_registers(values)
-        rest = [name for name in values if name not in general]
-        rest.sort(key=lambda name: re.sub(r"\d+", lambda digits: digits[0].zfill(3), name))
-        generic = {"pc": "rip", "sp": "rsp", "fp": "rbp"} if "rip" in values else {}
-        names = [word.lstrip("$") for word in words]
-        names = [generic.get(name, name) for name in names]
-        if words == ["all"]:
-            names = general + rest
-        for name in names:
-            if name not in values:
-                raise Mistake(f"there is no register «{name}»; regs all shows all registers")
-        # self.registers has those of the innermost frame, which may not be the selected one.
-        changed = self.changed_registers(values, self.registers_before)
-        changed = {name for name in changed if values[name] == self.registers.get(name)}
-        self.show(self.cells(values, names or general or rest, changed))
+        self.show(self.general_registers(self.ask("getRegisters")["registers"]))
 
     def general_registers(self, values):
-        for counter, names in GENERAL_REGISTERS.items():
-            if counter in values:
-                return [name for name in names.split() if name in values]
-        return []
-
-    def changed_registers(self, values, before):
-        return {name for name in values if name in before and before[name] != values[name]}
-
-    def cells(self, values, names, changed):
-        """The registers in as many columns as the terminal has room for."""
+        """These registers, in as many columns as the terminal has room for."""
+        names = X86_REGISTERS if "rip" in values else ARM_REGISTERS
+        names = [name for name in names if name in values] or list(values)
+        # self.registers has those of the innermost frame, which may not be the selected one.
+        now, before = self.registers, self.registers_before
+        changed = {name for name in names if values[name] == now.get(name) != before.get(name)}
+        changed &= before.keys()
         # Some texts also have the place that the register points to.
         values = {name: re.sub(r"(?<=\w) .*", "", values[name]) for name in names}
-        name_width, width = max(map(len, names)), max(map(len, values.values()))
-        columns = max(1, shutil.get_terminal_size().columns // (name_width + width + 3))
-        lines = [""]
-        for at, name in enumerate(names):
-            cell = f"{'*' if name in changed else ' '}{name:>{name_width}} {values[name]:<{width}} "
-            lines[-1] += self.screen.colour(YELLOW * (name in changed), cell)
-            if at % columns == columns - 1:
-                lines.append("")
-        return "\n".join(line.rstrip() for line in lines).rstrip()
+        width = max(map(len, values.values()), default=0)
+        cells = []
+        for name in names:
+            cell = f"{'*' if name in changed else ' '}{name:>6} {values[name]:<{width}} "
+            cells.append(self.screen.colour(YELLOW * (name in changed), cell))
+        columns = max(1, shutil.get_terminal_size().columns // (width + 9))
+        rows = [cells[at : at + columns] for at in range(0, len(cells), columns)]
+        return "\n".join("".join(row).rstrip() for row in rows)
 
-    def do_info(self, words):
+    def do_info(self, rest):
         """info SUBJECT: the beginning of a subject's name is enough. help lists the subjects."""
-        found = [name for name in INFO if words and name.startswith(words[0])]
+        subject, _, rest = rest.partition(" ")
+        found = [name for name in INFO if subject and name.startswith(subject)]
         if not found:
             raise Mistake(f"info knows {', '.join(INFO)}")
         if found[0] == "registers":
-            return self.do_regs(words[1:])
-        if found[0] not in ("breakpoints", "watchpoints", "signals"):
-            self.need_a_stop()
-        self.catch_up()
-        return self.lldb(" ".join([INFO[found[0]], *words[1:]]))
+            return self.do_regs(rest)
+        return self.lldb(f"{INFO[found[0]]} {rest}")
 
-    def do_set(self, words):
-        """set VARIABLE=VALUE, set $REGISTER=VALUE: writes it. set args [ARGUMENTS...]: for the next run.
-        set disassembly-flavor intel, set follow-fork-mode child: as gdb's."""
-        if words[:1] == ["args"]:
-            self.program[1:] = words[1:]
+    def do_set(self, rest):
+        """set VARIABLE=VALUE, set $REGISTER=VALUE: writes it. set args [ARGUMENTS...]: for the next
+        run. set disassembly-flavor intel, set follow-fork-mode child: as gdb's."""
+        name, _, value = rest.partition(" ")
+        if name == "args":
+            self.program[1:] = shlex.split(value)
             self.is_fresh = False
-        elif words and words[0] in SETTINGS:
-            if len(words) != 2:
-                raise Mistake(f"set {words[0]} VALUE")
-            for scope in ("--global ", ""):  # of later programs, and of this one
-                self.lldb(f"settings set {scope}{SETTINGS[words[0]]} {words[1]}")
+        elif name in SETTINGS:
+            for scope in ("--global", ""):  # of later programs, and of this one
+                self.lldb(f"settings set {scope} {SETTINGS[name]} {value}")
         else:
-            self.need_a_stop()
-            self.lldb("expression -- " + " ".join(words[words[:1] in (["var"], ["variable"]) :]))
+            self.lldb("expression -- " + re.sub(r"^var(iable)? ", "", rest))
 
-    def do_intel(self, words):
-        self.do_set(["disassembly-flavor", "att" if words == ["off"] else "intel"])
+    def do_raw(self, rest):
+        self.raw = rest != "off"
 
-    def do_raw(self, words):
-        self.raw = words != ["off"]
-
-    def do_help(self, words):
+    def do_help(self, rest):
         """help [COMMAND]: lists the commands, or explains one."""
-        if not words:
+        requests = self.schema["requests"]
+        if not rest:
             rows = [("gdb's word", "LLDB's", "")]
             for row in dict.fromkeys(WORDS.values()):
                 rows.append((", ".join(row.names) + " " + row.takes, row.line, row.about))
-            return self.show(table(rows) + "\n\n" + NOTES.format(info=", ".join(INFO)))
-        if words == ["protocol"]:
-            names = self.schema["requests"]
-            return self.show("\n".join(" ".join([name, *self.arguments(name)]) for name in names))
-        row = WORDS.get(words[0])
-        command = PROTOCOL.get(row.names[0]) if row else words[0]
-        if row:
+            self.show(table(rows) + "\n\n" + NOTES.format(info=", ".join(INFO)))
+        elif rest == "protocol":
+            self.show("\n".join(" ".join([name, *self.arguments(name)]) for name in requests))
+        elif row := WORDS.get(rest):
             own = getattr(self, f"do_{row.names[0]}", None)
             text = own and own.__doc__ or f"{', '.join(row.names)} {row.takes}: {row.about}"
             self.show(re.sub(r"\n +", "\n", text))
             self.show(row.line and f"LLDB's word is «{row.line}»; !help {row.line} explains it.")
-            if not command:
-                return None
-        elif command not in self.schema["requests"]:
-            return self.lldb_word("help " + " ".join(words), words[0])
-        rows = []
-        for name, schema in self.arguments(command).items():
-            kind = schema.get("type", "integer")
-            rows.append((f"  {name}", kind, schema.get("description", "")))
-        errors = " · ".join(error_texts(self.schema["responses"][command]))
-        head = f"{command}: {self.schema['requests'][command]['description']}"
-        parts = [head, rows and table(rows), errors and "Errors: " + errors]
-        return self.show("\n".join(filter(None, parts)))
+        elif rest in requests:
+            self.show(f"{rest}: {requests[rest]['description']}")
+            rows = []
+            for name, schema in self.arguments(rest).items():
+                kind = schema.get("type", "integer")
+                rows.append((f"  {name}", kind, schema.get("description", "")))
+            self.show(rows and table(rows))
+        else:
+            self.lldb_word(f"help {rest}", rest.split()[0])
 
     def obey(self, line):
         """Carries out one line. Returns whether to continue."""
@@ -789,7 +674,7 @@ class Console:
         self.is_in_background = line.endswith(" &")
         line = line.removesuffix(" &")
         if line.startswith("!"):
-            self.lldb(line[1:].strip())
+            self.perform("executeCommand", cli=line[1:].strip())
         elif line.startswith("<"):
             data = list(os.fsencode(line[1:].lstrip() + "\n"))
             self.perform("sendToApplication", data=data)
@@ -799,49 +684,36 @@ class Console:
             word, _, rest = line.partition(" ")
             self.obey_word(word, rest.strip(), line)
             if word in REPEATED:
-                self.last_line = "x" if word == "x" else line  # x continues after the last bytes
+                self.last_line = "x" if word == "x" else line  # x goes on after the last bytes
         return True
 
     def obey_word(self, word, rest, line):
         self.row = row = WORDS.get(word)
-        command = PROTOCOL.get(row.names[0]) if row else word
+        name = row.names[0] if row else word
+        command = PROTOCOL.get(name, name)
         if re.match(r"(x|p|print|po)/", word):  # LLDB has gdb's formats
-            self.need_a_stop()
             self.lldb(line.replace("print/", "p/", 1))
-        elif row and rest and row.names[0] in ("step", "next", "stepi", "nexti", "continue"):
+        elif rest and name in ("step", "next", "stepi", "nexti", "continue"):
             self.repeat(row, rest)
-        elif row and hasattr(self, f"do_{row.names[0]}"):
-            getattr(self, f"do_{row.names[0]}")(self.split(row, rest))
-        elif row and row.names[0] in ("frame", "thread") and not re.fullmatch(r"\d+", rest):
-            self.lldb(f"{row.names[0]} {rest or 'info'}")
+        elif row and hasattr(self, f"do_{name}"):
+            getattr(self, f"do_{name}")(rest)
+        elif name in ("frame", "thread") and not rest.isdigit():
+            self.lldb(f"{name} {rest or 'info'}")
         elif command in self.schema["requests"]:
             if row and command == "continueExecution":
                 # A step that a breakpoint has cut short would go on, and stop at its end.
                 self.output_of("thread plan discard 1")
             self.perform(command, **self.arguments_of(command, shlex.split(rest)))
         elif row:
-            if not row.line.startswith(("breakpoint", "image", "watchpoint")):
-                self.need_a_stop()
             line = row.line.removesuffix(" --all") if rest else row.line
             self.lldb(f"{line} {rest}".strip())
         else:
             self.lldb_word(line, word)
 
-    def split(self, row, rest):
-        """The words of an own command. Quotes in an expression stay."""
-        if row.names[0] in ("set", "display", "condition"):
-            return rest.split()
-        if row.names[0] in ("break", "tbreak"):
-            place, condition = (re.split(r"\bif\b", rest, maxsplit=1) + [""])[:2]
-            has_condition = place != rest
-            return shlex.split(place) + ["if"] * has_condition + condition.split()
-        return shlex.split(rest)
-
     def repeat(self, row, count):
         """Steps that many times, or continues past the breakpoint that many times, as gdb does."""
         if not re.fullmatch(r"[1-9]\d*", count):
             raise Mistake(f"{row.names[0]} takes a count, not «{count}»")
-        self.need_a_stop()
         if row.names[0] == "continue":
             self.lldb(f"{row.line} --ignore-count {int(count) - 1}")
             return
@@ -854,6 +726,11 @@ class Console:
 
     def lldb_word(self, line, word):
         """Carries out a line with one of LLDB's own words."""
+        if word in (
+            "display",
+            "undisplay",
+        ):  # these add a stop hook, whose output does not come here
+            raise Mistake("stops do not show values here; p EXPRESSION shows one")
         if not self.ask("executeCommand", cli=f"help {word}").get("succeeded"):
             near = difflib.get_close_matches(word, self.words(), 1)
             advice = f"{near[0]}?" if near else "help lists them"
@@ -886,7 +763,7 @@ class Console:
 
     def run(self, program):
         """Launches the program, if there is one, and carries out the lines."""
-        goes_on = self.attempt(self.do_launch, program) if program else True
+        goes_on = self.attempt(self.do_launch, shlex.join(program)) if program else True
         while goes_on:
             try:
                 line = self.next_line()
@@ -906,9 +783,7 @@ class Console:
         except (Mistake, ValueError) as mistake:  # shlex raises ValueError for a missing quote
             self.show(str(mistake), RED)
             self.has_failed = True
-        if self.has_failed:
-            return self.is_terminal
-        return goes_on
+        return self.is_terminal if self.has_failed else goes_on
 
     def complete(self, text, index):
         if index == 0:
@@ -925,10 +800,6 @@ class Console:
         word, space, _ = line.lstrip().partition(" ")
         if not space or word == "help":
             return [command + " " for command in self.words() if command.startswith(text)]
-        if word == "regs" or text.startswith("$"):
-            mark = "$" if text.startswith("$") else ""
-            names = sorted(self.registers)
-            return [mark + name + " " for name in names if name.startswith(text.lstrip("$"))]
         if word in ("b", "break", "tbreak", "x", "code", "disas", "p", "print"):
             return self.completions(f"breakpoint set --name {text}", "") if text else []
         names = [name + "=" for name in self.arguments(word) if name.startswith(text)]
@@ -954,8 +825,8 @@ class Console:
         readline.set_completer_delims(" ")
         readline.set_completer(self.complete)
         readline.parse_and_bind("tab: complete")
-        # Python's readline misses a signal that arrives between its handling of a key and its wait for
-        # the next. Another signal, a moment later, makes it handle both.
+        # Python's readline misses a signal that arrives between its handling of a key and its wait
+        # for the next. Another signal, a moment later, makes it handle both.
         signal.signal(signal.SIGUSR1, lambda *_: None)
         arrived, wakeup = os.pipe()
         os.set_blocking(wakeup, False)
@@ -981,17 +852,11 @@ def main():
     if console.is_terminal:
         console.use_readline()
     try:
-        for setting in (
-            f'thread-format "{WHERE}"',
-            "use-color false",
-            "stop-show-column none",
-            "stop-disassembly-count 1",
-        ):
+        for setting in (f'thread-format "{WHERE}"', "use-color false", "stop-show-column none"):
             console.ask("executeCommand", cli=f"settings set {setting}")
-        console.do_context(["on" if console.is_terminal else "off"])
+        console.has_context = console.is_terminal
         if console.is_terminal and not options.program:
-            console.show("launch PROGRAM starts a program, attach PID debugs a running one.")
-            console.show("help lists the rest.")
+            console.show("launch PROGRAM or attach PID comes first. help lists all words.")
         return console.run(options.program)
     except (EOFError, BrokenPipeError):
         sys.exit("console.py: lldb-helper has ended, or nobody reads this output any more")

@@ -49,7 +49,7 @@ def test_a_recorded_session_replays_and_shows_what_differs(recorder):
     with open(file, "w") as recording:
         recording.write(changed.replace('"id": 8, "status": "ok"', '"id": 8, "status": "error"'))
     status, shown = replay(file)
-    assert (status, shown.splitlines()[-1]) == (1, "8 requests, 2 differences"), shown
+    assert (status, shown.splitlines()[-1]) == (1, "8 requests, 3 differences"), shown
 
 
 def test_a_replay_puts_new_addresses_and_ids_into_requests(recorder):
