@@ -76,8 +76,9 @@ std::optional<std::string> MessageChannel::readFrame() {
     LOG_RECORD("Refusing a message of %u bytes\n", length);
     return std::nullopt;
   }
-  // Not initialised, so that a length without a payload takes no memory.
-  const auto buffer = std::make_unique_for_overwrite<char[]>(std::size_t{length} + 1);
+  // Not initialised, so that a length without a payload takes no memory. libc++ has
+  // std::make_unique_for_overwrite since version 16 only.
+  const std::unique_ptr<char[]> buffer(new char[std::size_t{length} + 1]);
   if (!readAll(buffer.get(), length)) return std::nullopt;
   buffer[length] = '\0';
   return std::string(buffer.get());

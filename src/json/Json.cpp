@@ -7,7 +7,10 @@
 #include <limits>
 #include <mutex>
 #include <new>
+#include <numeric>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "json/JsonValue.h"
 #include "json/JsonWriter.h"
@@ -243,13 +246,22 @@ Json::object::object(std::vector<value_type> unsorted) : members(std::move(unsor
     return a.first >= b.first;
   };
   if (std::adjacent_find(members.begin(), members.end(), notBefore) == members.end()) return;
-  std::stable_sort(members.begin(), members.end(),
-                   [](const value_type &a, const value_type &b) { return a.first < b.first; });
-  // Goes from the back, because unique() keeps the first of equal members, and the last one must
-  // stay.
-  const auto sameKey = [](const value_type &a, const value_type &b) { return a.first == b.first; };
-  const auto kept = std::unique(members.rbegin(), members.rend(), sameKey);
-  members.erase(members.begin(), kept.base());
+  // Not std::stable_sort, for which clang 19 reports a deprecated function in GCC 12's headers.
+  std::vector<std::size_t> order(members.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::sort(order.begin(), order.end(), [this](std::size_t a, std::size_t b) {
+    return std::tie(members[a].first, a) < std::tie(members[b].first, b);
+  });
+  std::vector<value_type> sorted;
+  sorted.reserve(members.size());
+  for (const std::size_t index : order) {
+    value_type &member = members[index];
+    if (!sorted.empty() && sorted.back().first == member.first)
+      sorted.back() = std::move(member);  // the last one of equal keys stays
+    else
+      sorted.push_back(std::move(member));
+  }
+  members = std::move(sorted);
 }
 
 Json &Json::object::operator[](std::string_view key) {
