@@ -42,18 +42,12 @@ def host(request, isolation):
 
     A test that has waited for the helper's end has judged it itself.
     """
+    failed_before = request.session.testsfailed
     host = Host()
     yield host
-    outcome = getattr(request.node, "outcome_of_call", None)
-    if outcome and outcome.passed and host.child.returncode is None:
+    has_passed = request.session.testsfailed == failed_before
+    if has_passed and host.child.returncode is None:
         host.end()
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    if call.when == "call":
-        item.outcome_of_call = outcome.get_result()
 
 
 def pytest_runtest_setup(item):
@@ -75,17 +69,6 @@ def pytest_collect_file(file_path, parent):
     return None
 
 
-def pytest_collection_modifyitems(config, items):
-    """Slow tests start first, one on each processor.
-
-    pytest-xdist gives each of its N workers a first batch of a 4N-th of all tests, so slow tests
-    must not lie next to each other.
-    """
-    slow = [item for item in items if item.get_closest_marker("slow")]
-    quick = [item for item in items if not item.get_closest_marker("slow")]
-    workers = getattr(config, "workerinput", {}).get("workercount", 1)
-    batch = max(len(items) // (4 * workers), 2)
-    places = [number % workers * batch + number // workers for number in range(len(slow))]
-    items[:] = quick
-    for place, item in sorted(zip(places, slow), key=lambda pair: pair[0]):
-        items.insert(place, item)
+def pytest_collection_modifyitems(items):
+    """Slow tests start first. script/run-tests has pytest-xdist hand out one test after the other."""
+    items.sort(key=lambda item: item.get_closest_marker("slow") is None)

@@ -86,7 +86,7 @@ def script(lines):
 @pytest.mark.parametrize("typed_and_shown", SCRIPTS.values(), ids=SCRIPTS)
 def test_a_script(typed_and_shown):
     lines = "\n".join(typed for typed, _ in typed_and_shown if typed != "launch")
-    helper = helper_with(machine.shim())
+    helper = helper_with(linux.shim())
     output, status = run([*CONSOLE, helper], script(lines), SLOW_EVENTS="10")
     show_in_turn(output, typed_and_shown)
     assert status == 0, output

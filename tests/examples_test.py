@@ -86,7 +86,7 @@ def test_an_example_shows_a_session_and_leaves_nothing(host, pattern):
 @pytest.mark.linux("LD_PRELOAD; on macOS file names are always UTF-8")
 @pytest.mark.parametrize("host, pattern", hosts())
 def test_an_example_shows_a_file_name_that_is_not_utf_8(host, pattern):
-    plugin = machine.preload(inferior("libplugin.so"), "b\udcff.so")
+    plugin = linux.preload(inferior("libplugin.so"), "b\udcff.so")
     child = start([*host, helper_with(plugin), SAMPLE])
     output = child.communicate(timeout=DEADLINE)[0]
     assert child.returncode == 0, output

@@ -139,7 +139,7 @@ def test_memory_is_what_the_kernel_shows(host):
 
 def peak_memory(host):
     """Of the helper, in KiB."""
-    return machine.status_figure(host.pid, "VmHWM")
+    return linux.status_figure(host.pid, "VmHWM")
 
 
 @pytest.mark.linux("the kernel shows the program's memory in /proc")
@@ -278,7 +278,7 @@ def test_a_library_comes_and_goes(host):
     loaded = [module for report in reports for module in report["modules"]]
     plugin = [module for module in loaded if module["file"] == "libplugin.so"][-1]
     assert os.path.join(plugin["directory"], plugin["file"]) == library
-    assert plugin["slide"] == machine.image_base(host.inferior_pid(), library)
+    assert plugin["slide"] == linux.image_base(host.inferior_pid(), library)
     assert plugin["loadAddress"] - plugin["fileAddress"] == plugin["slide"]
     host.history.clear()
     host.run_to("done")

@@ -13,7 +13,7 @@ import pytest
 from harness import machine
 from harness.checking import OK, Host, error
 from harness.machine import Program, descendants, eventually, inferior, stat
-from harness.stub import Stub, remote
+from harness.stub import STOPPED, remote, stub
 
 CREATE_HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
 CREATE_WAIT = CREATE_HELLO | {"path": inferior("wait")}
@@ -105,7 +105,7 @@ def test_ending_right_after_a_step_is_quick_and_reports_the_exit(delays):
     thread selects the thread that was stepped never ends.
     """
     if delays:
-        host = Host(env=machine.shim(**delays))
+        host = Host(env=linux.shim(**delays))
     else:
         host = Host(prepare=use_one_processor)
     for end, exits in [("deleteProcess", 0), ("stopExecution", 1)] * 8:
@@ -122,7 +122,7 @@ def test_ending_right_after_a_step_is_quick_and_reports_the_exit(delays):
 @pytest.mark.linux("the shim")
 def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
     """The thread starts later than the helper waits for anything."""
-    host = Host(env=machine.shim(SLOW_START="3000"))
+    host = Host(env=linux.shim(SLOW_START="3000"))
     assert host.ask_all(CREATE_HELLO, "createProcess", "deleteProcess") == [OK] * 3
     host.end()
 
@@ -141,7 +141,7 @@ def test_a_running_program_is_attached_to_and_outlives_all_but_a_stop(host, exec
     answer = host.ok("attachToProcess", **attach)
     assert sorted(answer) == ["aslrSlide", "fileAddr", "loadAddr", "sectionName"]
     assert answer["sectionName"]
-    slide = machine.image_base(program.pid, inferior("wait"))
+    slide = linux.image_base(program.pid, inferior("wait"))
     assert answer["aslrSlide"] == slide
     assert answer["loadAddr"] - answer["fileAddr"] == slide
     assert stat(program.pid)[1] == "t", "it is not traced"
@@ -218,7 +218,7 @@ def test_ending_a_program_that_lldb_keeps_stopping_leaves_nothing(host, how, end
 
 @pytest.mark.linux("the shim")
 def test_a_late_stop_that_an_end_causes_is_not_reported():
-    host = Host(env=machine.shim(SLOW_EVENTS="60"))
+    host = Host(env=linux.shim(SLOW_EVENTS="60"))
     host.start_waiting()
     host.ok("stopExecution")
     host.state("eStateExited")
@@ -232,7 +232,7 @@ def test_a_late_stop_that_an_end_causes_is_not_reported():
 def test_a_kill_in_the_command_line_does_not_wait_for_a_stop_that_is_queued():
     """LLDB by itself waits 20 seconds for it, each time. A slow machine may bring the stop only after
     the helper has looked for it: that costs one round LLDB's 20 seconds, but not all three."""
-    host = Host(env=machine.shim(SLOW_EVENTS="200"))
+    host = Host(env=linux.shim(SLOW_EVENTS="200"))
     durations = []
     for _ in range(3):
         host.launch("steps")
@@ -310,8 +310,7 @@ REASONS = {
 
 @pytest.mark.parametrize("name, reason", REASONS.items(), ids=REASONS)
 def test_the_reason_that_a_debug_server_gives_is_the_state_of_the_thread(host, name, reason):
-    stub = Stub(c=f"T05thread:1;threads:1;{reason}")
-    host.ok("connectRemote", **stub.arguments())
+    host.ok("connectRemote", **stub(c=STOPPED + reason))
     host.state("eStateStopped")
     host.resume()
     assert host.ok("getThreadIDList") == {"threads": [{"state": name, "thread-id": 1}]}
@@ -320,8 +319,7 @@ def test_the_reason_that_a_debug_server_gives_is_the_state_of_the_thread(host, n
 @pytest.mark.parametrize("reason", ["fork;fork:p2.2;", "vfork;vfork:p2.2;", "vforkdone;"])
 def test_a_fork_that_a_debug_server_reports_is_no_stop(host, reason):
     """LLDB resumes by itself; the program ends at that."""
-    stops = iter([f"T05thread:1;threads:1;reason:{reason}", "W07"])
-    stub = Stub(c=lambda packet: next(stops))
-    host.ok("connectRemote", **stub.arguments())
+    stops = iter([f"{STOPPED}reason:{reason}", "W07"])
+    host.ok("connectRemote", **stub(c=lambda: next(stops)))
     host.state("eStateStopped")
     assert host.resume("eStateExited")["exit_status"] == 7

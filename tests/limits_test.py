@@ -65,7 +65,7 @@ def test_a_launch_that_runs_out_of_descriptors_at_any_step_fails_and_the_next_wo
 )
 def test_a_request_that_memory_does_not_suffice_for_is_refused(host):
     host.launch("wait")
-    limit = (machine.status_figure(host.pid, "VmSize") + 256 * 1024) * 1024
+    limit = (linux.status_figure(host.pid, "VmSize") + 256 * 1024) * 1024
     resource.prlimit(host.pid, resource.RLIMIT_AS, (limit, limit))
     # In a handler: it needs the memory for its answer.
     assert host.ask("readMemory", length=2147483647) == error("bad request: std::bad_alloc")
@@ -299,6 +299,6 @@ def test_a_connection_that_never_comes_about_is_cut(host, answer):
     assert host.run_session("hello")[1] == 3
     if not machine.SANITIZER:
         eventually(
-            lambda: machine.status_figure(host.pid, "VmRSS") < 300 << 10,
+            lambda: linux.status_figure(host.pid, "VmRSS") < 300 << 10,
             "its memory is given back",
         )

@@ -9,8 +9,7 @@ tests/sessions and docs/transcripts are such pages.
     <- ok count=5                       {"count": 5, "status": "ok"} for short
     <- error no process ×3              {"message": "no process", "status": "error"}, three times
     * {"exit_status": 3, …}             an event that comes before the next request
-    * eStateExited 3                    the same for short; also "* output", a JSON text, and
-                                        "* moduleLoaded FILE"
+    * eStateExited 3                    the same for short; also "* output", a JSON text
     => 1c 00 …  and  <= 19 00 …         the frames of the request and of the response before it
     $ launch steps one two              prepares and creates tests/inferiors/steps, up to its entry
     $ run to steps:leaf                 sets a breakpoint there, continues, and waits for the stop
@@ -23,8 +22,7 @@ tests/sessions and docs/transcripts are such pages.
 
 A block below a heading is a session with a helper of its own, which must end with status 0. State
 events must be exactly these, in this order. Output must be complete before an exit, in any pieces.
-The named modules must be loaded; others may. A line "Linux only: REASON" below a heading leaves its
-sessions out on other systems.
+The named modules must be loaded; others may.
 
 «inferiors», «PC», «PLAIN» (registers), «pid» and «port» have values. «steps:leaf» is the address of
 a function of the running program. «=name» matches a number or text and keeps it as «name».
@@ -61,23 +59,17 @@ class Block:
     line: int  # of the page, counted from 1: where `lines` begin
     lines: list
     is_session: bool
-    linux_only: str  # why, or empty
 
 
 def blocks(path):
     """The page in pieces."""
-    heading, linux_only, line = "", "", 1
-    for number, piece in enumerate(re.split(r"^```\n|^```$", machine.read(path), flags=re.M)):
+    heading, line = "", 1
+    for number, piece in enumerate(re.split(r"^```\n", machine.read(path), flags=re.M)):
         is_session = number % 2 == 1
         if not is_session:
-            for text in piece.splitlines():
-                if title := re.match(r"#+ (.*)", text):
-                    heading, linux_only = title[1], ""
-                if reason := re.match(r"Linux only: (.*)", text):
-                    linux_only = reason[1]
-        start = line + 1 if is_session else line  # the line after the fence
-        yield Block(heading, start, piece.splitlines(), is_session, linux_only)
-        line += piece.count("\n") + (1 if is_session else 0)
+            heading = ([heading] + re.findall(r"^#+ (.*)", piece, re.M))[-1]
+        yield Block(heading, line, piece.splitlines(), is_session)
+        line += piece.count("\n") + 1  # the line of the fence
 
 
 # --- From the short forms to the texts. ------------------------------------------------------------
@@ -115,8 +107,6 @@ def message_text(line):
     if kind == "output":
         output = ("output", f'"{json.loads(rest).encode().hex()}"')
         return as_object([output, ("status", '"event"'), ("type", '"stdout"')])
-    if kind == "moduleLoaded":
-        return f'{{"modules": [«…»"file": "{rest}"«…»], «…»"moduleLoaded"}}'
     return line
 
 
@@ -133,8 +123,7 @@ def states_of(events):
 
 
 def output_of(events):
-    pieces = [re.search(r'"output": "(\w*)"', event) for event in events]
-    return b"".join(bytes.fromhex(piece[1]) for piece in pieces if piece)
+    return bytes.fromhex("".join(re.findall(r'"output": "(\w*)"', "".join(events))))
 
 
 # --- A turn: some requests, and what follows them. -------------------------------------------------
@@ -143,8 +132,8 @@ def output_of(events):
 class Turn:
     """The lines of a page from a request to the line before the next one."""
 
-    def __init__(self, lines, line):
-        self.lines, self.line = lines, line  # of the page
+    def __init__(self, lines):
+        self.lines = lines
         self.requests = []
         for text in self.after("->", "!>"):
             is_list = re.fullmatch(r"\w+(, \w+)+", text)
@@ -152,7 +141,7 @@ class Turn:
         self.responses = [message_text(text) for text in self.after("<-")]
         self.events = [message_text(text) for text in self.after("*")]
         self.frames = self.after("=>", "<=")
-        self.is_proper = not any(text.startswith("!>") for text in lines)
+        self.is_proper = not self.after("!>")
         if len(self.requests) != len(self.responses):
             raise PageFailure(f"{len(self.requests)} requests, {len(self.responses)} responses")
 
@@ -164,6 +153,21 @@ class Turn:
                 text, times = re.fullmatch(r"\S+ (.*?)(?: ×(\d+))?", line).groups()
                 texts += [text] * int(times or 1)
         return texts
+
+
+def turns(lines):
+    """Cuts a session into turns. A turn that does not begin with a request is a line with "$"."""
+    turn = []
+    for line in lines:
+        if not re.match(r"(\$|[-!]>|<-|\*|=>|<=) ", line):
+            raise PageFailure(f"not understood: {line}")
+        is_request = line.startswith(("->", "!>"))
+        goes_on = is_request and turn and turn[-1].startswith(("->", "!>"))
+        if turn and (is_request and not goes_on or line.startswith("$")):
+            yield turn
+            turn = []
+        turn.append(line)
+    yield turn
 
 
 class Player:
@@ -205,14 +209,9 @@ class Player:
 
     def matches(self, wanted, came):
         """Whether a text is as the page has it. Keeps the values of «=name»."""
-        pattern = ""
-        for part in re.split("(«[^»]*»)", self.fill_in(wanted)):
-            if part.startswith("«="):
-                pattern += f'"?(?P<{part[2:-1]}>-?[0-9]+|(?<=")[^"]*)"?'
-            elif part.startswith("«"):
-                pattern += r"[\s\S]*"
-            else:
-                pattern += re.escape(part)
+        pattern = re.escape(self.fill_in(wanted))
+        pattern = re.sub("«=([^»]*)»", r'"?(?P<\1>-?[0-9]+|(?<=")[^"]*)"?', pattern)
+        pattern = re.sub("«[^»]*»", r"[\\s\\S]*", pattern)
         found = re.fullmatch(pattern, came)
         if found:
             self.names |= found.groupdict()
@@ -256,16 +255,16 @@ class Player:
 
     def compare(self, turn, requests, answers, problem):
         """Fails with a text that shows what was sent, what was expected, and what came."""
-        pairs = list(zip_longest(turn.responses, answers, fillvalue="(nothing)"))
-        frames = [hex_frame(text) for pair in zip(requests, answers) for text in pair]
-        pairs += zip(turn.frames, frames)
-        states = states_of(turn.events), states_of(self.pending)
-        pairs += zip_longest(*states, fillvalue="(nothing)")
         # What comes after an exit belongs to no run.
         exits = [at for at, event in enumerate(self.pending) if "eStateExited" in event]
         before_exit = self.pending[: exits[-1]] if exits else self.pending
-        outputs = output_of(turn.events), output_of(before_exit)
-        pairs.append(tuple(f"output {output!r}" for output in outputs))
+        frames = [hex_frame(text) for pair in zip(requests, answers) for text in pair]
+        pairs = [
+            *zip_longest(turn.responses, answers, fillvalue="(nothing)"),
+            *zip(turn.frames, frames),
+            *zip_longest(states_of(turn.events), states_of(self.pending), fillvalue="(nothing)"),
+            (f"output {output_of(turn.events)!r}", f"output {output_of(before_exit)!r}"),
+        ]
         shown, differs = [f"    -> {text}" for text in requests], bool(problem)
         for wanted, text in pairs:
             if self.matches(wanted, text):
@@ -276,58 +275,52 @@ class Player:
         if differs:
             raise PageFailure("\n".join([problem, *shown]).lstrip("\n"))
 
+    def take_lines(self, *lines):
+        self.take(Turn(lines))
+
     def instruct(self, line, events):
         """Does what a line asks for that begins with "$"."""
         name, _, rest = line.partition(" ")
-        if events and name != "continue":
-            raise PageFailure(f"events after {line}")
+        words = [self.fill_in(word) for word in shlex.split(rest)]
         if name == "continue":
-            self.take_lines(["-> continueExecution", "<- ok", "* eStateRunning", *events])
+            self.take_lines("-> continueExecution", "<- ok", "* eStateRunning", *events)
+        elif events:
+            raise PageFailure(f"events after {line}")
         elif name == "launch":
             program, _, arguments = rest.partition(" ")
-            preparation = {
-                "command": "prepareExecutable",
-                "path": machine.inferior(program),
-                "args": self.fill_in(arguments),
-            }
-            self.take_lines([f"-> {json.dumps(preparation, ensure_ascii=False)}", "<- ok"])
-            self.take_lines(["-> createProcess", "<- ok", "* eStateStopped"])
+            path = json.dumps(machine.inferior(program), ensure_ascii=False)
+            self.take_lines(
+                f"-> prepareExecutable path={path} args={json.dumps(arguments)}", "<- ok"
+            )
+            self.take_lines("-> createProcess", "<- ok", "* eStateStopped")
         elif name == "run":
-            place = rest.split()[-1]
-            breakpoint_there = f"-> setBreakpointAtVirtualAddress address=«{place}»"
-            self.take_lines([breakpoint_there, "<- ok bkpt_id=«id» bl0=«location»"])
-            self.take_lines(["-> continueExecution", "<- ok", "* eStateRunning", "* eStateStopped"])
+            breakpoint_there = f"-> setBreakpointAtVirtualAddress address=«{words[-1]}»"
+            self.take_lines(breakpoint_there, "<- ok bkpt_id=«id» bl0=«location»")
+            self.take_lines("-> continueExecution", "<- ok", "* eStateRunning", "* eStateStopped")
         elif name in ("lldb-server", "qemu-system-aarch64"):
             program = machine.LLDB_SERVER if name == "lldb-server" else shutil.which(name)
-            words = [self.fill_in(word).replace("«port»", "PORT") for word in shlex.split(rest)]
-            paths = [word for word in words if word.startswith("/")]
-            for what, is_there in [
-                (name, program),
-                *((path, os.path.exists(path)) for path in paths),
-            ]:
-                if not is_there:
-                    pytest.skip(f"there is no {what}")
-            _, self.names["port"] = machine.server(program, *words)
+            for path in (program, *words):
+                if not path or path.startswith("/") and not os.path.exists(path):
+                    pytest.skip(f"there is no {path or name}")
+            self.names["port"] = machine.server(
+                program, *(word.replace("«port»", "PORT") for word in words)
+            )
         else:
-            words = [self.fill_in(word) for word in shlex.split(line)]
-            self.names["pid"] = machine.Program(*words).pid
-
-    def take_lines(self, lines):
-        return self.take(Turn(lines, 0))
+            self.names["pid"] = machine.Program(self.fill_in(name), *words).pid
 
     def play(self, lines, first_line=1):
         """Yields each turn's lines, its requests, and the messages that came."""
-        for at, turn_lines in turns(lines):
+        line = first_line
+        for turn in turns(lines):
             try:
-                if turn_lines[0].startswith("$ "):
-                    self.instruct(turn_lines[0][2:], turn_lines[1:])
-                    yield turn_lines, [], []
+                if turn[0].startswith("$ "):
+                    self.instruct(turn[0][2:], turn[1:])
+                    yield turn, [], []
                 else:
-                    yield turn_lines, *self.take(Turn(turn_lines, first_line + at))
+                    yield turn, *self.take(Turn(turn))
             except (AssertionError, EOFError) as failure:
-                raise PageFailure(
-                    f"line {first_line + at}: {turn_lines[0]}\n{failure}"
-                ) from failure
+                raise PageFailure(f"line {line}: {turn[0]}\n{failure}") from failure
+            line += len(turn)
 
     def finish(self):
         """Ends the session. No further state may have come."""
@@ -342,39 +335,21 @@ class Player:
             raise PageFailure(f"more has come than the page has: {states_of(more)}")
 
 
-def turns(lines):
-    """Cuts a session into turns: (index of the first line, lines)."""
-    turn, start = [], 0
-    for at, line in enumerate(lines):
-        sign = line.split(" ")[0]
-        if sign not in ("$", "->", "!>", "<-", "*", "=>", "<="):
-            raise PageFailure(f"not understood: {line}")
-        is_request = sign in ("->", "!>")
-        begins = sign == "$" or is_request and not (turn and turn[-1].startswith(("->", "!>")))
-        if begins and turn:
-            yield start, turn
-        if begins:
-            turn, start = [], at
-        turn.append(line)
-    if turn:
-        yield start, turn
-
-
 def play_console(lines):
     """Runs a console with the typed lines of a block. Returns the block as it should look.
 
     Messages end without a line end; each begins a line on the page.
     """
     typed = [line for line in lines if line.startswith("> ")]
-    data = "".join(line[2:] + "\n" for line in typed).encode()
     console = subprocess.run(
         [machine.HELPER, *lines[0].split()[2:]],
-        input=data,
+        input="".join(line[2:] + "\n" for line in typed),
         stdout=subprocess.PIPE,
+        encoding="utf-8",
         timeout=machine.DEADLINE,
         check=True,
     )
-    output = re.sub(r"(?<!\n)(INPUT|OUTPUT): ", r"\n\1: ", console.stdout.decode())
+    output = re.sub(r"(?<!\n)(INPUT|OUTPUT): ", r"\n\1: ", console.stdout)
     return [lines[0], *typed, *output.strip("\n").splitlines()]
 
 
@@ -395,27 +370,20 @@ def play_block(block):
 
 class PageFile(pytest.File):
     def collect(self):
-        sessions = {}
         for block in blocks(self.path):
             if block.is_session:
-                sessions.setdefault(block.heading, []).append(block)
-        for heading, of_heading in sessions.items():
-            item = PageItem.from_parent(self, name=heading, sessions=of_heading)
-            if of_heading[0].linux_only:
-                item.add_marker(pytest.mark.linux(of_heading[0].linux_only))
-            yield item
+                yield PageItem.from_parent(self, name=block.heading, block=block)
 
 
 class PageItem(pytest.Item):
-    """The sessions below one heading of a page."""
+    """A session of a page."""
 
-    def __init__(self, sessions, **options):
+    def __init__(self, block, **options):
         super().__init__(**options)
-        self.sessions = sessions
+        self.block = block
 
     def runtest(self):
-        for block in self.sessions:
-            play_block(block)
+        play_block(self.block)
 
     def repr_failure(self, excinfo):
         if excinfo.errisinstance(PageFailure):
@@ -423,4 +391,4 @@ class PageItem(pytest.Item):
         return super().repr_failure(excinfo)
 
     def reportinfo(self):
-        return self.path, self.sessions[0].line - 1, f"{self.path.stem}: {self.name}"
+        return self.path, self.block.line - 1, f"{self.path.stem}: {self.name}"
