@@ -1,7 +1,4 @@
-"""Connects pytest with tests/harness: isolation, the `host`, the marks, and pages as tests.
-
-It lies here, above both folders that have pages: tests/sessions and docs/transcripts.
-"""
+"""Connects pytest with tests/harness: isolation, the `host`, and the marks."""
 
 import json
 
@@ -9,7 +6,6 @@ import pytest
 from harness import machine
 from harness.checking import Host
 from harness.isolation import surroundings
-from harness.pages import PageFile
 
 
 def pytest_configure(config):
@@ -61,12 +57,6 @@ def pytest_runtest_call(item):
     machine.set_portable(item.get_closest_marker("linux") is None)
     yield
     machine.set_portable(False)
-
-
-def pytest_collect_file(file_path, parent):
-    if file_path.suffix == ".md":
-        return PageFile.from_parent(parent, path=file_path)
-    return None
 
 
 def pytest_collection_modifyitems(items):

@@ -6,9 +6,10 @@ import signal
 
 import pexpect
 import pytest
-from examples_test import CONSOLE, helper_with, run
-from harness import machine
-from harness.machine import DEADLINE, HELPER, PC, descendants, die_with_parent, eventually, inferior
+from examples_test import CONSOLE, helper_with
+from harness import linux
+from harness.machine import DEADLINE, HELPER, PC, descendants, die_with_parent, eventually
+from harness.machine import inferior, run
 
 WHERE = r"thread 1 \(steps\); 0x[0-9a-f]{16} "
 AT_LEAF = rf"{WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:"

@@ -8,9 +8,9 @@ import subprocess
 import sys
 
 import pytest
-from harness import machine
+from harness import linux, machine
 from harness.machine import BUILD, DEADLINE, HELPER, SOURCE, descendants, die_with_parent
-from harness.machine import eventually, inferior
+from harness.machine import eventually, inferior, run
 
 EXAMPLES = f"{SOURCE}/examples"
 SAMPLE = f"{BUILD}/examples/sample"
@@ -30,21 +30,6 @@ def helper_with(environment):
     names = ("LD_PRELOAD", "ASAN_OPTIONS")
     variables = " ".join(f"{name}={environment[name]}" for name in names)
     return machine.script(f"{variables} exec '{HELPER}' \"$@\"")
-
-
-def run(command, typed="", **environment):
-    """What a command prints, and its status."""
-    child = subprocess.run(
-        command,
-        input=typed,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        encoding="utf-8",
-        timeout=3 * DEADLINE,  # a whole session
-        preexec_fn=die_with_parent,
-        env=os.environ | environment,
-    )
-    return child.stdout, child.returncode
 
 
 def start(command):

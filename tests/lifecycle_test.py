@@ -10,9 +10,9 @@ import tempfile
 import time
 
 import pytest
-from harness import machine
+from harness import linux, machine
 from harness.checking import OK, Host, error
-from harness.machine import Program, descendants, eventually, inferior, stat
+from harness.machine import Program, descendants, eventually, inferior, status
 from harness.stub import STOPPED, remote, stub
 
 CREATE_HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
@@ -144,12 +144,12 @@ def test_a_running_program_is_attached_to_and_outlives_all_but_a_stop(host, exec
     slide = linux.image_base(program.pid, inferior("wait"))
     assert answer["aslrSlide"] == slide
     assert answer["loadAddr"] - answer["fileAddr"] == slide
-    assert stat(program.pid)[1] == "t", "it is not traced"
+    assert status(program.pid) == "tracing-stop"
     host.state("eStateStopped")
     host.resume_only()
     host.ok("detach")
     host.state("eStateDetached")
-    eventually(lambda: stat(program.pid)[1] == "S", "it sleeps, as before")
+    eventually(lambda: status(program.pid) == "sleeping", "it runs as before")
     host.ok("deleteProcess")
 
     def attach_resume_and(end):
@@ -162,7 +162,7 @@ def test_a_running_program_is_attached_to_and_outlives_all_but_a_stop(host, exec
 
     for _ in range(10):
         attach_resume_and("deleteProcess")
-        eventually(lambda: stat(program.pid)[1] == "S", "it sleeps, as before")
+        eventually(lambda: status(program.pid) == "sleeping", "it runs as before")
     attach_resume_and("stopExecution")
     eventually(lambda: machine.is_gone(program.pid), "it is ended")
     host.state("eStateExited")
@@ -280,6 +280,27 @@ def test_two_programs_may_load_their_modules_at_the_same_time():
     host.await_output("ready\r\n")
     host.cli("target delete 1")
     host.end()
+
+
+@pytest.mark.linux("lldb-server; macOS has another server")
+def test_a_connection_that_fails_can_be_tried_again(host):
+    refused = error("cannot connect to remote, invalid process")
+    assert host.ask("connectRemote", **remote(1, inferior("hello"))) == refused
+    # What is left is a target without process.
+    reasons = ("no process", "process already exists", "no process")
+    answers = host.ask_all("getProcessState", "createProcess", "deleteProcess")
+    assert answers == [error(reason) for reason in reasons]
+    assert host.ask("connectRemote", url="x", plugin="no such") == refused
+    port = machine.server(machine.LLDB_SERVER, "gdbserver", "127.0.0.1:PORT", inferior("hello"))
+    connection = {"command": "connectRemote"} | remote(port, inferior("hello"))
+    assert host.ask_all(connection, "continueExecution") == [OK] * 2
+    host.state("eStateStopped")
+    host.state("eStateRunning")
+    assert host.state("eStateExited")["exit_status"] == 3
+    assert host.output == "hello\r\nworld\r\n"
+    host.ok("deleteProcess")
+    assert host.cli("target list") == "No targets.\n"
+    host.launch("hello")
 
 
 def test_without_an_event_thread_nothing_waits_for_it(host):

@@ -50,6 +50,42 @@ def test_a_frame_is_answered_as_its_bytes_say(data, answers):
     assert output_of(["0", "1"], data) == wanted
 
 
+ANSWERS = [
+    ('{"command":"ping"}', '{"status": "ok"}'),
+    ('{"command":"ping","id":5}', '{"id": 5, "status": "ok"}'),
+    (
+        '{"id":18446744073709551615,"command":"ping"}',
+        '{"id": 18446744073709551615, "status": "ok"}',
+    ),
+    # The id comes back as an unsigned number, whatever it was.
+    ('{"command":"ping","id":null}', '{"status": "ok"}'),
+    ('{"command":"ping","id":"abc"}', '{"id": 0, "status": "ok"}'),
+    ('{"command":"ping","id":true}', '{"id": 0, "status": "ok"}'),
+    ('{"command":"ping","id":[1]}', '{"id": 0, "status": "ok"}'),
+    ('{"command":"ping","id":-1}', '{"id": 18446744073709551615, "status": "ok"}'),
+    ('{"command":"ping","id":2.9}', '{"id": 2, "status": "ok"}'),
+    (
+        '{"command":"Ping","id":1}',
+        '{"id": 1, "message": "unknown command \'Ping\'", "status": "error"}',
+    ),
+    ('{"command":"ping "}', '{"message": "unknown command \'ping \'", "status": "error"}'),
+    ('{"command":5}', '{"message": "unknown command \'\'", "status": "error"}'),
+    ("[1, 2]", '{"message": "unknown command \'\'", "status": "error"}'),
+    (" true", '{"message": "unknown command \'\'", "status": "error"}'),
+    (" null", '{"message": "Cannot decode JSON: ", "status": "error"}'),
+    ('{"id":3', '{"message": "Cannot decode JSON: unexpected end of input", "status": "error"}'),
+]
+
+
+def test_answers_are_exact():
+    came = []
+    host = Host(on_text=came.append, checks_requests=False)
+    host.send(*(request.encode() for request, _ in ANSWERS))
+    for request, wanted in ANSWERS:
+        host.response()
+        assert came.pop(0) == wanted, request
+
+
 def test_a_frame_of_2_gib_ends_the_helper_before_its_text_comes(host):
     host.requests.write(b"\0\0\0\x80{}")
     host.requests.flush()

@@ -22,7 +22,6 @@ from harness.machine import inferior, read, symbol
 sys.path.insert(0, f"{SOURCE}/examples")
 from host import Helper  # noqa: E402
 
-MESSAGES = logging.getLogger("messages")
 OK = {"status": "ok"}
 NOWHERE = 2**64 - 1  # LLDB's invalid address
 SCHEMA_TEXT = read(f"{SOURCE}/docs/protocol.schema.json")
@@ -69,6 +68,10 @@ def conform(part, text):
     assert problem is None, f"not as the schema has {part}: {text[:500]!r}: {reason}"
 
 
+def log(sign, text):
+    logging.getLogger("messages").debug("%s %s", sign, text[:500].decode(errors="backslashreplace"))
+
+
 class Host(Helper):
     """Checks requests, responses (each by its request) and events, and drops no event.
 
@@ -99,9 +102,9 @@ class Host(Helper):
 
         def check(message):
             text = message.decode(errors="surrogateescape")
-            MESSAGES.debug("<- %s", text[:500])
-            self._check_message(text)
+            log("<-", message)
             on_text(text)
+            self._check_message(text)
 
         def in_child():
             die_with_parent()
@@ -128,7 +131,7 @@ class Host(Helper):
 
     def _expect_answer_to(self, text):
         """Checks a request, and notes how its response must look."""
-        MESSAGES.debug("-> %s", text[:500].decode(errors="surrogateescape"))
+        log("->", text)
         command = None
         with contextlib.suppress(ValueError, TypeError, KeyError):
             command = json.loads(text.split(b"\0")[0])["command"]

@@ -152,6 +152,21 @@ class Program(subprocess.Popen):
             self.stdout.readline()
 
 
+def run(command, typed="", **environment):
+    """What a command prints, and its status."""
+    child = subprocess.run(
+        command,
+        input=typed,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        encoding="utf-8",
+        timeout=3 * DEADLINE,  # a whole session
+        preexec_fn=die_with_parent,
+        env=os.environ | environment,
+    )
+    return child.stdout, child.returncode
+
+
 def script(line):
     """Returns an executable file with this shell script."""
     path = f"{tempfile.mkdtemp()}/script"
