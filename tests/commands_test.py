@@ -77,7 +77,14 @@ def test_what_comes_while_the_program_runs_is_answered_and_harms_nothing(host):
     host.resume_only()
     host.ok("stopExecution")
     assert host.state("eStateExited")["exit_status"] == 9
-    commands = ["stepInstruction", "stepOver", "stepOut", "breakExecution", "stopExecution", "detach"]
+    commands = [
+        "stepInstruction",
+        "stepOver",
+        "stepOut",
+        "breakExecution",
+        "stopExecution",
+        "detach",
+    ]
     assert host.ask_all(*commands) == [OK] * len(commands)
     host.ok("getCallstack")
     host.ok("moduleCount")

@@ -10,6 +10,7 @@ PAGES = sorted(Path(SOURCE, "docs/transcripts").glob("*.md"))
 NEEDS_MORE = 77
 
 
+@pytest.mark.linux("the pages show sessions on Linux")
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
 def test_a_transcript_shows_what_the_program_sends(page):
     command = [sys.executable, "-B", f"{SOURCE}/script/record-transcripts", "--check", str(page)]

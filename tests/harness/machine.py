@@ -160,6 +160,7 @@ def run(command, typed="", **environment):
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
         encoding="utf-8",
+        errors="surrogateescape",
         timeout=3 * DEADLINE,  # a whole session
         preexec_fn=die_with_parent,
         env=os.environ | environment,
