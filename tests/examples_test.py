@@ -104,7 +104,7 @@ FAILURES = {
 
 
 @pytest.mark.parametrize("command, words", FAILURES.values(), ids=FAILURES)
-def test_a_failure_is_a_sentence(command, words):
+def test_an_example_that_fails_says_why_in_a_sentence(command, words):
     output, status = run(command)
     assert words in output
     assert "Traceback" not in output

@@ -124,7 +124,7 @@ def peak_memory(host):
 
 
 @pytest.mark.linux("the kernel shows the program's memory in /proc")
-def test_memory_is_what_the_kernel_shows(host):
+def test_memory_is_read_as_the_kernel_shows_it(host):
     """A byte becomes up to five bytes of text. lldb-helper holds that text twice at most."""
     host.launch("wait")
     host.run_to("main")
@@ -149,7 +149,7 @@ def test_memory_is_what_the_kernel_shows(host):
 BYTES = [(255, 255), (256, 0), (511, 255), (-1, 255), (128, 128), ("7", 0), (1.9, 1), (2**32, 0)]
 
 
-def test_of_a_written_value_the_low_byte_counts(host):
+def test_a_write_takes_the_low_byte_of_any_value(host):
     host.launch("steps")
     host.run_to("leaf")
     host.checks_requests = False
@@ -226,7 +226,7 @@ def program_without_sections():
 
 
 @pytest.mark.linux("an ELF file may have no sections")
-def test_a_module_without_sections_has_no_place(host):
+def test_a_module_without_sections_is_reported_without_a_place(host):
     file = program_without_sections()
     program = Program(file, speaks=False)
     eventually(lambda: descendants(os.getpid(), "sectionless"), "it runs")
@@ -255,7 +255,7 @@ def test_a_module_below_its_address_in_the_file_is_left_out_of_the_report(host):
 
 
 @pytest.mark.linux("the kernel shows where the library is mapped in /proc")
-def test_a_library_comes_and_goes(host):
+def test_a_library_is_reported_when_it_is_loaded_and_unloaded(host):
     library = inferior("libplugin.so")
     host.launch("loader", f'"{library}"')
     host.run_to("opened")

@@ -120,7 +120,7 @@ def test_ending_right_after_a_step_is_quick_and_reports_the_exit(delays):
 
 
 @pytest.mark.linux("the shim")
-def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
+def test_a_process_is_deleted_though_its_event_thread_starts_later():
     """The thread starts later than the helper waits for anything."""
     host = Host(env=linux.shim(SLOW_START="3000"))
     assert host.ask_all(CREATE_HELLO, "createProcess", "deleteProcess") == [OK] * 3
@@ -134,7 +134,7 @@ def test_a_stop_asked_for_before_the_event_thread_runs_is_kept():
     [inferior("wait"), "/nowhere", ""],
     ids=["named", "named wrongly", "not named"],
 )
-def test_a_running_program_is_attached_to_and_outlives_all_but_a_stop(host, executable):
+def test_an_attached_program_outlives_detach_and_deletion_but_no_stop(host, executable):
     program = Program(inferior("wait"))
     attach = {"pid": program.pid, "executable": executable, "triple": ""}
 
@@ -193,7 +193,7 @@ def test_a_breakpoint_whose_condition_holds_stops_a_program_that_forks(host):
     host.resume("eStateExited")
 
 
-def test_a_signal_that_stops_does_so_each_time_until_it_no_longer_shall(host):
+def test_a_signal_stops_the_program_each_time_until_it_is_set_not_to(host):
     host.launch("forks", "timer 20")
     host.cli("process handle --stop true SIGALRM")
     for _ in range(5):
@@ -262,7 +262,7 @@ def test_input_reaches_the_process_that_replaced_the_first_one(host, how):
     host.await_output("32 0a ")
 
 
-def test_a_target_that_the_command_line_deletes_takes_its_event_thread_along(host):
+def test_a_target_that_the_command_line_deletes_ends_its_event_thread(host):
     host.start_waiting()
     host.cli("target delete --all")
     answers = host.ask_all("deleteProcess", "getProcessState")
@@ -303,7 +303,7 @@ def test_a_connection_that_fails_can_be_tried_again(host):
     host.launch("hello")
 
 
-def test_without_an_event_thread_nothing_waits_for_it(host):
+def test_a_process_without_an_event_thread_is_deleted_at_once(host):
     """A refused connection leaves a target, in which the command line may launch.
 
     No thread takes LLDB's events then.
@@ -338,7 +338,7 @@ def test_the_reason_that_a_debug_server_gives_is_the_state_of_the_thread(host, n
 
 
 @pytest.mark.parametrize("reason", ["fork;fork:p2.2;", "vfork;vfork:p2.2;", "vforkdone;"])
-def test_a_fork_that_a_debug_server_reports_is_no_stop(host, reason):
+def test_a_fork_that_a_debug_server_reports_does_not_stop_the_program(host, reason):
     """LLDB resumes by itself; the program ends at that."""
     stops = iter([f"{STOPPED}reason:{reason}", "W07"])
     host.ok("connectRemote", **stub(c=lambda: next(stops)))

@@ -59,13 +59,13 @@ def check_a_write(host, way):
 
 @pytest.mark.linux("the kernel shows the program's memory in /proc")
 @pytest.mark.parametrize("way", ("writeByte", "memory write", "expression"))
-def test_what_was_written_is_read(host, way):
+def test_a_read_shows_what_any_command_has_written(host, way):
     launch_deep(host)
     check_a_write(host, way)
 
 
 @pytest.mark.linux("the kernel shows the program's memory in /proc")
-def test_what_was_written_is_read_with_another_cache_line_and_another_target(host):
+def test_a_read_shows_what_was_written_with_another_cache_line_and_another_target(host):
     launch_deep(host)
     host.cli("settings set target.process.memory-cache-line-size 64")
     host.resume(how="stepInstruction")
@@ -221,7 +221,7 @@ def test_a_child_that_is_no_debug_server_can_be_debugged(host):
     assert host.ask("attachToProcess", pid=host.pid) == refused
 
 
-def test_descriptors_may_be_non_blocking():
+def test_a_channel_that_becomes_non_blocking_loses_nothing():
     """The flag comes in the middle of a session, in both directions, with a host that reads late."""
     requests_out, requests_in = os.pipe()
     messages_out, messages_in = os.pipe()

@@ -77,7 +77,7 @@ ANSWERS = [
 ]
 
 
-def test_answers_are_exact():
+def test_answers_are_exact_to_the_byte():
     came = []
     host = Host(on_text=came.append, checks_requests=False)
     host.send(*(request.encode() for request, _ in ANSWERS))
@@ -153,7 +153,7 @@ def test_a_console_answers_each_line_of_at_most_1023_bytes(arguments, typed, wan
     "option, words",
     [("--help", b"usage: lldb-helper INPUT OUTPUT"), ("--version", b"lldb-helper 0.")],
 )
-def test_an_option_prints_and_ends(option, words):
+def test_help_and_version_are_printed_without_a_session(option, words):
     assert output_of([option], b"").startswith(words)
 
 
