@@ -130,19 +130,24 @@ def test_a_process_is_deleted_though_its_event_thread_starts_later():
 # The executable that the host names need not be there: LLDB finds it by itself.
 @pytest.mark.linux("the kernel shows where a program lies, and who traces it")
 @pytest.mark.parametrize(
-    "executable",
-    [inferior("wait"), "/nowhere", ""],
-    ids=["named", "named wrongly", "not named"],
+    "file, address_in_file, executable",
+    [
+        pytest.param(inferior("wait"), 0, inferior("wait"), id="named"),
+        pytest.param(inferior("wait"), 0, "/nowhere", id="named wrongly"),
+        pytest.param(inferior("wait-high"), 0x700000000000, "", id="below its address in the file"),
+    ],
 )
-def test_an_attached_program_outlives_detach_and_deletion_but_no_stop(host, executable):
-    program = Program(inferior("wait"))
+def test_an_attached_program_outlives_detach_and_deletion_but_no_stop(
+    host, file, address_in_file, executable
+):
+    program = Program(file)
     attach = {"pid": program.pid, "executable": executable, "triple": ""}
 
     answer = host.ok("attachToProcess", **attach)
     assert sorted(answer) == ["aslrSlide", "fileAddr", "loadAddr", "sectionName"]
     assert answer["sectionName"]
-    slide = linux.image_base(program.pid, inferior("wait"))
-    assert answer["aslrSlide"] == slide
+    slide = linux.image_base(program.pid, file) - address_in_file
+    assert answer["aslrSlide"] == slide % 2**64
     assert answer["loadAddr"] - answer["fileAddr"] == slide
     assert status(program.pid) == "tracing-stop"
     host.state("eStateStopped")

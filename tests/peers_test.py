@@ -3,6 +3,7 @@
 import os
 import select
 import signal
+import threading
 
 import psutil
 import pytest
@@ -61,11 +62,12 @@ def test_a_host_that_reads_late_misses_nothing(host):
         return not is_writable
 
     expected = host.launch_flood(20000)
-    host.reading.clear()
+    may_read = threading.Event()
+    host.on_text = lambda text: may_read.wait()
     host.send(b'{"command": "continueExecution"}')
     eventually(is_full, "the pipe is full")
     host.send(*[b'{"command": "ping"}'] * 1000)
-    host.reading.set()
+    may_read.set()
     assert [host.response() for _ in range(1001)] == [OK] * 1001
     host.state("eStateRunning")
     host.state("eStateExited")
@@ -87,7 +89,7 @@ def test_a_helper_whose_output_is_closed_does_what_it_is_asked(requests):
     host = Host()
     host.ask_all(*SESSION[:requests])
     family = descendants(host.pid)
-    host.reading.clear()
+    host.on_text = lambda text: threading.Event().wait()  # reads no more
     os.dup2(os.open(os.devnull, os.O_RDONLY), host.messages.fileno())
     host.send(b'{"command": "deleteProcess"}', *[b'{"command": "ping"}'] * 100)
     assert host.close() == 0

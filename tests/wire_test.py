@@ -220,25 +220,45 @@ def test_every_command_survives_arguments_of_every_kind(host, has_process):
         list(host.rest())
 
 
+# Why a command is refused that needs this: without a target, with one, and with a process.
+# "" means that it is not, and None that it would change the session.
+REFUSALS = {
+    "nothing": ("", "", ""),
+    "no target": (None, "process already exists", "process already exists"),
+    "no process": (None, None, "already has a process"),
+    "a target": ("no target", "", ""),
+    "a process": ("no process", "no process", None),
+    "a target, then a process": ("no target", "no process", None),
+}
+
+
 def test_the_reference_the_schema_and_the_program_have_the_same_commands(host):
-    """And the first two the same arguments."""
+    """With the same arguments and needs."""
     requests = SCHEMA["$defs"]["requests"]
     page = read(f"{SOURCE}/docs/protocol.md")
-    commands = page[page.index("\n## Commands") : page.index("\n## Events")]
-    sections = re.split(r"\n### (.*)\n", commands)
-    described = {}
-    for heading, text in zip(sections[1::2], sections[2::2]):
-        for name in re.findall(r"\w+", heading):
-            described[name] = text
-    assert set(described) == set(requests)
-    assert len(described) == 32
+    rows = re.findall(r"^\| ([\w, ]+) \| ([\w, ]+) \| ", page, re.M)
+    needs = {name: need for names, need in rows for name in names.split(", ") if need in REFUSALS}
+    sections = re.findall(r"^### (.*)\n([^#]*)", page, re.M)
+    described = {name: text for heading, text in sections for name in re.findall(r"\w+", heading)}
+    assert len(requests) == 32
+    assert set(requests) == set(needs) <= set(described)
     for name, request in requests.items():
         for argument in set(request["properties"]) - {"command", "id"}:
             assert f"`{argument}`" in described[name], f"{name} lacks {argument}"
+
     host.checks_requests = False
-    for command in requests:
-        answer = host.ask(command, pid=host.pid)
-        assert not answer.get("message", "").startswith("unknown command"), command
+    reasons = {reason for row in REFUSALS.values() for reason in row if reason}
+    for number in range(3):
+        if number == 1:
+            host.ask("connectRemote", **remote(1, inferior("hello")))  # leaves a target
+        if number == 2:
+            host.cli("process launch --stop-at-entry")
+        for name, need in needs.items():
+            if REFUSALS[need][number] is not None:
+                message = host.ask(name).get("message", "")
+                reason = message if message in reasons else ""
+                assert reason == REFUSALS[need][number], name
+                assert not message.startswith("unknown command"), name
 
 
 @pytest.mark.linux("the shim records what goes to syslog")

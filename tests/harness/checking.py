@@ -12,7 +12,6 @@ import os
 import queue
 import struct
 import sys
-import threading
 
 import jsonschema
 
@@ -88,22 +87,22 @@ class Host(Helper):
         on_text=lambda text: None,
         **options,
     ):
-        """`prepare` runs in the child before the helper. `on_text` gets each message's text.
+        """`prepare` runs in the child before the helper.
 
-        Without `checks_requests` a test may send what no host should.
+        `on_text` gets each message's text; the host reads no further until it returns. Without
+        `checks_requests` a test may send what no host should.
         """
         self.checks_requests = checks_requests
         self.asked = collections.deque()  # the parts of the schema for the responses to come
         self.history = []  # the events that were taken
         self.output = ""  # of the program, as far as events were taken
         self.symbols = None  # the file that has the symbols, where the program has none
-        self.reading = threading.Event()  # clear for a host that does not read
-        self.reading.set()
+        self.on_text = on_text
 
         def check(message):
             text = message.decode(errors="surrogateescape")
             log("<-", message)
-            on_text(text)
+            self.on_text(text)
             self._check_message(text)
 
         def in_child():
@@ -112,11 +111,6 @@ class Host(Helper):
 
         super().__init__(program, on_message=check, preexec_fn=in_child, **options)
         self.pid = self.child.pid
-
-    def receive(self):
-        text = super().receive()
-        self.reading.wait()
-        return text
 
     def _check_message(self, text):
         message = json.loads(text) if len(text) < LONGEST else {}
