@@ -26,10 +26,15 @@ def sanitizer_options():
 
 
 @pytest.fixture(autouse=True)
-def isolation(sanitizer_options):
+def isolation(request, sanitizer_options):
     """A folder of the test's own. What the test starts and changes ends with it."""
+    mark = request.node.get_closest_marker("linux")
+    if mark and not machine.IS_LINUX:
+        pytest.skip(f"needs Linux: {mark.args[0]}")
+    machine.set_portable(mark is None)
     with surroundings() as folder:
         yield folder
+    machine.set_portable(False)
 
 
 @pytest.fixture
@@ -44,19 +49,6 @@ def host(request, isolation):
     has_passed = request.session.testsfailed == failed_before
     if has_passed and host.child.returncode is None:
         host.end()
-
-
-def pytest_runtest_setup(item):
-    mark = item.get_closest_marker("linux")
-    if mark and not machine.IS_LINUX:
-        pytest.skip(f"needs Linux: {mark.args[0]}")
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_call(item):
-    machine.set_portable(item.get_closest_marker("linux") is None)
-    yield
-    machine.set_portable(False)
 
 
 def pytest_collection_modifyitems(items):

@@ -327,10 +327,8 @@ def described(text):
 
 REASONS = {
     "Trace": "reason:trace;",
-    "Signal": "",
     "Watchpoint": "reason:watchpoint;" + described("4198400 0 0"),
     "Exception": "reason:exception;" + described("EXC_BAD_ACCESS"),
-    "Exec": "reason:exec;",
 }
 
 
