@@ -11,7 +11,7 @@ import pytest
 from harness import linux, machine
 from harness.checking import AT_ONCE, OK, SCHEMA, Host, error, frame
 from harness.machine import DEADLINE, HELPER, PC, SOURCE, inferior, read
-from harness.stub import remote
+from harness.stub import remote, stub
 
 PING = b'{"command":"ping"}'
 NOTHING_TO_DECODE = error("Cannot decode JSON: unexpected end of input")
@@ -247,7 +247,7 @@ def test_the_reference_the_schema_and_the_program_have_the_same_commands(host):
         if number == 1:
             host.ask("connectRemote", plugin="none", file=inferior("hello"))  # leaves a target
         if number == 2:
-            host.cli("process launch --stop-at-entry")
+            host.ok("connectRemote", **stub())
         for name, need in needs.items():
             if REFUSALS[need][number] is not None:
                 message = host.ask(name).get("message", "")
