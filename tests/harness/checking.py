@@ -244,9 +244,9 @@ class Host(Helper):
         self.resume_only()
         self.await_output("ready\r\n")
 
-    def run_session(self, program, args="", **more):
+    def run_session(self, program):
         """Runs a program from the launch to the deletion. Returns its output and exit status."""
-        self.launch(program, args, **more)
+        self.launch(program)
         status = self.resume("eStateExited")["exit_status"]
         self.ok("deleteProcess")
         return self.output, status
