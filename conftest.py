@@ -1,7 +1,4 @@
-"""Connects pytest with tests/harness: isolation, the `host`, the marks, and pages as tests.
-
-It lies here, above both folders that have pages: tests/sessions and docs/transcripts.
-"""
+"""Connects pytest with tests/harness: isolation, the `host`, and the marks."""
 
 import json
 
@@ -9,7 +6,6 @@ import pytest
 from harness import machine
 from harness.checking import Host
 from harness.isolation import surroundings
-from harness.pages import PageFile
 
 
 def pytest_configure(config):
@@ -30,10 +26,15 @@ def sanitizer_options():
 
 
 @pytest.fixture(autouse=True)
-def isolation(sanitizer_options):
+def isolation(request, sanitizer_options):
     """A folder of the test's own. What the test starts and changes ends with it."""
+    mark = request.node.get_closest_marker("linux")
+    if mark and not machine.IS_LINUX:
+        pytest.skip(f"needs Linux: {mark.args[0]}")
+    machine.set_portable(mark is None)
     with surroundings() as folder:
         yield folder
+    machine.set_portable(False)
 
 
 @pytest.fixture
@@ -42,50 +43,14 @@ def host(request, isolation):
 
     A test that has waited for the helper's end has judged it itself.
     """
+    failed_before = request.session.testsfailed
     host = Host()
     yield host
-    outcome = getattr(request.node, "outcome_of_call", None)
-    if outcome and outcome.passed and host.child.returncode is None:
+    has_passed = request.session.testsfailed == failed_before
+    if has_passed and host.child.returncode is None:
         host.end()
 
 
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    if call.when == "call":
-        item.outcome_of_call = outcome.get_result()
-
-
-def pytest_runtest_setup(item):
-    mark = item.get_closest_marker("linux")
-    if mark and not machine.IS_LINUX:
-        pytest.skip(f"needs Linux: {mark.args[0]}")
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_call(item):
-    machine.set_portable(item.get_closest_marker("linux") is None)
-    yield
-    machine.set_portable(False)
-
-
-def pytest_collect_file(file_path, parent):
-    if file_path.suffix == ".md":
-        return PageFile.from_parent(parent, path=file_path)
-    return None
-
-
-def pytest_collection_modifyitems(config, items):
-    """Slow tests start first, one on each processor.
-
-    pytest-xdist gives each of its N workers a first batch of a 4N-th of all tests, so slow tests
-    must not lie next to each other.
-    """
-    slow = [item for item in items if item.get_closest_marker("slow")]
-    quick = [item for item in items if not item.get_closest_marker("slow")]
-    workers = getattr(config, "workerinput", {}).get("workercount", 1)
-    batch = max(len(items) // (4 * workers), 2)
-    places = [number % workers * batch + number // workers for number in range(len(slow))]
-    items[:] = quick
-    for place, item in sorted(zip(places, slow), key=lambda pair: pair[0]):
-        items.insert(place, item)
+def pytest_collection_modifyitems(items):
+    """Slow tests start first. script/run-tests has pytest-xdist hand out one test after the other."""
+    items.sort(key=lambda item: item.get_closest_marker("slow") is None)

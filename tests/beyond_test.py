@@ -40,14 +40,14 @@ def at_work(host):
     return host
 
 
-def test_every_line_for_people(at_work):
+def test_the_commands_for_people_on_the_page_show_what_it_says(at_work):
     assert {row[0] for row in rows()} == set(WANTED)
     for name, line, version, _ in rows():
         if LLDB_MAJOR >= version:
             assert WANTED[name][0] in at_work.cli(line), name
 
 
-def test_every_line_with_json(at_work):
+def test_the_commands_with_json_on_the_page_print_what_it_says(at_work):
     # The watchpoint of the page is the second one.
     at_work.cli("watchpoint set expression --watch write --size 4 -- $sp")
     has_python = at_work.ok("executeCommand", cli="script import json, lldb")["succeeded"]

@@ -6,9 +6,10 @@ import signal
 
 import pexpect
 import pytest
-from examples_test import CONSOLE, helper_with, run
-from harness import machine
-from harness.machine import DEADLINE, HELPER, PC, descendants, die_with_parent, eventually, inferior
+from examples_test import CONSOLE, helper_with
+from harness import linux
+from harness.machine import DEADLINE, HELPER, PC, descendants, die_with_parent, eventually
+from harness.machine import inferior, run
 
 WHERE = r"thread 1 \(steps\); 0x[0-9a-f]{16} "
 AT_LEAF = rf"{WHERE}steps`leaf\(.*\) \+ \d+ at steps\.c:"
@@ -84,9 +85,9 @@ def script(lines):
 
 @pytest.mark.linux("the shim delays events")
 @pytest.mark.parametrize("typed_and_shown", SCRIPTS.values(), ids=SCRIPTS)
-def test_a_script(typed_and_shown):
+def test_a_script_shows_what_each_of_its_lines_asks_for(typed_and_shown):
     lines = "\n".join(typed for typed, _ in typed_and_shown if typed != "launch")
-    helper = helper_with(machine.shim())
+    helper = helper_with(linux.shim())
     output, status = run([*CONSOLE, helper], script(lines), SLOW_EVENTS="10")
     show_in_turn(output, typed_and_shown)
     assert status == 0, output
@@ -131,7 +132,7 @@ def test_an_image_has_one_base_in_all_lists():
     assert len(re.findall(rf"^\[ *\d+\] 0x0*{base} libc", output, re.M)) == 2, output
 
 
-def test_attach_says_what_it_did():
+def test_an_attached_program_shows_its_stop_and_runs_on_after_detach():
     machine_program = pexpect.spawn(inferior("wait"), timeout=DEADLINE, preexec_fn=die_with_parent)
     machine_program.expect("ready")
     pid = machine_program.pid
@@ -142,7 +143,7 @@ def test_attach_says_what_it_did():
     assert machine_program.isalive()
 
 
-def test_the_console_at_a_terminal(isolation):
+def test_a_person_at_a_terminal_types_completes_repeats_and_interrupts(isolation):
     variables = {"TERM": "xterm", "XDG_STATE_HOME": isolation, "NO_COLOR": "1"}
     terminal = pexpect.spawn(
         CONSOLE[0],

@@ -4,17 +4,17 @@ import errno
 import itertools
 import json
 import os
-import pathlib
 import resource
 import socket
 import struct
 import tempfile
 import time
+from pathlib import Path
 
 import pytest
-from harness import machine
+from harness import linux, machine
 from harness.checking import OK, Host, error
-from harness.machine import Program, descendants, eventually, inferior, stat
+from harness.machine import Program, descendants, eventually, inferior, status
 from harness.stub import remote, serve
 
 REFUSED = error("cannot connect to remote, invalid process")
@@ -65,7 +65,7 @@ def test_a_launch_that_runs_out_of_descriptors_at_any_step_fails_and_the_next_wo
 )
 def test_a_request_that_memory_does_not_suffice_for_is_refused(host):
     host.launch("wait")
-    limit = (machine.status_figure(host.pid, "VmSize") + 256 * 1024) * 1024
+    limit = (linux.status_figure(host.pid, "VmSize") + 256 * 1024) * 1024
     resource.prlimit(host.pid, resource.RLIMIT_AS, (limit, limit))
     # In a handler: it needs the memory for its answer.
     assert host.ask("readMemory", length=2147483647) == error("bad request: std::bad_alloc")
@@ -99,145 +99,84 @@ def test_a_request_of_64_mib_is_answered(host):
     assert is_whole  # without the texts: pytest would compare them for minutes
 
 
-def test_10000_requests_in_one_write_are_answered(host):
-    """The answers do not fit the pipe, so the helper stops reading until they are read."""
-    pings = [{"command": "ping", "id": number} for number in range(10000)]
-    answers = host.ask_all(*pings)
-    assert answers == [OK | {"id": number} for number in range(10000)]
+# --- Odd surroundings. -----------------------------------------------------------------------------
+
+CLONE_CHILD_SETTID = 0x1000000  # of clone(2): a process is started, no thread
+ADDR_NO_RANDOMIZE = 0x40000  # of personality(2)
 
 
-# --- Odd surroundings. Each returns what Host() gets for them; `folder` is the test's own. ---------
+def refusal(call, bits=0, **variables):
+    """A case in which a system call is refused."""
+    filters = pytest.mark.linux("a filter of system calls")
+    return pytest.param(lambda: refuse(call, bits), variables, marks=filters, id=f"{call} refused")
 
 
-def variables(**changed):
-    return {"env": os.environ | changed}
+def lose_folder():
+    os.chdir(tempfile.mkdtemp())
+    os.rmdir(os.getcwd())
 
 
-def empty_environment(folder):
-    """All but what a sanitized build needs."""
-    kept = ("LSAN_OPTIONS", "TSAN_OPTIONS")
-    return {"env": {name: os.environ[name] for name in kept if name in os.environ}}
-
-
-def commands_at_home(folder):
-    write_lldbinit(folder)
-    return variables(HOME=folder)
-
-
-def commands_in_the_working_directory(folder):
-    write_lldbinit(folder)
-    return {"cwd": folder}
-
-
-def write_lldbinit(folder):
-    commands = "settings set prompt surprise\nquit 7\n"
-    pathlib.Path(folder, ".lldbinit").write_text(commands)
-
-
-def removed_working_directory(folder):
-    def lose_folder():
-        os.chdir(tempfile.mkdtemp())
-        os.rmdir(os.getcwd())
-
-    return {"prepare": lose_folder}
-
-
-def broken_python_package(folder):
-    pathlib.Path(folder, "lldb.py").write_text("raise ImportError\n")
-    return variables(PYTHONPATH=folder)
-
-
-def home_of_another_python(folder):
-    return variables(PYTHONHOME=folder)
-
-
-def no_log_socket(folder):
-    return {"prepare": lambda: refuse("socket", socket.AF_UNIX)}
-
-
-def fixed_addresses_refused(folder):
-    addr_no_randomize = 0x40000
-    return {"prepare": lambda: refuse("personality", addr_no_randomize)}
-
-
-LINUX_FILTER = pytest.mark.linux("a filter of system calls")
+def do_nothing():
+    pass
 
 
 @pytest.mark.parametrize(
-    "surroundings",
+    "prepare, variables",
     [
-        empty_environment,
-        commands_at_home,
-        commands_in_the_working_directory,
-        removed_working_directory,
-        broken_python_package,
-        home_of_another_python,
-        pytest.param(no_log_socket, marks=LINUX_FILTER),
-        pytest.param(fixed_addresses_refused, marks=LINUX_FILTER),
+        pytest.param(do_nothing, {"HOME": "FOLDER"}, id="commands at home"),
+        pytest.param(do_nothing, {"PYTHONPATH": "FOLDER"}, id="a broken Python package"),
+        pytest.param(do_nothing, {"PYTHONHOME": "FOLDER"}, id="the home of another Python"),
+        pytest.param(lose_folder, {}, id="a removed working directory"),
+        refusal("socket", socket.AF_UNIX),  # that of the log
+        refusal("personality", ADDR_NO_RANDOMIZE),
     ],
 )
-def test_a_program_runs_in_odd_surroundings(isolation, surroundings):
-    host = Host(**surroundings(isolation))
-    assert launch_hello(host) == OK
-    host.state("eStateStopped")
-    assert host.resume("eStateExited")["exit_status"] == 3
+def test_a_program_runs_in_odd_surroundings(isolation, prepare, variables):
+    Path(isolation, ".lldbinit").write_text("settings set prompt surprise\nquit 7\n")
+    Path(isolation, "lldb.py").write_text("raise ImportError\n")
+    changed = {name: value.replace("FOLDER", isolation) for name, value in variables.items()}
+    host = Host(prepare=prepare, env=os.environ | changed)
+    assert host.run_session("hello")[1] == 3
     assert "surprise" not in host.cli("settings show prompt")
     host.end()
 
 
-def no_debug_server():
-    return variables(LLDB_DEBUGSERVER_PATH="/nowhere/lldb-server")
-
-
-def no_new_processes():
-    clone_child_settid = 0x1000000  # threads are started without it
-    return {"prepare": lambda: refuse("clone", clone_child_settid)}
-
-
-def ptrace_refused():
-    # The search for leaks needs ptrace itself.
-    no_leaks = variables(ASAN_OPTIONS="detect_leaks=0")
-    return no_leaks | {"prepare": lambda: refuse("ptrace")}
+def test_a_program_runs_without_environment():
+    """But for what a sanitized build needs."""
+    kept = ("LSAN_OPTIONS", "TSAN_OPTIONS")
+    host = Host(env={name: os.environ[name] for name in kept if name in os.environ})
+    assert host.run_session("hello")[1] == 3
+    host.end()
 
 
 @pytest.mark.parametrize(
-    "surroundings",
+    "prepare, variables",
     [
-        no_debug_server,
-        pytest.param(no_new_processes, marks=LINUX_FILTER),
-        pytest.param(ptrace_refused, marks=LINUX_FILTER),
+        pytest.param(do_nothing, {"LLDB_DEBUGSERVER_PATH": "/nowhere"}, id="no debug server"),
+        refusal("clone", CLONE_CHILD_SETTID),
+        # The search for leaks needs ptrace itself.
+        refusal("ptrace", ASAN_OPTIONS="detect_leaks=0"),
     ],
 )
-def test_where_nothing_can_be_debugged_the_helper_says_why(surroundings):
+def test_where_nothing_can_be_debugged_the_helper_says_why(prepare, variables):
     program = Program(inferior("wait"))
-    host = Host(**surroundings())
+    host = Host(prepare=prepare, env=os.environ | variables)
     message = launch_hello(host)["message"]
     assert message.startswith("cannot create process: ")
     message = host.ask("attachToProcess", pid=program.pid)["message"]
     assert message.startswith("cannot attach to process: ")
-    assert stat(program.pid)[1] == "S", "the program does not run on"
+    assert status(program.pid) == "sleeping", "the program does not run on"
     host.end()
 
 
 # --- What LLDB would wait for without end. ---------------------------------------------------------
 
 
-def named_pipe():
-    path = os.path.join(tempfile.mkdtemp(), "pipe")
-    os.mkfifo(path)
-    return path
-
-
-@pytest.mark.parametrize(
-    "make_file",
-    [
-        pytest.param(named_pipe, id="a pipe that nobody writes to"),
-        pytest.param(lambda: "/dev/zero", id="a device without end"),
-        pytest.param(lambda: "/dev/random", id="a device without end or position"),
-    ],
-)
-def test_a_file_that_never_opens_or_never_ends_is_not_read(host, make_file):
-    file = make_file()
+@pytest.mark.parametrize("file", ["a pipe that nobody writes to", "/dev/zero", "/dev/random"])
+def test_a_file_that_never_opens_or_never_ends_is_not_read(host, isolation, file):
+    if not file.startswith("/"):
+        file = f"{isolation}/{file}"
+        os.mkfifo(file)
     program = Program(inferior("wait"))
     host.prepare(file)
     assert host.ask("createProcess") == error(f"cannot build target: '{file}' is not a file")
@@ -271,10 +210,6 @@ def test_an_attach_that_cannot_succeed_is_refused_with_a_reason(host):
     assert host.run_session("hello")[1] == 3
 
 
-def echo(data):
-    return [data]
-
-
 def stop_at_each_packet(data):
     return [b"+$T05thread:1;#d7" * max(1, data.count(b"$"))]
 
@@ -285,7 +220,7 @@ def send_without_end(data):
 
 @pytest.mark.slow
 @pytest.mark.linux("/proc shows the memory that the helper has")
-@pytest.mark.parametrize("answer", [echo, stop_at_each_packet, send_without_end])
+@pytest.mark.parametrize("answer", [stop_at_each_packet, send_without_end])
 def test_a_connection_that_never_comes_about_is_cut(host, answer):
     """After sixty times LLDB's patience for a packet, and never in less than a minute."""
     host.TIMEOUT = 240
@@ -299,6 +234,6 @@ def test_a_connection_that_never_comes_about_is_cut(host, answer):
     assert host.run_session("hello")[1] == 3
     if not machine.SANITIZER:
         eventually(
-            lambda: machine.status_figure(host.pid, "VmRSS") < 300 << 10,
+            lambda: linux.status_figure(host.pid, "VmRSS") < 300 << 10,
             "its memory is given back",
         )

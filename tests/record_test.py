@@ -1,14 +1,14 @@
 """examples/record.py between a host and the helper, and its replay."""
 
 import os
-import re
-import subprocess
 import sys
+from pathlib import Path
 
 import pytest
+from examples_test import SAMPLE, SESSION
 from harness import machine
 from harness.checking import Host
-from harness.machine import BUILD, DEADLINE, HELPER, SOURCE, die_with_parent, eventually, inferior
+from harness.machine import DEADLINE, HELPER, SOURCE, descendants, eventually, inferior, run
 
 RECORD = [sys.executable, "-B", f"{SOURCE}/examples/record.py"]
 
@@ -22,33 +22,28 @@ def recorder(isolation):
 
 
 def replay(file):
-    command = [*RECORD, "--replay", file, "--", HELPER]
-    shown = subprocess.run(
-        command,
-        stdout=subprocess.PIPE,
-        text=True,
-        timeout=3 * DEADLINE,
-        preexec_fn=die_with_parent,
-    )
-    return shown.returncode, shown.stdout
+    """What a replay of a recording shows, and its status."""
+    return run([*RECORD, "--replay", file, "--", HELPER])
+
+
+def change(file, *replacements):
+    text = machine.read(file)
+    for old, new in replacements:
+        text = text.replace(old, new)
+    Path(file).write_text(text)
 
 
 def test_a_recorded_session_replays_and_shows_what_differs(recorder):
     helper, file = recorder
-    session = [sys.executable, "-B", f"{SOURCE}/examples/session.py", helper]
-    subprocess.run(
-        [*session, f"{BUILD}/examples/sample"],
-        stdout=subprocess.DEVNULL,
-        check=True,
-        timeout=3 * DEADLINE,
-        preexec_fn=die_with_parent,
-    )
-    status, shown = replay(file)
+    run([*SESSION, helper, SAMPLE])
+    shown, status = replay(file)
     assert (status, shown.splitlines()[-1]) == (0, "8 requests, no differences"), shown
-    changed = re.sub('"exit_status": 3', '"exit_status": 4', machine.read(file))
-    with open(file, "w") as recording:
-        recording.write(changed.replace('"id": 8, "status": "ok"', '"id": 8, "status": "error"'))
-    status, shown = replay(file)
+    change(
+        file,
+        ('"exit_status": 3', '"exit_status": 4'),
+        ('"id": 8, "status": "ok"', '"id": 8, "status": "error"'),
+    )
+    shown, status = replay(file)
     assert (status, shown.splitlines()[-1]) == (1, "8 requests, 3 differences"), shown
 
 
@@ -64,10 +59,8 @@ def test_a_replay_puts_new_addresses_and_ids_into_requests(recorder):
     host.ok("detach")
     host.ok("deleteProcess")
     assert host.close() == 0
-    recorded = machine.read(file)
-    with open(file, "w") as recording:
-        recording.write(recorded.replace(f'"pid": {first.pid}', f'"pid": {second.pid}'))
-    status, shown = replay(file)
+    change(file, (f'"pid": {first.pid}', f'"pid": {second.pid}'))
+    shown, status = replay(file)
     assert status == 0, shown
 
 
@@ -78,14 +71,14 @@ def test_a_recording_is_whole_whoever_dies(recorder):
     host.send(b"not \xff JSON\n")
     host.response()
     host.child.kill()
-    eventually(lambda: not machine.descendants(os.getpid(), "lldb-helper"), "the helper ends")
+    eventually(lambda: not descendants(os.getpid(), "lldb-helper"), "the helper ends")
     recorded = [line[11:] for line in machine.read(file).splitlines()]
     assert recorded[1:3] == ['-> {"command": "ping"}', '<- {"status": "ok"}']
     assert recorded[3] == r"-> b'not \xff JSON\n'"
     assert recorded[4].startswith('<- {"message": "Cannot decode JSON')
     host = Host(helper)
     host.launch("wait")
-    recorded_helper = machine.descendants(host.pid, "lldb-helper")[0]
+    recorded_helper = descendants(host.pid, "lldb-helper")[0]
     os.kill(recorded_helper, 9)
     assert host.child.wait(DEADLINE) == -9
     assert machine.read(file).endswith("the helper ended with status -9\n")

@@ -1,8 +1,8 @@
 """What the tests share.
 
-machine    the machine: processes, programs, symbols, memory as the kernel shows it, ports, servers
+machine    the machine: processes, programs, symbols, ports, servers
+linux      what only Linux has: memory and mappings as the kernel shows them, preloaded libraries
 checking   Host: an example host that checks every message against docs/protocol.schema.json
-pages      pages of requests and messages (tests/sessions, docs/transcripts), played against a helper
 stub       a debug server whose answers a test writes
 isolation  what a test leaves is removed: processes, files, limits, variables
 

@@ -1,14 +1,17 @@
-"""Host: an example host that checks every message against docs/protocol.schema.json."""
+"""Host: an example host that checks every message against docs/protocol.schema.json.
+
+pytest shows the messages of a test that fails: they are logged.
+"""
 
 import collections
 import contextlib
 import functools
 import json
+import logging
 import os
 import queue
 import struct
 import sys
-import threading
 
 import jsonschema
 
@@ -20,7 +23,8 @@ from host import Helper  # noqa: E402
 
 OK = {"status": "ok"}
 NOWHERE = 2**64 - 1  # LLDB's invalid address
-SCHEMA = json.loads(read(f"{SOURCE}/docs/protocol.schema.json"))
+SCHEMA_TEXT = read(f"{SOURCE}/docs/protocol.schema.json")
+SCHEMA = json.loads(SCHEMA_TEXT)
 # A setting of LLDB's: all registers are read by one packet.
 AT_ONCE = "plugin.process.gdb-remote.use-g-packet-for-reading"
 # In bytes. A longer message is counted, not checked: shorter ones have the same form.
@@ -37,20 +41,15 @@ def frame(text):
 
 
 def closed(part):
-    """A part of the schema in which objects have no other members than those listed.
+    """A part of the schema whose objects have no other members than those listed.
 
     Hosts ignore members that they do not know. This version sends none.
     """
-    if isinstance(part, list):
-        return [closed(item) for item in part]
-    if not isinstance(part, dict):
-        return part
-    inner = {key: closed(value) for key, value in part.items()}
     is_object = part.get("type") == "object" and "properties" in part
-    return {"additionalProperties": False} | inner if is_object else inner
+    return {"additionalProperties": False} | part if is_object else part
 
 
-CLOSED_PARTS = closed(SCHEMA["$defs"])
+CLOSED_PARTS = json.loads(SCHEMA_TEXT, object_hook=closed)["$defs"]
 
 
 @functools.cache
@@ -66,6 +65,10 @@ def conform(part, text):
     problem = jsonschema.exceptions.best_match(validator(part).iter_errors(json.loads(text)))
     reason = problem and problem.message[:500]
     assert problem is None, f"not as the schema has {part}: {text[:500]!r}: {reason}"
+
+
+def log(sign, text):
+    logging.getLogger("messages").debug("%s %s", sign, text[:500].decode(errors="backslashreplace"))
 
 
 class Host(Helper):
@@ -84,22 +87,23 @@ class Host(Helper):
         on_text=lambda text: None,
         **options,
     ):
-        """`prepare` runs in the child before the helper. `on_text` gets each message's text.
+        """`prepare` runs in the child before the helper.
 
-        Without `checks_requests` a test may send what no host should.
+        `on_text` gets each message's text; the host reads no further until it returns. Without
+        `checks_requests` a test may send what no host should.
         """
         self.checks_requests = checks_requests
         self.asked = collections.deque()  # the parts of the schema for the responses to come
-        self.history = []  # what was taken, responses and events
+        self.history = []  # the events that were taken
         self.output = ""  # of the program, as far as events were taken
         self.symbols = None  # the file that has the symbols, where the program has none
-        self.reading = threading.Event()  # clear for a host that does not read
-        self.reading.set()
+        self.on_text = on_text
 
         def check(message):
             text = message.decode(errors="surrogateescape")
+            log("<-", message)
+            self.on_text(text)
             self._check_message(text)
-            on_text(text)
 
         def in_child():
             die_with_parent()
@@ -107,11 +111,6 @@ class Host(Helper):
 
         super().__init__(program, on_message=check, preexec_fn=in_child, **options)
         self.pid = self.child.pid
-
-    def receive(self):
-        text = super().receive()
-        self.reading.wait()
-        return text
 
     def _check_message(self, text):
         message = json.loads(text) if len(text) < LONGEST else {}
@@ -126,12 +125,12 @@ class Host(Helper):
 
     def _expect_answer_to(self, text):
         """Checks a request, and notes how its response must look."""
+        log("->", text)
         command = None
-        if len(text) < LONGEST:
-            with contextlib.suppress(ValueError, TypeError, KeyError):
-                command = json.loads(text.split(b"\0")[0])["command"]
+        with contextlib.suppress(ValueError, TypeError, KeyError):
+            command = json.loads(text.split(b"\0")[0])["command"]
         is_known = isinstance(command, str) and command in SCHEMA["$defs"]["requests"]
-        if self.checks_requests and len(text) < LONGEST:
+        if self.checks_requests:
             assert is_known, f"no host should send {text[:500]!r}"
             conform(f"requests/{command}", text.decode(errors="surrogateescape"))
         self.asked.append(f"responses/{command}" if is_known else "response")
@@ -144,20 +143,16 @@ class Host(Helper):
 
     def response(self):
         try:
-            answer = super().response()
+            return super().response()
         except queue.Empty:
             raise AssertionError("the helper does not answer") from None
-        self.history.append(answer)
-        return answer
 
     def next_event(self):
         """Adds output to `output`."""
         try:
             event = super().next_event()
         except queue.Empty:
-            raise AssertionError(
-                f"no event comes, after the output {self.output[-200:]!r}"
-            ) from None
+            raise AssertionError("no event comes") from None
         self.history.append(event)
         self.output += bytes.fromhex(event.get("output", "")).decode()
         return event
@@ -199,14 +194,14 @@ class Host(Helper):
         """Takes the next state event, which must be this one."""
         while (event := self.next_event())["type"] != "state":
             pass
-        assert event["state_desc"] == name, f"after the output {self.output[-200:]!r}"
+        assert event["state_desc"] == name
         return event
 
     def await_output(self, end):
         """Takes events until the program's output ends so. No state may come before that."""
         while not self.output.endswith(end):
             event = self.next_event()
-            assert event["type"] != "state", f"before {end!r}, after {self.output[-200:]!r}"
+            assert event["type"] != "state", f"{event} before {end!r}"
 
     def rest(self):
         """The events that have arrived and were not taken."""
@@ -249,9 +244,9 @@ class Host(Helper):
         self.resume_only()
         self.await_output("ready\r\n")
 
-    def run_session(self, program, args="", **more):
+    def run_session(self, program):
         """Runs a program from the launch to the deletion. Returns its output and exit status."""
-        self.launch(program, args, **more)
+        self.launch(program)
         status = self.resume("eStateExited")["exit_status"]
         self.ok("deleteProcess")
         return self.output, status

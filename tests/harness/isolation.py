@@ -48,6 +48,5 @@ def surroundings():
             signal.pthread_sigmask(signal.SIG_SETMASK, mask)
             for number, handler in handlers.items():
                 signal.signal(number, handler)
-            resource.setrlimit(
-                resource.RLIMIT_CORE, core_limit
-            )  # fails if a test lowered the hard limit
+            # Fails if a test lowered the hard limit.
+            resource.setrlimit(resource.RLIMIT_CORE, core_limit)
