@@ -91,6 +91,21 @@ def test_a_large_read_keeps_the_persons_setting_and_the_selected_frame(host):
 
 
 @pytest.mark.linux("the program needs userfaultfd")
+def test_a_stack_follows_the_registers_that_were_set(host):
+    """Another stack pointer has another return address, or none."""
+    host.launch("steps")
+    host.run_to("leaf")
+    before = host.stack()
+    host.ok("setRegister", register=PC, value=hex(host.address("middle")))
+    after = host.stack()
+    assert (after[0]["function"], after[0]["pc"]) == ("middle", host.address("middle"))
+    assert after[1] == before[1]
+    host.ok("setRegister", register=STACK_POINTER, value=hex(stack_pointer(host) + 8))
+    assert host.stack()[1:2] != before[1:2]
+    host.cli(f"register write {PC} {host.address('leaf')}")
+    assert host.stack()[0]["function"] == "leaf"
+
+
 def test_the_stack_is_not_read_past_its_end(host):
     """Memory follows that nobody fills: who reads it never returns."""
     host.launch("edge")

@@ -10,10 +10,16 @@ Json DebugSession::getRegisters() {
 }
 
 Json DebugSession::setRegister(const std::string &name, const std::string &value) {
-  lldb::SBValue found = process.GetSelectedThread().GetSelectedFrame().FindRegister(name.c_str());
+  lldb::SBFrame frame = process.GetSelectedThread().GetSelectedFrame();
+  lldb::SBValue found = frame.FindRegister(name.c_str());
   if (!found.IsValid()) return errorResponse(__func__, "register not found");
   lldb::SBError error;
   if (!found.SetValueFromCString(value.c_str(), error))
     return errorResponse(__func__, "cannot set the register value: " + errorText(error));
+  // LLDB keeps the frames that it has unwound from the old value. It drops them when the program
+  // counter is set, to the value that it has by now. Those of an outer frame's saved registers
+  // stay.
+  const lldb::addr_t pc = frame.FindRegister("pc").GetValueAsUnsigned(LLDB_INVALID_ADDRESS);
+  if (frame.GetFrameID() == 0 && pc != LLDB_INVALID_ADDRESS) frame.SetPC(pc);
   return okResponse();
 }
