@@ -45,9 +45,9 @@ Json DebugSession::removeAllBreakpoints() {
 /// process runs. No stopped event follows then, and hosts go by that.
 Json DebugSession::step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin) {
   lldb::SBThread thread = process.GetSelectedThread();
-  // The selected thread is invalid while the process runs. Stepping an invalid thread does nothing.
-  // Stepping a valid one then would queue a plan, and LLDB 14 to 19 show stale registers at the
-  // next stop.
+  // LLDB returns no valid thread while it knows that the process runs, and to step an invalid one
+  // does nothing. After a restarted stop it may return a valid one although the process runs. To
+  // step that would queue a plan, and LLDB 14 to 19 show stale registers at the next stop.
   if (!thread.IsValid() || !runControl.mayResume(process)) return okResponse();
   lldb::SBError error;
   runControl.setStepped(thread.GetThreadID());

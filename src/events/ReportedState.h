@@ -79,8 +79,9 @@ class ReportedState {
   bool hasHiddenStop = false;  ///< the last state taken in is a stop that was hidden
 
   std::atomic<std::uint32_t> hiddenProcess = noProcess;  ///< written by the main thread
-  /// Written by the event thread for each state, and by the main thread when it resumes. The main
-  /// thread resumes only a stopped process, whose states have all been taken in.
+  /// Written by the event thread for each state, and by the main thread when it resumes. A host
+  /// resumes after it has received the stop, whose state has been taken in then. After a resume by
+  /// LLDB's command line the two may cross: the value may be wrong until the next state.
   std::atomic<bool> running = false;
 
   Mutex mutex;  ///< nobody holds it during a call into LLDB

@@ -24,13 +24,15 @@ class RunControl {
   /// Returns when the first state of the process has been sent to the host.
   void waitForFirstState();
 
-  /// Returns when no state change of `process` is queued or being handled, and none is still to
-  /// come from a resume that LLDB has begun. `process` may be invalid.
+  /// Returns when no state change of `process` is queued, the event thread has taken in its last
+  /// stop, and none is still to come from a resume that LLDB has begun. The message of the state
+  /// taken last may still be on its way. `process` may be invalid.
   void waitForQueuedStates(lldb::SBProcess process);
 
-  /// Whether `process` may be resumed: not while LLDB's state is running. Waits for a stop whose
-  /// event is being taken. Returns true when that takes too long, when there is no event thread,
-  /// and in all other states, where LLDB's own error is the answer.
+  /// Whether the main thread may resume `process`. True when ReportedState says that it does not
+  /// run. If that says that it runs, LLDB's state decides: false for "running"; for "stopped" the
+  /// stop's event is being taken, and this waits for it; true for all others, where LLDB's own
+  /// error is the answer. Also true when the wait takes too long and when there is no event thread.
   ///
   /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
   /// process runs. It then holds that resume for the next stop, and the process never stops again.

@@ -108,8 +108,8 @@ class DebugSession {
   Json moduleForFile(const std::string &file);
 
  private:
-  /// Whether LLDB's own debug server runs `process`: it was launched or attached to, and not
-  /// connected to.
+  /// Whether createProcess or attachToProcess started `process`, so that LLDB's own debug server
+  /// runs it. False also for a process that LLDB's command line started: false is always safe.
   bool hasOwnServer();
 
   /// Creates LLDB's target for `executablePath` and `triple`. Returns an invalid target and fills
@@ -152,8 +152,8 @@ class DebugSession {
   void giveUpConnection();
 
   /// Returns when `process` is attached to and its first state, mostly a stop, is taken and
-  /// reported, so that the host's next request acts on the real state. Gives up two seconds after
-  /// the attaching. Needs the event thread.
+  /// reported, so that the host's next request acts on the real state. Waits for the attaching
+  /// without a bound, and then for the state for at most two seconds. Needs the event thread.
   void waitUntilStarted();
 
   MessageChannel channel;
@@ -173,7 +173,7 @@ class DebugSession {
   std::string triple = "x86_64-apple-macosx";
   bool is64Bits = true;  ///< as the host gave it last; LLDB goes by the triple
 
-  /// LLDB's unique id of the last launched or attached process. 0: none yet.
+  /// LLDB's unique id of the last process of createProcess or attachToProcess. 0: none yet.
   std::uint32_t processOfOwnServer = 0;
   RegisterReader registerReader;
   std::unique_ptr<InferiorInput> inferiorInput;  ///< null until the first sendToApplication
