@@ -119,7 +119,8 @@ int main(int argc, char **argv) {
     DebugSession session(streams.input, streams.output, consoleMode);
     session.run();
   }
-  // atexit alone would run it after LLDB's static objects are destroyed, which crashes LLDB 22.
+  // Here, because atexit runs it after LLDB's static objects are destroyed, which crashes LLDB 22.
+  // The second call does nothing.
   lldb::SBDebugger::Terminate();
   return 0;
 }

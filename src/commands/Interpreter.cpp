@@ -45,8 +45,8 @@ Json DebugSession::sendToApplication(const Json::array &data) {
   std::string bytes;
   bytes.reserve(data.size());
   for (const Json &item : data) bytes += static_cast<char>(item.intValue() & 0xff);
-  // LLDB's command line may have replaced the process. The pty of the earlier one closes with its
-  // last handle, which is the writer's.
+  // LLDB's command line may have replaced the process. The earlier writer ends first: it holds the
+  // last handle of its process and so keeps that pty open, and the new writer would find that one.
   if (inferiorInput && !inferiorInput->isFor(process)) inferiorInput.reset();
   if (!inferiorInput) inferiorInput = std::make_unique<InferiorInput>(process);
   inferiorInput->write(std::move(bytes));

@@ -16,9 +16,9 @@ Json DebugSession::setRegister(const std::string &name, const std::string &value
   lldb::SBError error;
   if (!found.SetValueFromCString(value.c_str(), error))
     return errorResponse(__func__, "cannot set the register value: " + errorText(error));
-  // LLDB keeps the frames that it has unwound from the old value. It drops them when the program
-  // counter is set, to the value that it has by now. Those of an outer frame's saved registers
-  // stay.
+  // LLDB keeps the frames that it has unwound with the old value, and drops them only when the
+  // program counter is set. So this sets it to the value that it already has. In an outer frame
+  // that would change the program: the frames unwound before stay as they were.
   const lldb::addr_t pc = frame.FindRegister("pc").GetValueAsUnsigned(LLDB_INVALID_ADDRESS);
   if (frame.GetFrameID() == 0 && pc != LLDB_INVALID_ADDRESS) frame.SetPC(pc);
   return okResponse();

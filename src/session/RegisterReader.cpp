@@ -141,7 +141,9 @@ Json::object RegisterReader::read(lldb::SBProcess process, lldb::SBFrame frame, 
   processOfSets = process.GetUniqueID();
   const bool usesFormatted = isFormattedTextUsable(process, hasOwnServer);
   std::string formatted = usesFormatted ? formatRegisters(frame) : "";
-  // A register of the program before an exec has no text now, nor has one of an outer frame.
+  // An empty line has two causes: the name is of the program before an exec, or LLDB cannot recover
+  // the register in an outer frame. Only the first makes the names stale. Without formatted text
+  // nothing hints at it, so the names are always compared.
   if ((!usesFormatted || hasEmptyLine(formatted)) && !areNamesCurrent(values)) {
     findNames(values);
     formatted.clear();
