@@ -189,8 +189,9 @@ def server(*command):
 
     def is_listening():
         """Without connecting, which would use up the server's one connection."""
-        connections = psutil.Process(program.pid).connections()
-        return any(one.status == psutil.CONN_LISTEN for one in connections)
+        process = psutil.Process(program.pid)
+        ask = getattr(process, "net_connections", None) or process.connections  # before psutil 6
+        return any(one.status == psutil.CONN_LISTEN for one in ask())
 
     eventually(is_listening, f"{command[0]} listens on port {port}")
     return port
