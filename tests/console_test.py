@@ -36,7 +36,7 @@ SCRIPTS = {
         ("bt", r"frame #1: \S+ steps`middle.*\n.*steps`main"),
         ("si", rf"\* stopped: instruction step into; {AT_LEAF}\d\n"),
         ("regs", rf"(?s)(rax.*?rbx|x0.*?x1).*?\* *{PC} 0x[0-9a-f]{{16}}"),
-        ("regs all", r"(?s)(rax.*?fs_base|x0.*?fpcr)"),
+        ("regs all", r"(?s)(rax.*?\bgs = |x0.*?fpcr)"),
         ("info reg pc", rf" {PC} = 0x"),
         ("s", rf"\* stopped: step in; {AT_LEAF}8\n"),
         ("x $sp\nx\nx main+4", r"(0x[0-9a-f]+: ([0-9a-f]{2} ){16}.*\n){12}"),
