@@ -110,7 +110,7 @@ int main(int argc, char **argv) {
   platform::keepDescriptorsPrivate(fileno(streams.input), fileno(streams.output));
 
   lldb::SBDebugger::Initialize();
-  std::atexit(lldb::SBDebugger::Terminate);
+  std::atexit(lldb::SBDebugger::Terminate);  // for an exit that does not come to the end of main
 
   platform::openLog();
   LOG_RECORD("\n\n-------------- STARTING --------------\n");

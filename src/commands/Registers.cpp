@@ -18,7 +18,7 @@ Json DebugSession::setRegister(const std::string &name, const std::string &value
     return errorResponse(__func__, "cannot set the register value: " + errorText(error));
   // LLDB keeps the frames that it has unwound with the old value, and drops them only when the
   // program counter is set. So this sets it to the value that it already has. In an outer frame
-  // that would change the program: the frames unwound before stay as they were.
+  // that would change the program, so it is not set there, and LLDB keeps the unwound frames.
   const lldb::addr_t pc = frame.FindRegister("pc").GetValueAsUnsigned(LLDB_INVALID_ADDRESS);
   if (frame.GetFrameID() == 0 && pc != LLDB_INVALID_ADDRESS) frame.SetPC(pc);
   return okResponse();

@@ -24,15 +24,17 @@ class RunControl {
   /// Returns when the first state of the process has been sent to the host.
   void waitForFirstState();
 
-  /// Returns when no state change of `process` is queued, the event thread has taken in its last
-  /// stop, and none is still to come from a resume that LLDB has begun. The message of the state
+  /// Returns when no state change of `process` is queued and, if LLDB's state is "stopped", that is
+  /// true: the event thread has taken the stop in, and LLDB has not begun a resume whose running
+  /// state is still to come. Does not wait for a running process to stop. The message of the state
   /// taken last may still be on its way. `process` may be invalid.
   void waitForQueuedStates(lldb::SBProcess process);
 
   /// Whether the main thread may resume `process`. True when ReportedState says that it does not
-  /// run. If that says that it runs, LLDB's state decides: false for "running"; for "stopped" the
-  /// stop's event is being taken, and this waits for it; true for all others, where LLDB's own
-  /// error is the answer. Also true when the wait takes too long and when there is no event thread.
+  /// run. If that says that it runs, LLDB's state decides: false for "running"; for "stopped" an
+  /// event is still to be taken in, of this stop, or of the running state after a restarted one,
+  /// and this waits for it; true for all others, where LLDB's own error is the answer. Also true
+  /// when the wait takes too long and when there is no event thread.
   ///
   /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
   /// process runs. It then holds that resume for the next stop, and the process never stops again.

@@ -42,7 +42,8 @@ class DebugSession {
   virtual ~DebugSession();
 
   /// Answers requests until the end of input. Every request gets exactly one response, or the "EOF"
-  /// message when something outside its handler fails: memory that runs out.
+  /// message when something outside its handler fails: memory that runs out. If that is the memory
+  /// for a frame's text, the text stays unread and is taken for frames: the session is lost.
   void run();
 
   /// Returns the response to one decoded request, never null. Answers a command that lacks what it

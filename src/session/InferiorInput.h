@@ -12,8 +12,10 @@
 ///
 /// LLDB must not wait either. While LLDB writes to the program's pty it neither reads the program's
 /// output nor reports its stops: LLDB 22 holds a lock during the write, and retries for ever on a
-/// full pty. So LLDB is asked to write only when the pty has room: a text of at most 256 bytes at
-/// once, a longer one byte by byte. A remote stub has no pty here, and nothing is checked.
+/// full pty. So LLDB is asked to write only when the pty has room for a byte. A longer text than
+/// 256 bytes goes byte by byte. A shorter one goes at once, which keeps an escape sequence whole,
+/// although the pty may lack room for all of it. A remote stub has no pty here, and nothing is
+/// checked.
 ///
 /// For the main thread only.
 class InferiorInput {

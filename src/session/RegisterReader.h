@@ -12,9 +12,11 @@
 
 /// Reads the registers of a frame as texts. For the main thread only.
 ///
-/// A register's text is the text of its SBValue. LLDB takes 8 microseconds to make one, and there
-/// are more than a hundred. LLDB 18 and later format all registers at once in a tenth of the time,
-/// through an SBFormat. The formatted text is taken if it is the value's text:
+/// A register's text is the text of its SBValue. If that has none, it is "0x" and the bytes, the
+/// last one in memory first, or "<error>" if the bytes cannot be read. LLDB takes 8 microseconds to
+/// make an SBValue, and there are more than a hundred. LLDB 18 and later format all registers at
+/// once in a tenth of the time, through an SBFormat. The formatted text, a vector's brought into
+/// the form above, is taken if it is the value's text:
 ///
 /// - It is a number, or a vector of numbers, in hexadecimal digits.
 /// - It was the value's text when the two were compared, at the first chance for each register of a
