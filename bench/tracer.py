@@ -3,7 +3,7 @@ times. script/bench --tracer calls it, with LLDB_DEBUGSERVER_PATH set for LLDB's
 
 tracer.py HELPER TARGET LLDB-PYTHON GDB     prints a table: the medians of five rounds
 
-Each way is the script that a user of that debugger would write, in Python. lldb-helper's script runs beside
+For x86-64. Each way is the script that a user of that debugger would write, in Python. lldb-helper's script runs beside
 it, the others within their debugger. LLDB-PYTHON is the folder of LLDB's module.
 """
 
@@ -172,6 +172,7 @@ def time_gdb(gdb, target, names):
 
 def time_lldb(folder, target, names):
     script = LLDB.format(target=target, names=names, steps=STEPS)
+    # LLDB's packages are built for the system's Python.
     environment = {**os.environ, "PYTHONPATH": folder}
     return seconds_printed(["/usr/bin/python3", "-c", script], env=environment)
 

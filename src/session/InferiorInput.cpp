@@ -110,8 +110,8 @@ void InferiorInput::writeWhenReady(const Queue &queue, lldb::SBProcess &process,
   do {
     while (!platform::isReady(queue.pty, platform::Use::Write, roomWait))
       if (queue.closed) return;
-    // A copy, which has a terminator right behind it. LLDB formats the argument of each call as a C
-    // string, logged or not: without the copy all of the text that is left, for each byte.
+    // The copy ends with a zero byte. LLDB formats the argument of each call as a C string, logged
+    // or not. Without the copy it would format all of the remaining text for each byte.
     const std::string piece(text.substr(0, pieceSize));
     // LLDB returns 0, however much it wrote.
     process.PutSTDIN(piece.data(), piece.size());
