@@ -1,6 +1,7 @@
-"""Connects pytest with tests/harness: isolation, the `host`, and the marks."""
+"""Connects pytest with tests/harness: isolation, the `host`, the marks, and docs/transcripts."""
 
 import json
+import sys
 
 import pytest
 from harness import machine
@@ -35,6 +36,35 @@ def isolation(request, sanitizer_options):
     with surroundings() as folder:
         yield folder
     machine.set_portable(False)
+
+
+class Transcript(pytest.Item):
+    """A page of docs/transcripts. It fails where the program no longer sends what the page shows."""
+
+    def runtest(self):
+        if not machine.IS_LINUX:
+            pytest.skip("the pages show sessions on Linux")
+        recorder = f"{machine.SOURCE}/script/record-transcripts"
+        command = [sys.executable, "-B", recorder, "--check", str(self.path)]
+        shown, status = machine.run(command, LLDB_HELPER_BUILD=machine.BUILD)
+        needs_more = 77
+        if status == needs_more:
+            pytest.skip(shown)
+        if status != 0:
+            pytest.fail(shown, pytrace=False)
+
+    def reportinfo(self):
+        return self.path, None, f"a session as {self.path.name} shows it"
+
+
+class Page(pytest.File):
+    def collect(self):
+        yield Transcript.from_parent(self, name="session")
+
+
+def pytest_collect_file(file_path, parent):
+    if file_path.match("docs/transcripts/*.md"):
+        return Page.from_parent(parent, path=file_path)
 
 
 @pytest.fixture

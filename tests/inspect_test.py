@@ -142,6 +142,10 @@ def test_a_frame_in_the_kernels_own_code_belongs_to_its_module(host):
     host.cli(f"register write {PC} {loaded['loadAddr']}")
     frame = host.stack()[0]
     assert (frame["filename"], frame["uuid"]) == ("[vdso]", vdso["uuid"])
+    list(host.rest())
+    host.cli("target modules load --file [vdso] --slide 4096")  # LLDB reports what it has placed
+    (reported,) = host.next_event()["modules"]
+    assert (reported["directory"], reported["file"]) == ("", "[vdso]")
 
 
 def peak_memory(host):

@@ -63,6 +63,10 @@ def test_a_launch_before_any_preparation_is_for_the_first_triple_of_a_session(ho
     message = host.ask("createProcess")["message"]
     assert message == "cannot create process: the platform is not currently connected"
     assert host.ask("getProcessState") == error("no target")
+    # A refused attach, too, brings an executable and its triple.
+    refused = host.ask("attachToProcess", pid=0, executable=inferior("hello"), triple="")
+    assert refused["status"] == "error"
+    host.ok("createProcess")
 
 
 @pytest.mark.slow
