@@ -6,7 +6,6 @@
 //   plain stack             pc, function, module
 //   plain threads           id, stop reason
 //   plain modules           file, UUID, then each section's name and four numbers
-//   plain memory ADDRESS N  the bytes
 //   plain selected          thread's id, frame's index
 #include <lldb/API/LLDB.h>
 
@@ -89,16 +88,6 @@ std::string modules(lldb::SBTarget target) {
   return lines;
 }
 
-std::string memory(lldb::SBProcess process, uint64_t address, size_t size) {
-  std::vector<uint8_t> bytes(size);
-  lldb::SBError error;
-  process.ReadMemory(address, bytes.data(), size, error);
-  if (error.Fail()) return "-\n";
-  std::string line;
-  for (const uint8_t byte : bytes) line += std::to_string(byte) + "\t";
-  return line + "\n";
-}
-
 class Plain : public lldb::SBCommandPluginInterface {
  public:
   bool DoExecute(lldb::SBDebugger debugger, char **words,
@@ -106,16 +95,14 @@ class Plain : public lldb::SBCommandPluginInterface {
     lldb::SBTarget target = debugger.GetSelectedTarget();
     lldb::SBProcess process = target.GetProcess();
     lldb::SBThread thread = process.GetSelectedThread();
-    uint64_t numbers[2] = {};
     const std::string what = words != nullptr && words[0] != nullptr ? words[0] : "";
-    for (int at = 0; at < 2 && !what.empty() && words[at + 1] != nullptr; ++at)
-      numbers[at] = std::strtoull(words[at + 1], nullptr, 0);
+    const char *frame = !what.empty() && words[1] != nullptr ? words[1] : "0";
     std::string text;
-    if (what == "registers") text = registers(thread, static_cast<uint32_t>(numbers[0]));
+    if (what == "registers")
+      text = registers(thread, static_cast<uint32_t>(std::strtoul(frame, nullptr, 0)));
     if (what == "stack") text = stack(thread);
     if (what == "threads") text = threads(process);
     if (what == "modules") text = modules(target);
-    if (what == "memory") text = memory(process, numbers[0], numbers[1]);
     if (what == "selected")
       text = std::to_string(thread.GetThreadID()) +
              part(uint64_t{thread.GetSelectedFrame().GetFrameID()}) + "\n";

@@ -7,7 +7,7 @@ import threading
 
 import psutil
 import pytest
-from harness import machine
+from harness import linux, machine
 from harness.checking import OK, Host
 from harness.machine import HELPER, descendants, eventually, inferior, is_gone, read
 
@@ -168,7 +168,7 @@ def test_a_long_input_arrives_whole(host):
 @pytest.mark.linux("/proc shows threads and the time that they take")
 @pytest.mark.parametrize(
     "texts",
-    [[b"nobody reads this line\n" * 20000] * 2, [b"x" * 255 + b"\n"] * 60],
+    [[b"nobody reads this line\n" * 20000] * 2, [b"x" * 250 + b"\n"] * 400],
     ids=["two long texts", "many short texts"],
 )
 def test_a_program_that_does_not_read_holds_up_neither_requests_nor_lldb(host, texts):
@@ -187,6 +187,7 @@ def test_a_program_that_does_not_read_holds_up_neither_requests_nor_lldb(host, t
     for text in texts:
         host.ok("sendToApplication", data=list(text))
     eventually(is_at_rest, "the helper rests: nothing can be written")
+    assert linux.are_ptys_non_blocking(host.pid)
     for _ in range(3):
         host.ok("breakExecution")
         host.state("eStateStopped")

@@ -11,7 +11,7 @@ bool isNameByte(char byte) {
 }
 
 /// Reads the entries of one environment text. Each function reads its part of the grammar from the
-/// front of `rest`; one that returns bool returns false at a malformed entry.
+/// front of `rest`. A parse function returns false at a malformed entry.
 class EnvironmentParser {
  public:
   explicit EnvironmentParser(std::string_view text) : rest(text) {}

@@ -11,7 +11,7 @@ using EnvironmentEntry = std::pair<std::string, std::string>;
 /// Splits a command line into words. White space separates words. Double quotes keep white space
 /// and are dropped; a quote that is never closed runs to the end. Empty quotes make no word.
 ///
-/// A backslash stays in the word, and the byte after it is dropped:
+/// A backslash stays in the word, and the byte after it is dropped. Examples:
 ///   one "two three"   two words
 ///   x"y z"w           the word  xy zw
 ///   a\"b and a\ b     both the word  a\b

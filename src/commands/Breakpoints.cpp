@@ -41,13 +41,14 @@ Json DebugSession::removeAllBreakpoints() {
 
 /// Calls `begin` to step the selected thread of a stopped process.
 ///
-/// Deliberate: answers "ok" also when no step can begin, because no thread is selected or the
-/// process runs. No stopped event follows then, and hosts go by that.
+/// Deliberate: answers "ok" also when no step begins: no thread is selected, the process runs, or
+/// LLDB refuses. Hosts wait for a step's events, not for its response, and without a step there is
+/// no running event.
 Json DebugSession::step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin) {
   lldb::SBThread thread = process.GetSelectedThread();
-  // LLDB returns no valid thread while it knows that the process runs, and to step an invalid one
-  // does nothing. After a restarted stop it may return a valid one although the process runs. To
-  // step that would queue a plan, and LLDB 14 to 19 show stale registers at the next stop.
+  // LLDB returns no valid thread while it knows that the process runs. After a restarted stop it
+  // may return a valid one although the process runs. A step would queue a plan in that thread, and
+  // LLDB 14 to 19 show stale registers at the next stop.
   if (!thread.IsValid() || !runControl.mayResume(process)) return okResponse();
   lldb::SBError error;
   runControl.setStepped(thread.GetThreadID());

@@ -18,8 +18,8 @@ class EventThread {
   ~EventThread() = default;
 
   /// Begins to listen to `target` and its process, and starts the thread, which misses no event and
-  /// no request to end. No thread may run yet. `channel` and `reportedState` must outlive it.
-  /// Throws std::system_error, and no longer listens, when no thread can be started.
+  /// no request to end. The thread must not run already. `channel` and `reportedState` must outlive
+  /// it. Throws std::system_error, and no longer listens, when no thread can be started.
   void start(lldb::SBTarget target, MessageChannel &channel, ReportedState &reportedState);
 
   /// Ends a running thread and joins it.
@@ -29,7 +29,8 @@ class EventThread {
   /// or within a second if there is none.
   void requestEnd() { stopEventThread = true; }
 
-  /// Has the thread report the last stop, if that was hidden and the process is still there.
+  /// Has the thread report the last stop, if that stop was hidden and no other state has come
+  /// since.
   void reportHiddenStop() { ownBroadcaster.BroadcastEventByType(EventMonitor::hiddenStopBit); }
 
   bool isRunning() const { return thread.joinable(); }

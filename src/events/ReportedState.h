@@ -10,10 +10,10 @@
 
 #include "platform/Mutex.h"
 
-/// The process's state as the host knows it: decides which states LLDB's events become messages,
-/// and whether the process runs. The event thread and the main thread share it.
+/// The state of the process as the host knows it. It decides which of LLDB's states become
+/// messages, and it knows whether the process runs. The event thread and the main thread share it.
 ///
-/// LLDB's own state of the process cannot answer either. It changes when an event is taken from the
+/// LLDB's own state of the process serves for neither. It changes when an event is taken from the
 /// listener, before the message is sent. And it is "stopped" after a stop that LLDB has resumed
 /// already. The event of such a stop is marked as restarted. LLDB restarts after forks, after
 /// signals that are set not to stop, and at breakpoints whose condition is false.
@@ -80,8 +80,9 @@ class ReportedState {
 
   std::atomic<std::uint32_t> hiddenProcess = noProcess;  ///< written by the main thread
   /// Written by the event thread for each state, and by the main thread when it resumes. A host
-  /// resumes after it has received the stop, whose state has been taken in then. After a resume by
-  /// LLDB's command line the two may cross: the value may be wrong until the next state.
+  /// resumes after it has received the stop, so no state is queued then. A resume by LLDB's command
+  /// line may leave a state queued while the host resumes: the value may be wrong until the next
+  /// state.
   std::atomic<bool> running = false;
 
   Mutex mutex;  ///< nobody holds it during a call into LLDB

@@ -12,7 +12,8 @@ using Clock = std::chrono::steady_clock;
 constexpr auto bound = 2s;
 constexpr auto pollPeriod = 100us;
 
-/// LLDB drops an interrupt that arrives while it resumes the process after a restarted stop.
+/// How often haltProcess interrupts the process. LLDB drops an interrupt that arrives while it
+/// resumes the process after a restarted stop.
 constexpr auto interruptPeriod = 100ms;
 
 void waitWhile(const std::function<bool()> &holds) {
@@ -20,7 +21,8 @@ void waitWhile(const std::function<bool()> &holds) {
   while (holds() && Clock::now() < end) std::this_thread::sleep_for(pollPeriod);
 }
 
-/// LLDB returns no valid thread from a resume until the event of the next stop is taken.
+/// Whether LLDB returns no valid thread. It returns none in the time between a resume and the
+/// taking of the next stop's event.
 bool hasNoThread(lldb::SBProcess &process) { return !process.GetSelectedThread().IsValid(); }
 
 bool runsForLldb(lldb::SBProcess &process) {

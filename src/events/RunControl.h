@@ -10,8 +10,9 @@
 /// What the main thread does before it resumes or ends the process: it waits until the event thread
 /// has taken the events that LLDB has queued. All members are for the main thread.
 ///
-/// The functions that wait give up after two seconds. By then the host does not read, or the
-/// process does not stop, and LLDB's own limits apply.
+/// Each wait gives up after two seconds: the host does not read then, or the process does not stop.
+/// haltProcess has two waits. What the caller does next may wait once more, inside LLDB
+/// (docs/reliability.md has LLDB's times).
 ///
 /// A process that LLDB's command line launches after a refused connection has no event thread. Then
 /// these functions take LLDB's events themselves and drop them, so that LLDB's state follows the
@@ -24,17 +25,23 @@ class RunControl {
   /// Returns when the first state of the process has been sent to the host.
   void waitForFirstState();
 
-  /// Returns when no state change of `process` is queued and, if LLDB's state is "stopped", that is
-  /// true: the event thread has taken the stop in, and LLDB has not begun a resume whose running
-  /// state is still to come. Does not wait for a running process to stop. The message of the state
-  /// taken last may still be on its way. `process` may be invalid.
+  /// Returns when no state change of `process` is queued and LLDB's state of it is up to date. A
+  /// "stopped" is up to date when the event thread has taken the stop in, and LLDB has not resumed
+  /// the process since.
+  ///
+  /// Does not wait for a running process to stop. The message of the last state may still be on its
+  /// way. `process` may be invalid.
   void waitForQueuedStates(lldb::SBProcess process);
 
-  /// Whether the main thread may resume `process`. True when ReportedState says that it does not
-  /// run. If that says that it runs, LLDB's state decides: false for "running"; for "stopped" an
-  /// event is still to be taken in, of this stop, or of the running state after a restarted one,
-  /// and this waits for it; true for all others, where LLDB's own error is the answer. Also true
-  /// when the wait takes too long and when there is no event thread.
+  /// Whether the main thread may resume `process`. True when ReportedState says that the process
+  /// does not run. Otherwise LLDB's state decides:
+  ///
+  /// - "running": false.
+  /// - "stopped": waits for the event that is still to come. It is that of the stop, or that of the
+  ///   running state after a restarted stop.
+  /// - any other, such as "exited": true. LLDB refuses the resume with its own error.
+  ///
+  /// Also true when the wait takes too long and when there is no event thread.
   ///
   /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
   /// process runs. It then holds that resume for the next stop, and the process never stops again.
@@ -57,11 +64,15 @@ class RunControl {
   /// Stops `process` so that LLDB can end it, and hides its stops, because the host asked for its
   /// end. Call it before SBProcess::Kill, Detach and Destroy.
   ///
-  /// These go by LLDB's state of the process. Right after a resume that is still "stopped": they
-  /// free what LLDB's own thread uses, and LLDB 22 crashes. Right after a stop it is still
-  /// "running": LLDB 14 to 22 wait 20 seconds for a stop that has happened. And while another
-  /// thread selects a thread they can wait for each other for ever, so the stepped thread is
-  /// forgotten.
+  /// Kill, Detach and Destroy believe LLDB's state of the process, which comes late:
+  ///
+  /// - Right after a resume it is still "stopped". They free what LLDB's own thread uses, and LLDB
+  ///   22 crashes.
+  /// - Right after a stop it is still "running". LLDB 14 to 22 wait 20 seconds for the stop, which
+  ///   has happened.
+  ///
+  /// A Kill and the event thread can also wait for each other for ever, if the event thread selects
+  /// the stepped thread meanwhile. So the stepped thread is forgotten.
   void haltProcess(lldb::SBProcess process);
 
  private:

@@ -46,8 +46,8 @@ class JsonBytes {
 
 /// One immutable JSON value: a handle to a shared payload that never changes.
 ///
-/// Copying costs one atomic increment. Handles to one payload may be copied and destroyed on
-/// different threads. To change a value, build a new Json::object or Json::array and wrap it.
+/// Copying costs at most one atomic increment. Handles to one payload may be copied and destroyed
+/// on different threads. To change a value, build a new Json::object or Json::array and wrap it.
 ///
 /// A number has one of three forms: signed 32-bit, double or unsigned 64-bit. All three are of the
 /// kind Number. The form decides how the value is written and how the accessors convert it.
@@ -132,8 +132,8 @@ class Json::object {
   using value_type = std::pair<std::string, Json>;
   using const_iterator = std::vector<value_type>::const_iterator;
 
-  /// Frames and sections have at most this many members, and most objects are of these two sorts.
-  /// The first member reserves room for all.
+  /// Most objects describe a stack frame or a section of a module, and have at most this many
+  /// members. The first member reserves room for all.
   static constexpr std::size_t usualCount = 5;
 
   object() = default;

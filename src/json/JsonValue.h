@@ -4,14 +4,16 @@
 
 class JsonWriter;
 
-/// The payload of a Json: one concrete class for each kind and number form. The base class
-/// answers every question with the default; a concrete class overrides only what its kind answers.
+/// The payload of a Json. Each kind has a concrete class; Number has one for each form, and Array a
+/// second one for JsonBytes. The base class answers every question with the default; a concrete
+/// class overrides only what its kind answers.
 class JsonValue {
  public:
   virtual JsonType type() const = 0;
-  /// `other` has the same type(), in both.
+  // Both are called only with an `other` of the same type().
   virtual bool equals(const JsonValue &other) const = 0;
   virtual bool less(const JsonValue &other) const = 0;
+
   virtual void dump(JsonWriter &out) const = 0;
   virtual double numberValue() const;
   virtual std::int32_t intValue() const;

@@ -43,7 +43,7 @@ constexpr std::array<ByteText, 256> makeByteTexts() {
 }
 constexpr std::array<ByteText, 256> byteTexts = makeByteTexts();
 
-/// The last item has no separator after it.
+/// The size of ", ", which stands after every item but the last.
 constexpr std::size_t separatorSize = 2;
 
 }  // namespace

@@ -6,7 +6,8 @@
 #include <string>
 #include <string_view>
 
-/// Appends the text of scalars to a string. Json.cpp builds arrays and objects from these.
+/// Appends the text of scalars and of byte arrays to a string. Json.cpp builds all other arrays and
+/// the objects from these.
 ///
 /// The text of a message consists of very many short pieces. Appending each to the string would
 /// check the string's room each time, so the writer collects them in a buffer. The string is

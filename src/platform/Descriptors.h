@@ -12,9 +12,9 @@ namespace platform {
 /// lldb-server nor the inferior can keep the host's pipes open or write to them.
 void keepDescriptorsPrivate(int input, int output);
 
-/// Finds the master side of the inferior's pty, which LLDB has opened: the first pty that was
-/// opened in this process after keepDescriptorsPrivate. Makes it non-blocking, so that LLDB's own
-/// writes no longer wait for room either. Returns a duplicate, which the caller closes, or -1 when
+/// Finds the master side of the inferior's pty, which LLDB has opened: the first pty among
+/// openDescriptors() that keepDescriptorsPrivate has not seen. Makes it non-blocking, so that a
+/// write of LLDB's to a full pty returns. Returns a duplicate, which the caller closes, or -1 when
 /// there is no such pty.
 int unblockAndDuplicateInferiorPty();
 
@@ -28,17 +28,17 @@ bool isReady(int descriptor, Use use, std::chrono::milliseconds time);
 /// isReady does not know them.
 bool hasBufferedInput(FILE *stream);
 
-/// Returns the open descriptors. Where the system does not list them, returns those up to its limit
-/// or 65,536.
+/// Returns the numbers of the open descriptors. Where the system does not list them, returns every
+/// number below its limit, open or not, and at most 65,536.
 std::vector<int> openDescriptors();
 
 /// Shuts down every open stream socket that is not in `known`. Whoever waits for the peer wakes up
 /// and fails. The descriptors stay open for their owner to close.
 void shutDownSockets(const std::vector<int> &known);
 
-/// Whether LLDB can be given this path as a program. It would wait for ever for a pipe, a terminal
-/// and a device without end. Whatever else is no program LLDB refuses itself, a missing file and a
-/// device that ends or fails at once included.
+/// Whether LLDB can be given this path as a program. LLDB waits for ever for a pipe, a terminal and
+/// a device without end: false for these. True for all other paths, because LLDB itself refuses
+/// what is no program.
 bool isSafeToOpen(const std::string &path);
 
 }  // namespace platform

@@ -50,10 +50,12 @@ void logToSyslog(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
 
 }  // namespace platform
 
-/// LOG_RECORD(format, ...) writes one record, and evaluates its arguments, if the level is enabled.
-/// It is a macro because the unified log takes only a literal as its format. The unified log shows
-/// what "%{public}s" prints, and hides what a plain "%s" prints. On Linux a record that no daemon
-/// takes at once is dropped without a sign: logging never waits.
+/// LOG_RECORD(format, ...) writes one record if the level is enabled. It may evaluate its arguments
+/// twice, or not at all. It is a macro because the unified log takes only a literal as its format.
+/// The unified log shows what "%{public}s" prints, and hides what a plain "%s" prints.
+///
+/// On Linux the usual daemons receive datagrams. A record for which such a daemon has no room is
+/// dropped without a sign. A daemon that reads a stream cannot be asked, and may make this wait.
 #define LOG_RECORD(...)                                                                            \
   do {                                                                                             \
     if (platform::logEnabled() && !platform::logToSink(__VA_ARGS__)) LLDB_HELPER_LOG(__VA_ARGS__); \

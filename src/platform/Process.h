@@ -13,9 +13,11 @@ namespace platform {
 const std::vector<std::string> &initialEnvironment();
 
 /// Whether this is the number of this process, or of a debug server that it has started: a child
-/// whose executable is LLDB's debug server. Other children are programs like all others: a script
-/// may have started them before it became this program, and the process with number 1 adopts every
-/// orphan.
+/// whose executable is LLDB's debug server.
+///
+/// False for any other child, which may be debugged like all programs. It may be there for two
+/// reasons. A shell script started it, and then became this program by exec. Or this program is the
+/// first process of a container, which adopts every orphan.
 bool isOwnProcess(pid_t pid);
 
 /// Whether LLDB's debug server has this name or path: lldb-server, with or without a version,

@@ -33,9 +33,9 @@ void runLoggedCommand(lldb::SBDebugger &debugger, const std::string &commandLine
   debugger.GetCommandInterpreter().HandleCommand(commandLine.c_str(), result, addToHistory);
 }
 
-/// How long a connection may take. LLDB exchanges some twenty packets, and is patient for each. A
-/// person who is more patient with a slow link sets the patience, and with it this time: sixty
-/// times as long, which is five minutes with its default, and at least one.
+/// How long a connection may take: sixty times as long as LLDB waits for one packet, and at least a
+/// minute. LLDB exchanges some twenty packets. With its default of five seconds the time is five
+/// minutes. A person with a slow link sets LLDB's packet-timeout, and so this time too.
 std::chrono::seconds timeToConnect(lldb::SBDebugger &debugger) {
   return std::max<std::chrono::seconds>(60 * packetTimeout(debugger), std::chrono::minutes(1));
 }

@@ -12,15 +12,16 @@
 /// without end.
 ///
 /// When `time` has passed since its construction the object shuts down every stream socket that was
-/// opened since, and does so again each second until it is destroyed: LLDB may connect again. LLDB
-/// waits for nothing else during an attempt.
+/// opened since. It does so again each second until it is destroyed: LLDB may connect again. Other
+/// kinds of connections, such as a serial line, stay open.
 class ConnectionBound {
  public:
   /// Throws std::system_error when no thread can be started.
   explicit ConnectionBound(std::chrono::seconds time);
   ~ConnectionBound();
 
-  /// Whether a connection was cut. What LLDB has of it is useless then.
+  /// Whether the time has passed. The sockets of the connection are shut down then, and what LLDB
+  /// has of it is useless.
   bool wasReached() const { return reached; }
 
  private:

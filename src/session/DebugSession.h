@@ -120,12 +120,13 @@ class DebugSession {
   /// The same for a connection. The file may be missing or of another architecture.
   lldb::SBTarget buildRemoteTarget();
 
-  /// Leaves the session without a target, and removes the target from LLDB's list, which would keep
-  /// it for ever. Call it when the target's process is gone.
+  /// Leaves the session without a target: ends the input thread, and removes the target from LLDB's
+  /// list, which would keep it for ever. LLDB drops a process that is left, a failed launch's for
+  /// example. A process that runs must be ended before.
   void discardTarget();
 
   /// Leaves the session without a target after LLDB's command line has deleted it. `itsProcess` was
-  /// the target's process. Without an earlier target it is invalid, and nothing happens.
+  /// the target's process. An invalid one means that there was no target: nothing is left to do.
   void forgetTarget(const lldb::SBProcess &itsProcess);
 
   /// Starts the event thread for `target`, in place of a running one. When no thread can be
@@ -152,9 +153,9 @@ class DebugSession {
   /// creates none for the file.
   void giveUpConnection();
 
-  /// Returns when `process` is attached to and its first state, mostly a stop, is taken and
-  /// reported, so that the host's next request acts on the real state. Waits for the attaching
-  /// without a bound, and then for the state for at most two seconds. Needs the event thread.
+  /// Waits until LLDB has attached to `process`, without a bound. Then waits until the first state,
+  /// mostly a stop, has been sent to the host, for at most two seconds. So the host's next request
+  /// acts on the real state. Needs the event thread.
   void waitUntilStarted();
 
   MessageChannel channel;
@@ -169,15 +170,16 @@ class DebugSession {
   std::vector<EnvironmentEntry> environment;
   std::vector<std::string> arguments;
   std::string executablePath;
-  /// Empty: LLDB chooses. Deliberate: hosts know this first value, which is the same on every
-  /// processor. It counts only until a command brings an executable and its triple.
+  /// LLDB's name for a kind of machine. If it is empty, LLDB chooses.
+  /// Deliberate: the first value is the same on every machine, as hosts expect of a createProcess
+  /// before any preparation. The first command that brings an executable replaces it.
   std::string triple = "x86_64-apple-macosx";
   bool is64Bits = true;  ///< as the host gave it last; LLDB goes by the triple
 
   /// LLDB's unique id of the last process of createProcess or attachToProcess. 0: none yet.
   std::uint32_t processOfOwnServer = 0;
   RegisterReader registerReader;
-  std::unique_ptr<InferiorInput> inferiorInput;  ///< null until the first sendToApplication
+  std::unique_ptr<InferiorInput> inferiorInput;  ///< null until a process gets input
 
   ReportedState reportedState;
   EventThread eventThread;  ///< after the members that it uses while it runs

@@ -24,7 +24,8 @@ constexpr auto roomWait = 20ms;
 /// writable pty guarantees room for one byte only.
 constexpr std::size_t singleWriteLimit = 256;
 
-/// LLDB may wait much longer than this for a remote stub that does not answer.
+/// How long the destructor waits for the thread. LLDB may wait much longer for a remote stub that
+/// does not answer.
 constexpr auto endBound = 2s;
 
 }  // namespace
@@ -71,7 +72,7 @@ class InferiorInput::Queue {
 
   /// The master side of the program's pty. -1 when LLDB talks to a remote stub instead.
   const int pty = platform::unblockAndDuplicateInferiorPty();
-  std::atomic<bool> closed = false;  ///< written by closeAndWait; the thread reads it as it writes
+  std::atomic<bool> closed = false;  ///< set by closeAndWait; the thread checks it between pieces
 
  private:
   Mutex mutex;

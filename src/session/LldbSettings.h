@@ -15,8 +15,8 @@ void changeSettings(lldb::SBDebugger &debugger);
 /// person has set more than that.
 std::chrono::seconds packetTimeout(lldb::SBDebugger &debugger);
 
-/// Has LLDB read past its memory cache while the object lives, if a read of `size` bytes could
-/// leave bytes in the cache that go stale.
+/// Switches LLDB's memory cache off while the object lives, if a read of `size` bytes could leave
+/// bytes in the cache that go stale.
 ///
 /// LLDB keeps memory that it has read in lines of 512 bytes (target.process.memory-cache-line-size)
 /// until the process runs. A larger read stays as a block of its own. When two such blocks overlap,

@@ -15,12 +15,14 @@
 /// A register's text is the text of its SBValue. If that has none, it is "0x" and the bytes, the
 /// last one in memory first, or "<error>" if the bytes cannot be read. LLDB takes 8 microseconds to
 /// make an SBValue, and there are more than a hundred. LLDB 18 and later format all registers at
-/// once in a tenth of the time, through an SBFormat. The formatted text, a vector's brought into
-/// the form above, is taken if it is the value's text:
+/// once in a tenth of the time, through an SBFormat. A formatted text is used in place of the
+/// value's text if all of this holds:
 ///
-/// - It is a number, or a vector of numbers, in hexadecimal digits.
-/// - It was the value's text when the two were compared, at the first chance for each register of a
-///   process. One that differed is not compared again: it may agree by chance.
+/// - The formatted text is a number, or a vector of numbers, in hexadecimal digits. A vector is
+///   rewritten as "0x" and its bytes.
+/// - The two texts of this register were equal once in this process. They are compared at the first
+///   read at which the register has both. A register whose texts differed is not compared again:
+///   they may agree by chance.
 /// - LLDB's own debug server runs the process. Other servers may describe a register as an address,
 ///   and LLDB adds a description of the address to the value's text only.
 /// - The machine is little-endian.

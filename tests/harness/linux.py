@@ -33,6 +33,16 @@ def status_figure(pid, name):
     return int(re.search(rf"^{name}:\s*(\d+)", read(f"/proc/{pid}/status"), re.M)[1])
 
 
+def are_ptys_non_blocking(pid):
+    """Whether a write to any pty whose master side the process has returns at once."""
+    folder = f"/proc/{pid}"
+    numbers = os.listdir(f"{folder}/fd")
+    ptys = [number for number in numbers if os.readlink(f"{folder}/fd/{number}").endswith("ptmx")]
+    infos = [read(f"{folder}/fdinfo/{number}") for number in ptys]
+    flags = [int(re.search(r"^flags:\s*(\d+)", info, re.M)[1], 8) for info in infos]
+    return ptys and all(flag & os.O_NONBLOCK for flag in flags)
+
+
 def preload(library, name, **variables):
     """An environment that loads this library, under this name, into every program."""
     need_linux("LD_PRELOAD")

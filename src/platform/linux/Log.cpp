@@ -21,7 +21,8 @@ namespace {
 /// The daemon is looked for at most once a second: that takes longer than a record.
 class DaemonProbe {
  public:
-  /// Whether the daemon can take a record now.
+  /// Whether the daemon can take a record now. True for a daemon that reads a stream: it cannot be
+  /// asked.
   bool hasRoom() {
     const MutexLock lock(mutex);
     const auto now = std::chrono::steady_clock::now();
@@ -40,7 +41,7 @@ class DaemonProbe {
     probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address{AF_UNIX, _PATH_LOG};
     isDatagram = connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-    isStream = !isDatagram && errno == EPROTOTYPE;  // which cannot be asked
+    isStream = !isDatagram && errno == EPROTOTYPE;
   }
 
   Mutex mutex;
