@@ -133,14 +133,15 @@ def test_an_image_has_one_base_in_all_lists():
 
 
 def test_an_attached_program_shows_its_stop_and_runs_on_after_detach():
-    machine_program = pexpect.spawn(inferior("wait"), timeout=DEADLINE, preexec_fn=die_with_parent)
-    machine_program.expect("ready")
-    pid = machine_program.pid
+    # Without arguments pexpect would split the path at its spaces.
+    program = pexpect.spawn("env", [inferior("wait")], DEADLINE, preexec_fn=die_with_parent)
+    program.expect("ready")
+    pid = program.pid
     output, status = run([*CONSOLE, HELPER], f"attach {pid}\nwhy\ndetach\n")
     assert re.search(rf"\* stopped: (?s:.*?)attached to process {pid}\n", output)
     assert "sectionName" not in output
     assert status == 0
-    assert machine_program.isalive()
+    assert program.isalive()
 
 
 def test_a_person_at_a_terminal_types_completes_repeats_and_interrupts(isolation):
