@@ -308,7 +308,7 @@ def test_a_connection_that_fails_can_be_tried_again(host):
     host.launch("hello")
 
 
-def test_a_process_without_an_event_thread_is_deleted_at_once(host):
+def test_a_process_without_an_event_thread_is_resumed_and_deleted_at_once(host):
     """A refused connection leaves a target, in which the command line may launch.
 
     No thread takes LLDB's events then.
@@ -316,7 +316,8 @@ def test_a_process_without_an_event_thread_is_deleted_at_once(host):
     refused = remote(machine.free_port(), inferior("wait"))
     message = "cannot connect to remote, invalid process"
     assert host.ask("connectRemote", **refused) == error(message)
-    host.cli("process launch")
+    host.cli("process launch --stop-at-entry")
+    host.ok("continueExecution")
     assert seconds(host.cli, "version") < 1.9
     assert seconds(host.ok, "deleteProcess") < 1.9
 
