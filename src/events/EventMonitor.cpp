@@ -33,8 +33,10 @@ std::string hexText(std::string_view bytes) {
 
 const char *textOrEmpty(const char *text) { return text != nullptr ? text : ""; }
 
-/// The description of a module that LLDB has placed in memory. Null when its load address is below
-/// its file address.
+/// The description of a module that LLDB has placed in memory.
+///
+/// Deliberate: null when its load address is below its file address. Hosts take a slide for a
+/// distance upwards.
 Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
   const lldb::SBFileSpec file = module.GetFileSpec();
   const ImageBase base = imageBase(module, target);

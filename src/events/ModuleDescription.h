@@ -8,14 +8,19 @@
 
 // What several messages say about a module. For any thread.
 
-/// The section whose load address locates a module, the one at index 1: __TEXT on macOS, after
-/// __PAGEZERO. A module may have no such section. Then `section` is invalid, and both addresses are
-/// LLDB's invalid address.
+/// The section that locates a module for hosts: the one at index 1.
+///
+/// Deliberate: hosts know the addresses of this section, whatever it is. In an executable of macOS
+/// it is __TEXT, after __PAGEZERO. Elsewhere it is the second segment or section, which is not
+/// where the module begins, but is moved by the same slide. A module may have no such section. Then
+/// `section` is invalid, and both addresses are LLDB's invalid address.
 struct ImageBase {
   lldb::SBSection section;
   std::uint64_t fileAddress;
   std::uint64_t loadAddress;
-  /// Deliberate: may wrap around, as the host's own arithmetic on addresses does.
+  /// Deliberate: wraps around if the module lies below its addresses in the file, as the host's own
+  /// arithmetic on addresses does. Only attachToProcess shows that: moduleLoaded leaves such a
+  /// module out.
   std::uint64_t slide() const { return loadAddress - fileAddress; }
 };
 

@@ -14,9 +14,10 @@
 /// haltProcess has two waits. What the caller does next may wait once more, inside LLDB
 /// (docs/reliability.md has LLDB's times).
 ///
-/// A process that LLDB's command line launches after a refused connection has no event thread. Then
-/// these functions take LLDB's events themselves and drop them, so that LLDB's state follows the
-/// process, and only haltProcess waits.
+/// A refused connection leaves a target without process and without an event thread. LLDB's command
+/// line may launch a process there. waitForQueuedStates, mayResume and haltProcess then take LLDB's
+/// events themselves and drop them, so that LLDB's state follows the process. Only haltProcess
+/// waits then. ReportedState::isRunning counts for nothing then: nobody takes states in.
 class RunControl {
  public:
   /// The references must outlive the object.

@@ -46,8 +46,8 @@ class DebugSession {
   /// for a frame's text, the text stays unread and is taken for frames: the session is lost.
   void run();
 
-  /// Returns the response to one decoded request, never null. Answers a command that lacks what it
-  /// needs with the error that its row names. Exceptions of a handler pass through.
+  /// Returns the response to one decoded request: what the handler returns. Answers a command that
+  /// lacks what it needs with the error that its row names. Exceptions of a handler pass through.
   Json handleRequest(const Json &request);
 
   // The handlers, named as their commands. docs/protocol.md describes the arguments, the response
@@ -121,12 +121,13 @@ class DebugSession {
   lldb::SBTarget buildRemoteTarget();
 
   /// Leaves the session without a target: ends the input thread, and removes the target from LLDB's
-  /// list, which would keep it for ever. LLDB drops a process that is left, a failed launch's for
-  /// example. A process that runs must be ended before.
+  /// list, which would keep it for ever. LLDB drops the target's process with it, that of a failed
+  /// launch for example. A process that runs must be ended before. A running event thread stays.
   void discardTarget();
 
   /// Leaves the session without a target after LLDB's command line has deleted it. `itsProcess` was
-  /// the target's process. An invalid one means that there was no target: nothing is left to do.
+  /// the target's process. It is invalid if there was no target, or one without process. Then no
+  /// event thread runs, and the call changes nothing.
   void forgetTarget(const lldb::SBProcess &itsProcess);
 
   /// Starts the event thread for `target`, in place of a running one. When no thread can be
@@ -162,7 +163,10 @@ class DebugSession {
 
   lldb::SBDebugger debugger;  ///< created by the constructor, never replaced
   lldb::SBTarget target;      ///< invalid when there is no target
-  lldb::SBProcess process;    ///< as handleRequest found it; may be a dead process
+  /// The target's process, which may have ended. handleRequest fetches it before each command, and
+  /// the commands that start a process replace it. It is stale after discardTarget and after a line
+  /// of LLDB's command line, until the next request.
+  lldb::SBProcess process;
 
   // The settings of the next launch. prepareExecutable replaces all of them. attachToProcess and
   // connectRemote replace the executable, the triple and is64Bits, and keep the others.
@@ -174,7 +178,7 @@ class DebugSession {
   /// Deliberate: the first value is the same on every machine, as hosts expect of a createProcess
   /// before any preparation. The first command that brings an executable replaces it.
   std::string triple = "x86_64-apple-macosx";
-  bool is64Bits = true;  ///< as the host gave it last; LLDB goes by the triple
+  bool is64Bits = true;  ///< as the host gave it last. Nothing reads it: LLDB goes by the triple
 
   /// LLDB's unique id of the last process of createProcess or attachToProcess. 0: none yet.
   std::uint32_t processOfOwnServer = 0;
