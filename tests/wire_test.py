@@ -229,13 +229,19 @@ REFUSALS = {
 
 def test_the_reference_the_schema_and_the_program_have_the_same_commands(host):
     """With the same arguments and needs."""
-    requests = SCHEMA["$defs"]["requests"]
+    parts = SCHEMA["$defs"]
+    requests, pairs = parts["requests"], parts["pairs"]
+    # The lists that code generators read. The request loop has responses of its own.
+    listed = [reference["$ref"].split("/")[-1] for reference in parts["request"]["anyOf"]]
+    answered = [reference["$ref"].split("/")[-1] for reference in parts["response"]["anyOf"]]
+    assert set(requests) == set(listed) == set(pairs["properties"]) == set(pairs["required"])
+    assert set(requests) == set(answered) - {"*"} == set(parts["responses"]) - {"*"}
     page = read(f"{SOURCE}/docs/protocol.md")
     rows = re.findall(r"^\| ([\w, ]+) \| ([\w, ]+) \| ", page, re.M)
     needs = {name: need for names, need in rows for name in names.split(", ") if need in REFUSALS}
     sections = re.findall(r"^### (.*)\n([^#]*)", page, re.M)
     described = {name: text for heading, text in sections for name in re.findall(r"\w+", heading)}
-    assert len(requests) == 32
+    assert len(requests) == 32, "README.md and docs/beyond.md say how many there are, too"
     assert set(requests) == set(needs) <= set(described)
     for name, request in requests.items():
         for argument in set(request["properties"]) - {"command", "id"}:
