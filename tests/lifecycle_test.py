@@ -12,7 +12,7 @@ import time
 import pytest
 from harness import linux, machine
 from harness.checking import OK, Host, error
-from harness.machine import Program, descendants, eventually, inferior, status
+from harness.machine import Program, descendants, eventually, inferior, seconds, status
 from harness.stub import STOPPED, remote, stub
 
 CREATE_HELLO = {"command": "prepareExecutable", "path": inferior("hello"), "triple": ""}
@@ -22,13 +22,6 @@ CREATE_WAIT = CREATE_HELLO | {"path": inferior("wait")}
 def use_one_processor():
     """For the child, before the helper starts."""
     os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
-
-
-def seconds(function, *arguments):
-    """How long a call takes."""
-    start = time.monotonic()
-    function(*arguments)
-    return time.monotonic() - start
 
 
 def test_a_launch_that_fails_leaves_no_target(host):

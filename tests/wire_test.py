@@ -271,6 +271,9 @@ def test_the_log_has_what_was_refused_and_which_states_came():
     connection = {"command": "connectRemote", "plugin": "kdp-remote", "url": "a url"}
     host.ask_all({"command": "x%s%n"}, "getProcessState", launch, "createProcess", "deleteProcess")
     host.ask_all(attach, connection)
+    # The kernel's plug-in is reached by LLDB's command line, which creates the target too.
+    host.ask_all(connection | {"file": inferior("hello")})
+    assert host.ask("getProcessState") == error("no process")
     assert host.close() == 0
     user, notice = 8, 5
     records = read(file).split("\x1e")[:-1]

@@ -28,7 +28,7 @@ Streams openChannel(const char *inputNumber, const char *outputNumber) {
   if (streams.input == nullptr || streams.output == nullptr) {
     std::fprintf(stderr, "lldb-helper: cannot use descriptors %s and %s as input and output\n",
                  inputNumber, outputNumber);
-    std::exit(1);
+    std::exit(EXIT_FAILURE);
   }
   return streams;
 }

@@ -7,8 +7,6 @@
 #include <limits>
 #include <mutex>
 #include <new>
-#include <numeric>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -247,15 +245,14 @@ Json::object::object(std::vector<value_type> unsorted) : members(std::move(unsor
   };
   if (std::adjacent_find(members.begin(), members.end(), notBefore) == members.end()) return;
   // Not std::stable_sort, for which clang 19 reports a deprecated function in GCC 12's headers.
-  std::vector<std::size_t> order(members.size());
-  std::iota(order.begin(), order.end(), std::size_t{0});
-  std::sort(order.begin(), order.end(), [this](std::size_t a, std::size_t b) {
-    return std::tie(members[a].first, a) < std::tie(members[b].first, b);
-  });
+  std::vector<std::pair<std::string_view, value_type *>> order;
+  order.reserve(members.size());
+  for (value_type &member : members) order.emplace_back(member.first, &member);
+  std::sort(order.begin(), order.end());  // by key, and then by place
   std::vector<value_type> sorted;
   sorted.reserve(members.size());
-  for (const std::size_t index : order) {
-    value_type &member = members[index];
+  for (const auto &[key, place] : order) {
+    value_type &member = *place;
     if (!sorted.empty() && sorted.back().first == member.first)
       sorted.back() = std::move(member);  // the last one of equal keys stays
     else
@@ -329,7 +326,6 @@ bool operator==(const Json &a, const Json &b) {
 }
 
 bool operator<(const Json &a, const Json &b) {
-  if (a.value == b.value) return false;
   if (a.type() != b.type()) return a.type() < b.type();
   return a.value->less(*b.value);
 }

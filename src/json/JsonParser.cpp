@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <system_error>
@@ -35,13 +34,9 @@ bool isLowSurrogate(long codePoint) { return codePoint >= 0xdc00 && codePoint <=
 /// for word. clang-tidy warns of just this conversion.
 std::string describe(char byte) {
   const int code = static_cast<signed char>(byte);  // NOLINT(bugprone-signed-char-misuse)
-  char text[16];
-  if (code < ' ') {
-    std::snprintf(text, sizeof text, "(%d)", code);
-  } else {
-    std::snprintf(text, sizeof text, "'%c' (%d)", byte, code);
-  }
-  return text;
+  std::string text;
+  if (code >= ' ') text = {'\'', byte, '\'', ' '};
+  return text.append("(").append(std::to_string(code)).append(")");
 }
 
 /// Appends the UTF-8 form of `codePoint`, if there is one, and resets it. A surrogate without its
@@ -256,7 +251,7 @@ void JsonParser::parseUnicodeEscape(std::string &out, long &pending) {
     return;
   }
   if (isHighSurrogate(pending) && isLowSurrogate(codePoint)) {
-    pending = (((pending - 0xd800) << 10) | (codePoint - 0xdc00)) + 0x10000;
+    pending = (((pending & 0x3ff) << 10) | (codePoint & 0x3ff)) + 0x10000;
   } else {
     writeOut(out, pending);
     pending = codePoint;

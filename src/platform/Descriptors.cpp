@@ -80,7 +80,7 @@ bool isSafeToOpen(const std::string &path) {
   const int device = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (device < 0) return true;
   char byte = 0;
-  const ssize_t count = isatty(device) ? 1 : read(device, &byte, 1);
+  const ssize_t count = isatty(device) ? 1 : read(device, &byte, sizeof byte);
   const bool ends = count == 0 || (count < 0 && errno != EAGAIN);
   close(device);
   return ends;

@@ -137,6 +137,13 @@ def eventually(condition, what):
     return value
 
 
+def seconds(function, *arguments):
+    """How long a call takes."""
+    start = time.monotonic()
+    function(*arguments)
+    return time.monotonic() - start
+
+
 class Program(subprocess.Popen):
     """A program that a test starts beside the helper, and that prints a line when it is ready."""
 

@@ -5,7 +5,8 @@
 namespace platform {
 
 bool isReady(int descriptor, Use use, std::chrono::milliseconds time) {
-  pollfd state{descriptor, static_cast<short>(use == Use::Read ? POLLIN : POLLOUT), 0};
+  const short events = use == Use::Read ? POLLIN : POLLOUT;
+  pollfd state{.fd = descriptor, .events = events, .revents = {}};
   return poll(&state, 1, static_cast<int>(time.count())) != 0;
 }
 

@@ -1,6 +1,5 @@
 #include "platform/Log.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -9,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 
+#include "platform/Descriptors.h"
 #include "platform/Mutex.h"
 
 namespace platform {
@@ -31,8 +31,7 @@ class DaemonProbe {
       look();
     }
     if (!isDatagram) return isStream;
-    pollfd room{probe, POLLOUT, 0};
-    return poll(&room, 1, 0) > 0 && (room.revents & POLLOUT) != 0;
+    return isReady(probe, Use::Write, std::chrono::milliseconds::zero());
   }
 
  private:
