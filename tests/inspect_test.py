@@ -228,6 +228,10 @@ def test_a_module_is_found_by_index_and_by_file(host):
     steps = host.ok("moduleForFile", file=host.program)["module"]
     assert steps["filename"] == "steps"
     assert steps in modules
+    here = os.path.basename(os.getcwd())
+    relative = os.path.join("..", here, os.path.relpath(host.program))
+    for file in (relative, "steps"):
+        assert host.ok("moduleForFile", file=file)["module"] == steps
     for index in (len(modules), -1):
         assert host.ask("moduleAtIndex", index=index) == error("index out of range")
     assert host.ok("moduleAtIndex", index=2**32)["module"] == modules[0]
