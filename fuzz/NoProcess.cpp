@@ -1,13 +1,13 @@
 #include "NoProcess.h"
 
 #include <lldb/API/LLDB.h>
+#include <syslog.h>
 
 #include <fstream>
 #include <iterator>
 #include <set>
 
 #include "Check.h"
-#include "platform/Log.h"
 #include "platform/Process.h"
 
 namespace noProcess {
@@ -15,7 +15,7 @@ namespace noProcess {
 void start() {
   platform::initialEnvironment();
   platform::forgetPythonHome();
-  platform::setLogSink([](const std::string &) {});
+  setlogmask(LOG_MASK(LOG_EMERG));  // no records of the helper's level
   lldb::SBDebugger::Initialize();
 }
 

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <cstdarg>
-#include <string>
-
 #if defined(__APPLE__)
 #include <os/log.h>
 #endif
@@ -20,43 +17,26 @@ void openLog();
 /// Whether the system's log takes records of the default level. Says nothing of a log daemon.
 bool logEnabled();
 
-/// Returns a record as plain text: removes the "{public}" marks from `format` and formats like
-/// printf.
-std::string formatRecord(const char *format, std::va_list arguments);
-
-/// Receives a record as plain text, on the thread that logs it.
-using LogSink = void (*)(const std::string &record);
-
-/// Sends every record to `sink` instead of the log. nullptr restores the log. For tests, which call
-/// it before they start other threads.
-void setLogSink(LogSink sink);
-
-#if defined(__clang__)
-#define LLDB_HELPER_LOG_FORMAT __attribute__((format(os_log, 1, 2)))
-#else
-#define LLDB_HELPER_LOG_FORMAT  // g++ knows no %{public}s
-#endif
-
-/// Passes a record to the sink. Returns false when there is no sink.
-bool logToSink(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
-
 #if defined(__APPLE__)
 os_log_t logHandle();
 #define LLDB_HELPER_LOG(...) os_log(platform::logHandle(), __VA_ARGS__)
 #else
-void logToSyslog(const char *format, ...) LLDB_HELPER_LOG_FORMAT;
+#if defined(__clang__)
+__attribute__((format(os_log, 1, 2)))  // g++ knows no %{public}s
+#endif
+void logToSyslog(const char *format, ...);
 #define LLDB_HELPER_LOG(...) platform::logToSyslog(__VA_ARGS__)
 #endif
 
 }  // namespace platform
 
-/// LOG_RECORD(format, ...) writes one record if the level is enabled. It may evaluate its arguments
-/// twice, or not at all. It is a macro because the unified log takes only a literal as its format.
-/// The unified log shows what "%{public}s" prints, and hides what a plain "%s" prints.
+/// LOG_RECORD(format, ...) writes one record, and evaluates its arguments, if the level is enabled.
+/// It is a macro because the unified log takes only a literal as its format. The unified log shows
+/// what "%{public}s" prints, and hides what a plain "%s" prints.
 ///
 /// On Linux the usual daemons receive datagrams. A record for which such a daemon has no room is
 /// dropped without a sign. A daemon that reads a stream cannot be asked, and may make this wait.
-#define LOG_RECORD(...)                                                                            \
-  do {                                                                                             \
-    if (platform::logEnabled() && !platform::logToSink(__VA_ARGS__)) LLDB_HELPER_LOG(__VA_ARGS__); \
+#define LOG_RECORD(...)                                       \
+  do {                                                        \
+    if (platform::logEnabled()) LLDB_HELPER_LOG(__VA_ARGS__); \
   } while (false)
