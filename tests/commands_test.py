@@ -101,6 +101,14 @@ def test_lldbs_answers_come_back_and_a_hosts_lines_stay_out_of_its_history(host)
         assert answer["error"].startswith("error: ")
     host.ok("executeCommand")
     assert host.cli("session history") == ""
+    # What docs/protocol.md says of settings. An LLDB may lack one.
+    for setting, value in (
+        ("plugin.process.gdb-remote.use-g-packet-for-reading", "true"),
+        ("target.process.disable-language-runtime-unwindplans", "true"),
+        ("target.parallel-module-load", "false"),
+    ):
+        answer = host.ok("executeCommand", cli=f"settings show {setting}")
+        assert not answer["succeeded"] or answer["output"].endswith(f" = {value}\n"), setting
 
 
 def test_completions_begin_with_what_all_have_in_common(host):
