@@ -22,12 +22,10 @@ class ModuleNames {
   }
 
  private:
+  /// A frame without a module has no names, and a section without bytes: the next frame asks too.
   void ask(lldb::SBFrame &frame) {
     name = {};
-    start = end = 0;
-    lldb::SBModule module = frame.GetModule();
-    if (!module.IsValid()) return;
-    addModuleName(name, module);
+    addModuleName(name, frame.GetModule());
     lldb::SBSection section = frame.GetPCAddress().GetSection();
     start = section.GetLoadAddress(target);
     end = start + section.GetByteSize();
