@@ -107,8 +107,8 @@ def test_lldbs_answers_come_back_and_a_hosts_lines_stay_out_of_its_history(host)
         ("target.process.disable-language-runtime-unwindplans", "true"),
         ("target.parallel-module-load", "false"),
     ):
-        answer = host.ok("executeCommand", cli=f"settings show {setting}")
-        assert not answer["succeeded"] or answer["output"].endswith(f" = {value}\n"), setting
+        shown = host.ok("executeCommand", cli=f"settings show {setting}").get("output", "").strip()
+        assert not shown or shown.endswith(f" = {value}"), setting
 
 
 def test_completions_begin_with_what_all_have_in_common(host):

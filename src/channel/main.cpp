@@ -110,7 +110,8 @@ int main(int argc, char **argv) {
   platform::keepDescriptorsPrivate(fileno(streams.input), fileno(streams.output));
 
   lldb::SBDebugger::Initialize();
-  std::atexit(lldb::SBDebugger::Terminate);  // for an exit that does not come to the end of main
+  // For an exit from inside a library. At the end of main it has nothing left to do.
+  std::atexit(lldb::SBDebugger::Terminate);
 
   platform::openLog();
   LOG_RECORD("\n\n-------------- STARTING --------------\n");
@@ -119,8 +120,8 @@ int main(int argc, char **argv) {
     DebugSession session(streams.input, streams.output, consoleMode);
     session.run();
   }
-  // Here, because atexit runs it after LLDB's static objects are destroyed, which crashes LLDB 22.
-  // The second call does nothing.
+  // LLDB ends before main does. The call by atexit alone would come after LLDB's static objects are
+  // destroyed, and LLDB 22 crashes then.
   lldb::SBDebugger::Terminate();
   return 0;
 }

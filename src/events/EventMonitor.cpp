@@ -63,7 +63,9 @@ EventMonitor::EventMonitor(lldb::SBDebugger debugger, lldb::SBTarget target,
 void EventMonitor::startListening() {
   listener.StartListeningForEvents(target.GetBroadcaster(), targetEvents);
   listener.StartListeningForEvents(process.GetBroadcaster(), processEvents);
-  // Deliberate: LLDB 14 sends no event for the stop at entry, but hosts wait for one.
+  // Deliberate: hosts wait for the state that the process begins with, and LLDB 14 sends no event
+  // for the stop at entry. Later LLDBs have queued that event by now, and it is reported when it is
+  // taken. A process that is still being attached to sends one when it stops.
   const lldb::StateType state = process.GetState();
   if (state != lldb::eStateAttaching && !isStateChangeQueued(process, listener))
     unreportedInitialState = state;
@@ -116,7 +118,7 @@ void EventMonitor::handleProcessEvent(std::uint32_t type) {
 }
 
 /// LLDB merges output events: after a full buffer there may be more output and no further event, so
-/// this reads until a short read. All output is sent before the exit is reported.
+/// this reads until a short read. LLDB queues the last output before the exit.
 void EventMonitor::reportOutput(const char *type, OutputReader read) {
   std::size_t length = outputPiece;
   while (length == outputPiece) {

@@ -72,8 +72,8 @@ class RunControl {
   /// - Right after a stop it is still "running". LLDB 14 to 22 wait 20 seconds for the stop, which
   ///   has happened.
   ///
-  /// A Kill and the event thread can also wait for each other for ever, if the event thread selects
-  /// the stepped thread meanwhile. So the stepped thread is forgotten.
+  /// A Kill never returns if the event thread selects the stepped thread meanwhile. So the stepped
+  /// thread is forgotten first (docs/concurrency.md).
   void haltProcess(lldb::SBProcess process);
 
  private:

@@ -13,9 +13,9 @@ namespace platform {
 void keepDescriptorsPrivate(int input, int output);
 
 /// Finds the master side of the inferior's pty, which LLDB has opened: the first pty among
-/// openDescriptors() that keepDescriptorsPrivate has not seen. Makes it non-blocking, so that a
-/// write of LLDB's to a full pty returns. Returns a duplicate, which the caller closes, or -1 when
-/// there is no such pty.
+/// openDescriptors() that keepDescriptorsPrivate has not seen. Makes it non-blocking: LLDB then
+/// tries again when the pty is full, and does not wait inside write(2). Returns a duplicate, which
+/// the caller closes, or -1 when there is no such pty.
 int unblockAndDuplicateInferiorPty();
 
 enum class Use { Read, Write };

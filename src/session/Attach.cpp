@@ -27,7 +27,7 @@ Json::object executableLoadInfo(lldb::SBTarget target) {
 ///
 /// LLDB attaches to another process when the number is 0 (to any process with the executable's
 /// name) or does not fit a pid_t (to the one whose number the low bits are). It never returns when
-/// it attaches to this program or to the debug server that does the attaching.
+/// it attaches to this program. A debug server of this program is no program to debug either.
 const char *whyNotAttach(std::uint64_t pid) {
   if (pid == 0 || pid > static_cast<std::uint64_t>(std::numeric_limits<pid_t>::max()))
     return "No such process";

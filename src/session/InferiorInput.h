@@ -11,8 +11,8 @@
 /// does not read, and requests must not wait for it.
 ///
 /// LLDB must not wait either. While LLDB writes to the program's pty it neither reads the program's
-/// output nor reports its stops: LLDB 22 holds a lock during the write, and retries for ever on a
-/// full pty. So LLDB is asked to write only when the pty has room for a byte. A longer text than
+/// output nor reports its stops: LLDB 22 holds a lock during the write, and tries until the pty
+/// has room. So LLDB is asked to write only when the pty has room for a byte. A longer text than
 /// 256 bytes goes byte by byte. A shorter one goes at once, which keeps an escape sequence whole,
 /// although the pty may lack room for all of it. A remote stub has no pty here, and nothing is
 /// checked.

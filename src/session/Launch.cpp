@@ -21,7 +21,8 @@ std::vector<const char *> cStrings(const std::vector<std::string> &texts) {
   return pointers;
 }
 
-/// The environment of a launch: the program's own, then the requested entries.
+/// The environment of a launch: lldb-helper's own entries, then the requested ones. A name that is
+/// in both stays in both places, and LLDB decides: 14 to 22 keep the first value.
 std::vector<std::string> launchEnvironment(const std::vector<EnvironmentEntry> &requested) {
   std::vector<std::string> entries = platform::initialEnvironment();
   for (const auto &[name, value] : requested) entries.push_back(name + "=" + value);

@@ -29,10 +29,10 @@ void changeSettings(lldb::SBDebugger &debugger) {
   const auto set = [name = debugger.GetInstanceName()](const char *setting, const char *value) {
     lldb::SBDebugger::SetInternalVariable(setting, value, name);
   };
-  // LLDB loads modules on a pool of threads, and two processes that load the same module at the
-  // same time may wait for each other forever: a thread of the pool that reads the module's symbols
-  // waits for the pool, and there it may begin the same module again. LLDB 14 to 19 have no such
-  // setting, and load one by one.
+  // LLDB 22 loads the modules of all its processes on one pool of threads. A thread that reads a
+  // module's symbols waits for the pool, and does the pool's other work meanwhile. That may be the
+  // same module again, for another process, and then neither ends. LLDB's command line can start
+  // such a second process. LLDB 14 to 19 have no such setting, and load one by one.
   set("target.parallel-module-load", "false");
   // One packet reads all registers of a thread, not one packet each.
   set("plugin.process.gdb-remote.use-g-packet-for-reading", "true");
