@@ -12,13 +12,14 @@
 ///
 /// In pipe mode a message, in either direction, is a frame: its length N as 4 bytes in this
 /// machine's byte order, then N bytes of JSON text. In console mode a request is one line of at
-/// most 1,023 bytes, echoed as "INPUT: " and the line, and an outgoing message is "OUTPUT: " and
-/// its text without a line end.
+/// most 1,023 bytes, and an outgoing message is "OUTPUT: " and its text without a line end. The
+/// request is echoed as "INPUT: " and the line, always on standard output. An echo takes no lock,
+/// so it may stand within a long event.
 ///
 /// The descriptors may be non-blocking, and may become so at any time. Reads and writes wait all
 /// the same, and no byte is lost or sent twice.
 ///
-/// Only the main thread reads. Any thread may write: messages of different threads never mix.
+/// Only the main thread reads. Any thread may write: messages never mix with one another.
 class MessageChannel {
  public:
   /// Of an outgoing message, in bytes. A longer text does not fit a frame, whose length has 32

@@ -13,8 +13,9 @@
 class EventThread {
  public:
   explicit EventThread(lldb::SBDebugger debugger);
-  /// Deliberate: does not join a running thread, so the program ends through std::terminate. The
-  /// abnormal end shows a host that it forgot deleteProcess.
+  /// Deliberate: does not join. Unless end() has, the program ends through std::terminate, also if
+  /// requestEnd has made the thread return. The abnormal end shows a host that it forgot
+  /// deleteProcess.
   ~EventThread() = default;
 
   /// Begins to listen to `target` and its process, and starts the thread, which misses no event and
@@ -33,6 +34,7 @@ class EventThread {
   /// since.
   void reportHiddenStop() { ownBroadcaster.BroadcastEventByType(EventMonitor::hiddenStopBit); }
 
+  /// Whether the thread was started, and end() has not joined it. Also true after requestEnd.
   bool isRunning() const { return thread.joinable(); }
 
  private:

@@ -40,7 +40,8 @@ class RunControl {
   /// - "running": false.
   /// - "stopped": waits for the event that is still to come. It is that of the stop, or that of the
   ///   running state after a restarted stop.
-  /// - any other, such as "exited": true. LLDB refuses the resume with its own error.
+  /// - any other, such as "exited": true. LLDB refuses the resume with its own error. LLDB shows a
+  ///   process that steps as "running".
   ///
   /// Also true when the wait takes too long and when there is no event thread.
   ///
