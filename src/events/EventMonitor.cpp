@@ -35,8 +35,8 @@ const char *textOrEmpty(const char *text) { return text != nullptr ? text : ""; 
 
 /// The description of a module that LLDB has placed in memory.
 ///
-/// Deliberate: null when its load address is below its file address. Hosts take a slide for a
-/// distance upwards.
+/// Deliberate: null when its load address is below its file address. So a host never receives a
+/// slide that wraps around in this event.
 Json describeLoadedModule(lldb::SBModule module, lldb::SBTarget target) {
   const lldb::SBFileSpec file = module.GetFileSpec();
   const ImageBase base = imageBase(module, target);

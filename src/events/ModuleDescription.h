@@ -11,8 +11,8 @@
 /// The section that locates a module for hosts: the one at index 1.
 ///
 /// Deliberate: hosts know the addresses of this section, whatever it is. In an executable of macOS
-/// it is __TEXT, after __PAGEZERO. Elsewhere it is the second segment or section, which is not
-/// where the module begins, but is moved by the same slide. A module may have no such section. Then
+/// it is __TEXT, after __PAGEZERO. Elsewhere it is the second segment or section: mostly not where
+/// the module begins, but with the module's slide. A module may have no such section. Then
 /// `section` is invalid, and both addresses are LLDB's invalid address.
 struct ImageBase {
   lldb::SBSection section;

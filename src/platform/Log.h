@@ -7,8 +7,9 @@
 /// The program's log. It has one handle for the process. Every record has the default level.
 ///
 /// On macOS records go to the unified log (subsystem "com.brimwick-soft.vantrel", category
-/// "lldb-helper"). Elsewhere they go to syslog(3) (ident "lldb-helper", facility user, level
-/// notice), and the log mask enables the level. Any thread may log after openLog has returned.
+/// "lldb-helper"; hosts' tools filter by these names). Elsewhere they go to syslog(3) (ident
+/// "lldb-helper", facility user, level notice), and the log mask enables the level. Any thread may
+/// log after openLog has returned.
 namespace platform {
 
 /// Creates the handle. Call it once, before any other thread exists.
