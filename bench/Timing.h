@@ -16,7 +16,7 @@ using Subjects = std::vector<std::unique_ptr<Subject>>;  ///< the floor is the f
 struct Job {
   std::string name;
   /// How many requests lldb-helper needs. A job's limit is the floor's time and one raw echo for
-  /// each: no program at the other end of a pipe can take less.
+  /// each. A program at the other end of a pipe takes less only by asking LLDB in a better way.
   int requests;
   int rounds;
   int times;  ///< a round is this many actions of each subject

@@ -1,4 +1,4 @@
-"""Bytes on the wire, the console, the log, and debug servers of several makers."""
+"""Bytes on the wire, console mode, the log, and debug servers of several makers."""
 
 import json
 import os
@@ -243,6 +243,9 @@ def test_the_reference_the_schema_and_the_program_have_the_same_commands(host):
     described = {name: text for heading, text in sections for name in re.findall(r"\w+", heading)}
     assert len(requests) == 32, "README.md and docs/beyond.md say how many there are, too"
     assert set(requests) == set(needs) <= set(described)
+    # A command of the program alone would answer none of the requests here.
+    table = re.findall(r'^    {"(\w+)", ', read(f"{SOURCE}/src/channel/Dispatcher.cpp"), re.M)
+    assert table == [name for name in described if name in requests], "rows and sections, in order"
     for name, request in requests.items():
         for argument in set(request["properties"]) - {"command", "id"}:
             assert f"`{argument}`" in described[name], f"{name} lacks {argument}"

@@ -3,14 +3,45 @@
 #include <algorithm>
 #include <utility>
 
-#include "channel/CommandTable.h"
 #include "channel/Envelope.h"
 #include "channel/LaunchArguments.h"
 #include "session/DebugSession.h"
 
+namespace {
+
+/// What the session must have, or must not have, when a command is called.
+enum class Needs {
+  Nothing,
+  NoTarget,           ///< else "process already exists"
+  NoProcess,          ///< else "already has a process"
+  Target,             ///< else "no target"
+  Process,            ///< else "no process", which includes that there is no target
+  TargetThenProcess,  ///< without a target "no target", without a process "no process"
+};
 using enum Needs;
 
-namespace {
+/// Returns the message of the error, or null when the session has what the command needs.
+const char *whyRefused(Needs needs, bool hasTarget, bool hasProcess) {
+  switch (needs) {
+    case Nothing: return nullptr;
+    case NoTarget: return hasTarget ? "process already exists" : nullptr;
+    case NoProcess: return hasProcess ? "already has a process" : nullptr;
+    case Target: return hasTarget ? nullptr : "no target";
+    case Process: return hasProcess ? nullptr : "no process";
+    case TargetThenProcess: return whyRefused(hasTarget ? Process : Target, hasTarget, hasProcess);
+  }
+  return nullptr;
+}
+
+/// A row of the table. A new command is a new row, and a member of DebugSession with its name.
+struct Command {
+  const char *name;
+  Needs needs;
+  /// Takes the command's arguments from the request and calls the handler. An argument that is
+  /// missing or of another kind becomes the accessor's default. The handler decides whether that is
+  /// an error.
+  Json (*call)(DebugSession &session, const Json &request);
+};
 
 /// Calls the handler of a command that takes no arguments.
 template <Json (DebugSession::*handler)()>
@@ -33,6 +64,7 @@ Json prepareExecutable(DebugSession &session, const Json &request) {
                                    splitArguments(request["args"].stringValue()));
 }
 
+// All commands, in the order of docs/protocol.md.
 // clang-format off
 const Command commands[] = {
     {"ping",                          Nothing,           [](DebugSession &, const Json &) { return okResponse(); }},
@@ -90,20 +122,6 @@ const Command commands[] = {
 // clang-format on
 
 }  // namespace
-
-std::span<const Command> commandTable() { return commands; }
-
-const char *whyRefused(Needs needs, bool hasTarget, bool hasProcess) {
-  switch (needs) {
-    case Nothing: return nullptr;
-    case NoTarget: return hasTarget ? "process already exists" : nullptr;
-    case NoProcess: return hasProcess ? "already has a process" : nullptr;
-    case Target: return hasTarget ? nullptr : "no target";
-    case Process: return hasProcess ? nullptr : "no process";
-    case TargetThenProcess: return whyRefused(hasTarget ? Process : Target, hasTarget, hasProcess);
-  }
-  return nullptr;
-}
 
 Json DebugSession::handleRequest(const Json &request) {
   const std::string &name = request["command"].stringValue();

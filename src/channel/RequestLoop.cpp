@@ -26,7 +26,7 @@ void DebugSession::run() {
     try {
       const std::optional<std::string> text = channel.readMessage();
       if (!text) {
-        // The host wants no more messages. A host that forgot deleteProcess sees an abnormal end.
+        // The event thread begins no further wait for events. It is not joined: see ~DebugSession.
         eventThread.requestEnd();
         return;
       }

@@ -25,7 +25,9 @@ void waitWhile(const std::function<bool()> &holds) {
 /// taking of the next stop's event.
 bool hasNoThread(lldb::SBProcess &process) { return !process.GetSelectedThread().IsValid(); }
 
-bool runsForLldb(lldb::SBProcess &process) {
+/// Whether the process runs as far as LLDB shows: its state is running, or it is a "stopped" that
+/// is not up to date.
+bool seemsToRun(lldb::SBProcess &process) {
   switch (process.GetState()) {  // read once: it may change
     case lldb::eStateRunning:
     case lldb::eStateStepping: return true;
@@ -91,15 +93,15 @@ void RunControl::endHasFailed() {
   eventThread.reportHiddenStop();
 }
 
-bool RunControl::isResumed(lldb::SBProcess &process) const {
-  return (eventThread.isRunning() && reportedState.isRunning()) || runsForLldb(process);
+bool RunControl::isRunning(lldb::SBProcess &process) const {
+  return (eventThread.isRunning() && reportedState.isRunning()) || seemsToRun(process);
 }
 
 void RunControl::haltProcess(lldb::SBProcess process) {
   reportedState.hideStopsOf(process.GetUniqueID());
   forgetStepped();
   takeEvents();
-  if (!isResumed(process)) return;
+  if (!isRunning(process)) return;
   auto nextInterrupt = Clock::now();
   waitWhile([&] {
     if (Clock::now() >= nextInterrupt) {
@@ -107,6 +109,6 @@ void RunControl::haltProcess(lldb::SBProcess process) {
       nextInterrupt = Clock::now() + interruptPeriod;
     }
     takeEvents();
-    return isResumed(process);
+    return isRunning(process);
   });
 }

@@ -38,8 +38,10 @@ class RunControl {
   /// does not run. Otherwise LLDB's state decides:
   ///
   /// - "running": false.
-  /// - "stopped": waits for the event that is still to come. It is that of the stop, or that of the
-  ///   running state after a restarted stop.
+  /// - "stopped": LLDB's state is late, so this waits for the event that is still to come. It is
+  /// that
+  ///   of the stop, or that of the running state after a resume: the host's own a moment ago, or
+  ///   LLDB's after a restarted stop.
   /// - any other, such as "exited": true. LLDB refuses the resume with its own error. LLDB shows a
   ///   process that steps as "running".
   ///
@@ -78,7 +80,9 @@ class RunControl {
   void haltProcess(lldb::SBProcess process);
 
  private:
-  bool isResumed(lldb::SBProcess &process) const;
+  /// Whether the process runs, or the stop that it has reached is not taken in yet. Looks at both
+  /// signs that docs/concurrency.md names.
+  bool isRunning(lldb::SBProcess &process) const;
 
   /// Takes and drops all queued events if there is no event thread.
   void takeEvents();

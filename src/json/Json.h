@@ -15,7 +15,10 @@ enum class JsonType { Null = 0, Number = 1, Bool = 2, String = 3, Array = 4, Obj
 /// What the parser accepts.
 enum class JsonParseMode {
   Standard = 0,  ///< JSON only. The channel uses this mode.
-  Comments = 1,  ///< also "//" and "/* */" comments between tokens
+  /// Also "//" and "/* */" comments between tokens, as people write them in files.
+  /// Deliberate: kept for code outside this repository that takes the class. The program reads no
+  /// such files.
+  Comments = 1,
 };
 
 class JsonValue;

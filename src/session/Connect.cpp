@@ -41,7 +41,7 @@ std::chrono::seconds timeToConnect(lldb::SBDebugger &debugger) {
 }
 
 /// Gives the connection a second to complete, in ten steps, whatever state the process reaches.
-/// Hosts find the ten records in the log.
+/// Hosts find the ten records in the log (platform/Log.h).
 void watchFirstSecond(lldb::SBProcess &process) {
   for (int step = 0; step < 10; ++step) {
     LOG_RECORD("step %{public}d: %{public}s\n", step, stateName(process.GetState()).c_str());
@@ -70,6 +70,8 @@ Json DebugSession::connectRemote(bool is64Bits, const std::string &triple, const
     try {
       startEventThread();
     } catch (const std::system_error &) {
+      // startEventThread has discarded the target. After every failed connection one stays, without
+      // process, as giveUpConnection leaves it.
       target = buildRemoteTarget();
       throw;
     }

@@ -30,8 +30,9 @@
 /// is taken from the debugger's listener. Only the event thread takes events while there is one
 /// (RunControl).
 ///
-/// The streams belong to main. Destroying the session neither kills nor detaches an inferior; a
-/// host sends deleteProcess first.
+/// The streams belong to main. Destroying the session neither kills nor detaches an inferior:
+/// docs/reliability.md says what its debug server does to it when this program ends. A host sends
+/// deleteProcess first.
 class DebugSession {
  public:
   /// In console mode requests and messages are lines for a person. Otherwise they are frames. See
@@ -39,6 +40,7 @@ class DebugSession {
   DebugSession(FILE *input, FILE *output, bool consoleMode);
   /// Deliberate: does not join a running event thread, so the program ends through std::terminate.
   /// The abnormal end shows a host that it forgot deleteProcess.
+  /// Virtual for code outside this repository that derives from the class. Nothing here does.
   virtual ~DebugSession();
 
   /// Answers requests until the end of input. Every request gets exactly one response, or the "EOF"
@@ -52,7 +54,7 @@ class DebugSession {
 
   // The handlers, named as their commands. docs/protocol.md describes the arguments, the response
   // and the effect of each. Only handleRequest calls them, and only if the session has what the
-  // command's row says that it needs (channel/CommandTable.h). `process` is the target's by then.
+  // command's row says that it needs (channel/Dispatcher.cpp). `process` is the target's by then.
 
   // A process to debug.
   Json prepareExecutable(const std::string &path, bool is64Bits, const std::string &triple,
@@ -109,8 +111,9 @@ class DebugSession {
   Json moduleForFile(const std::string &file);
 
  private:
-  /// Whether createProcess or attachToProcess started `process`, so that LLDB's own debug server
-  /// runs it. False also for a process that LLDB's command line started: false is always safe.
+  /// Whether the session has `process` from createProcess or attachToProcess, so that LLDB's own
+  /// debug server runs it. False for a process of connectRemote or of LLDB's command line: false is
+  /// always safe.
   bool hasOwnServer();
 
   /// Creates LLDB's target for `executablePath` and `triple`. Returns an invalid target and fills
@@ -122,17 +125,19 @@ class DebugSession {
 
   /// Leaves the session without a target: ends the input thread, and removes the target from LLDB's
   /// list, which would keep it for ever. LLDB drops the target's process with it, that of a failed
-  /// launch for example. A process that runs must be ended before. A running event thread stays.
+  /// launch for example. A process that runs must be ended before. A running event thread stays
+  /// (startEventThread).
   void discardTarget();
 
   /// Leaves the session without a target after LLDB's command line has deleted it. `itsProcess` was
-  /// the target's process. It is invalid if there was no target, or one without process. Then no
-  /// event thread runs, and the call changes nothing.
+  /// the target's process. It is invalid if there was no target, or one without process. Ends the
+  /// event thread, if one runs. Changes nothing if there was no target.
   void forgetTarget(const lldb::SBProcess &itsProcess);
 
-  /// Starts the event thread for `target`, in place of a running one. When no thread can be
-  /// started, ends the process, which nobody would report on, discards the target and throws
-  /// std::system_error.
+  /// Starts the event thread for `target`, in place of a running one. There is one if LLDB's
+  /// command line has taken the last target's process away, as "process connect" with an unknown
+  /// plug-in does. When no thread can be started, ends the process, which nobody would report on,
+  /// discards the target and throws std::system_error.
   void startEventThread();
 
   /// Reports the hidden stop of the process to the host, if the process is stopped. Call it when

@@ -72,7 +72,7 @@ std::string textFromFormatted(std::string_view formatted) {
   while (!items.empty()) {
     const std::string_view item = items.substr(0, items.find(' '));
     if (!isHex(item)) return "";
-    text.insert(prefix.size(), item.substr(prefix.size()));  // the first item is the last byte
+    text.insert(prefix.size(), item.substr(prefix.size()));  // the first in memory stands last
     items.remove_prefix(std::min(item.size() + 1, items.size()));
   }
   return text;
