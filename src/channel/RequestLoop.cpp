@@ -26,7 +26,8 @@ void DebugSession::run() {
     try {
       const std::optional<std::string> text = channel.readMessage();
       if (!text) {
-        // The event thread begins no further wait for events. It is not joined: see ~DebugSession.
+        // The thread is not joined (~DebugSession). main destroys the session next, so the flag
+        // counts for code that keeps it: no event is reported a second after the end of input.
         eventThread.requestEnd();
         return;
       }

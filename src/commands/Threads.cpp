@@ -14,7 +14,8 @@ constexpr const char *stopReasonNames[] = {
 };
 static_assert(std::size(stopReasonNames) == lldb::eStopReasonInstrumentation + 1);
 
-/// Deliberate: reasons that later LLDBs added have no name here. Hosts know these eleven.
+/// Deliberate: LLDB's other reasons, such as a fork, have no name here. All supported LLDBs have
+/// some. Hosts know these eleven.
 const char *stopReasonName(lldb::StopReason reason) {
   const auto index = static_cast<std::uint32_t>(reason);
   return index < std::size(stopReasonNames) ? stopReasonNames[index] : "<unknown>";

@@ -46,13 +46,13 @@ void RunControl::waitForFirstState() {
   if (eventThread.isRunning()) reportedState.waitForFirstState(bound);
 }
 
-void RunControl::takeEvents() {
+void RunControl::dropEventsWithoutThread() {
   lldb::SBEvent event;
   while (!eventThread.isRunning() && debugger.GetListener().GetNextEvent(event)) continue;
 }
 
 void RunControl::waitForQueuedStates(lldb::SBProcess process) {
-  takeEvents();
+  dropEventsWithoutThread();
   if (!eventThread.isRunning()) return;
   lldb::SBListener listener = debugger.GetListener();
   waitWhile([&] {
@@ -63,7 +63,7 @@ void RunControl::waitForQueuedStates(lldb::SBProcess process) {
 }
 
 bool RunControl::mayResume(lldb::SBProcess process) {
-  takeEvents();
+  dropEventsWithoutThread();
   if (!eventThread.isRunning()) return true;
   for (const auto end = Clock::now() + bound; Clock::now() < end;
        std::this_thread::sleep_for(pollPeriod)) {
@@ -88,7 +88,7 @@ void RunControl::setStepped(std::uint64_t threadId) {
 
 void RunControl::forgetStepped() { reportedState.forgetStepped(bound); }
 
-void RunControl::endHasFailed() {
+void RunControl::reportHiddenStop() {
   reportedState.showStops();
   eventThread.reportHiddenStop();
 }
@@ -100,7 +100,7 @@ bool RunControl::isRunning(lldb::SBProcess &process) const {
 void RunControl::haltProcess(lldb::SBProcess process) {
   reportedState.hideStopsOf(process.GetUniqueID());
   forgetStepped();
-  takeEvents();
+  dropEventsWithoutThread();
   if (!isRunning(process)) return;
   auto nextInterrupt = Clock::now();
   waitWhile([&] {
@@ -108,7 +108,7 @@ void RunControl::haltProcess(lldb::SBProcess process) {
       process.SendAsyncInterrupt();
       nextInterrupt = Clock::now() + interruptPeriod;
     }
-    takeEvents();
+    dropEventsWithoutThread();
     return isRunning(process);
   });
 }

@@ -10,7 +10,9 @@
 /// What the main thread does before it resumes or ends the process: it waits until the event thread
 /// has taken the events that LLDB has queued. All members are for the main thread.
 ///
-/// Each wait gives up after two seconds: the host does not read then, or the process does not stop.
+/// Each wait gives up after two seconds. It lasts that long only if the host does not read or the
+/// process does not stop.
+
 /// haltProcess has two waits. What the caller does next may wait once more, inside LLDB
 /// (docs/reliability.md has LLDB's times).
 ///
@@ -38,14 +40,13 @@ class RunControl {
   /// does not run. Otherwise LLDB's state decides:
   ///
   /// - "running": false.
-  /// - "stopped": LLDB's state is late, so this waits for the event that is still to come. It is
-  /// that
-  ///   of the stop, or that of the running state after a resume: the host's own a moment ago, or
-  ///   LLDB's after a restarted stop.
+  /// - "stopped": LLDB's state is late. Waits for the event that is still to come: that of the
+  ///   stop, or of the running state after a resume (by the host, or by LLDB after a restarted
+  ///   stop). True after a vain wait: a refusal would last for ever if ReportedState were wrong.
   /// - any other, such as "exited": true. LLDB refuses the resume with its own error. LLDB shows a
   ///   process that steps as "running".
   ///
-  /// Also true when the wait takes too long and when there is no event thread.
+  /// Also true when there is no event thread.
   ///
   /// LLDB may accept a second resume: after a restarted stop it can have lost its record that the
   /// process runs. It then holds that resume for the next stop, and the process never stops again.
@@ -63,7 +64,7 @@ class RunControl {
 
   /// Tells the host after all that the process has stopped: LLDB could not end it. Call it after
   /// haltProcess.
-  void endHasFailed();
+  void reportHiddenStop();
 
   /// Stops `process` so that LLDB can end it, and hides its stops, because the host asked for its
   /// end. Call it before SBProcess::Kill, Detach and Destroy.
@@ -85,7 +86,7 @@ class RunControl {
   bool isRunning(lldb::SBProcess &process) const;
 
   /// Takes and drops all queued events if there is no event thread.
-  void takeEvents();
+  void dropEventsWithoutThread();
 
   lldb::SBDebugger debugger;
   EventThread &eventThread;

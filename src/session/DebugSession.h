@@ -40,7 +40,7 @@ class DebugSession {
   DebugSession(FILE *input, FILE *output, bool consoleMode);
   /// Deliberate: does not join a running event thread, so the program ends through std::terminate.
   /// The abnormal end shows a host that it forgot deleteProcess.
-  /// Virtual for code outside this repository that derives from the class. Nothing here does.
+  /// Virtual for code outside this repository that derives from the class.
   virtual ~DebugSession();
 
   /// Answers requests until the end of input. Every request gets exactly one response, or the "EOF"
@@ -142,7 +142,7 @@ class DebugSession {
 
   /// Reports the hidden stop of the process to the host, if the process is stopped. Call it when
   /// LLDB has failed to end a process that haltProcess has stopped: the host believes that it runs.
-  void reportStopIfEndFailed();
+  void reportStopAfterFailedEnd();
 
   /// Ends the event thread after it has reported what LLDB has queued of this process's states.
   void endReports(const lldb::SBProcess &itsProcess);

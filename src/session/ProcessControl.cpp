@@ -16,12 +16,12 @@ Json DebugSession::detach() {
   // Deliberate: the target and the event thread stay, so that the host receives the detached state
   // as an event. A host sends deleteProcess before the next run.
   runControl.haltProcess(process);
-  if (process.Detach().Fail()) reportStopIfEndFailed();
+  if (process.Detach().Fail()) reportStopAfterFailedEnd();
   return okResponse();
 }
 
-void DebugSession::reportStopIfEndFailed() {
-  if (process.GetState() == lldb::eStateStopped) runControl.endHasFailed();
+void DebugSession::reportStopAfterFailedEnd() {
+  if (process.GetState() == lldb::eStateStopped) runControl.reportHiddenStop();
 }
 
 Json DebugSession::deleteProcess() {
@@ -55,7 +55,7 @@ Json DebugSession::continueExecution() {
 
 Json DebugSession::stopExecution() {
   runControl.haltProcess(process);
-  if (process.Kill().Fail()) reportStopIfEndFailed();
+  if (process.Kill().Fail()) reportStopAfterFailedEnd();
   return okResponse();
 }
 
