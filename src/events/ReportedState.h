@@ -75,8 +75,8 @@ class ReportedState {
 
   // The event thread's.
   lldb::StateType lastForHost = lldb::eStateInvalid;
-  bool anyTaken = false;
-  bool hasHiddenStop = false;  ///< the last state taken in is a stop that was hidden
+  bool anyTaken = false;       ///< any state but a restarted stop
+  bool hasHiddenStop = false;  ///< the last state, but for restarted stops, is hidden
 
   std::atomic<std::uint32_t> hiddenProcess = noProcess;  ///< written by the main thread
   /// Written by the event thread for each state, and by the main thread when it resumes. A host

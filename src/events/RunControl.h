@@ -7,14 +7,13 @@
 #include "events/EventThread.h"
 #include "events/ReportedState.h"
 
-/// What the main thread does before it resumes or ends the process: it waits until the event thread
-/// has taken the events that LLDB has queued. All members are for the main thread.
+/// What the main thread does before it resumes the process or ends it, that is, kills it or
+/// detaches from it: it waits until the event thread has taken the events that LLDB has queued. All
+/// members are for the main thread.
 ///
 /// Each wait gives up after two seconds. It lasts that long only if the host does not read or the
-/// process does not stop.
-
-/// haltProcess has two waits. What the caller does next may wait once more, inside LLDB
-/// (docs/reliability.md has LLDB's times).
+/// process does not stop. haltProcess has two waits. What the caller does next may wait once more,
+/// inside LLDB (docs/reliability.md has LLDB's times).
 ///
 /// A refused connection leaves a target without process and without an event thread. LLDB's command
 /// line may launch a process there. waitForQueuedStates, mayResume and haltProcess then take LLDB's
@@ -56,7 +55,7 @@ class RunControl {
   /// Records it, forgets the stepped thread, and before a resume ends the hiding of stops.
   void setResumed(bool resumed);
 
-  /// The same for a step of this thread, which is selected again at the stop.
+  /// For a step of this thread in place of setResumed(true). The thread is selected at the stop.
   void setStepped(std::uint64_t threadId);
 
   /// Leaves the selection of a thread to the caller, or to LLDB's command line, which comes next.
@@ -67,7 +66,8 @@ class RunControl {
   void reportHiddenStop();
 
   /// Stops `process` so that LLDB can end it, and hides its stops, because the host asked for its
-  /// end. Call it before SBProcess::Kill, Detach and Destroy.
+  /// end. Call it before SBProcess::Kill, Detach and Destroy, which the caller tries also if the
+  /// process has not stopped in time.
   ///
   /// Kill, Detach and Destroy believe LLDB's state of the process, which comes late:
   ///
@@ -81,8 +81,9 @@ class RunControl {
   void haltProcess(lldb::SBProcess process);
 
  private:
-  /// Whether the process runs, or the stop that it has reached is not taken in yet. Looks at both
-  /// signs that docs/concurrency.md names.
+  /// Whether the process runs, or the stop that it has reached is not taken in yet. Looks at
+  /// both signs of that: ReportedState, and whether LLDB has a selected thread
+  /// (docs/concurrency.md).
   bool isRunning(lldb::SBProcess &process) const;
 
   /// Takes and drops all queued events if there is no event thread.

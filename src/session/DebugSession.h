@@ -69,7 +69,8 @@ class DebugSession {
   Json detach();
   Json deleteProcess();
 
-  // Its state.
+  // Its state. stopExecution kills the process, breakExecution interrupts it. Neither waits for the
+  // result: the exit or the stop arrives as an event.
   Json hasProcess();
   Json getProcessState();
   Json continueExecution();
@@ -136,8 +137,8 @@ class DebugSession {
 
   /// Starts the event thread for `target`, in place of a running one. There is one if LLDB's
   /// command line has taken the last target's process away, as "process connect" with an unknown
-  /// plug-in does. When no thread can be started, ends the process, which nobody would report on,
-  /// discards the target and throws std::system_error.
+  /// plug-in does. When no thread can be started, nobody would report on the process: kills it, or
+  /// detaches from it if it was attached to, discards the target, and throws std::system_error.
   void startEventThread();
 
   /// Reports the hidden stop of the process to the host, if the process is stopped. Call it when
@@ -147,8 +148,11 @@ class DebugSession {
   /// Ends the event thread after it has reported what LLDB has queued of this process's states.
   void endReports(const lldb::SBProcess &itsProcess);
 
+  /// Launches `target` with the settings of the next launch, stopped at its entry. LLDB may return
+  /// a valid process with a failing `error`.
   lldb::SBProcess launchTarget(lldb::SBError &error);
 
+  /// What all steps do: has `begin` step the selected thread, if the process may be resumed.
   Json step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin);
 
   /// Sets `target` and `process` to those of a connection that may not be complete yet. Without one
@@ -183,7 +187,9 @@ class DebugSession {
   /// Deliberate: the first value is the same on every machine, as hosts expect of a createProcess
   /// before any preparation. The first command that brings an executable replaces it.
   std::string triple = "x86_64-apple-macosx";
-  bool is64Bits = true;  ///< as the host gave it last. Nothing reads it: LLDB goes by the triple
+  /// As the host gave it last. LLDB goes by the triple.
+  /// Deliberate: nothing reads it. A debugger or a core file shows in it what the host asked for.
+  bool is64Bits = true;
 
   /// LLDB's unique id of the last process of createProcess or attachToProcess. 0: none yet.
   std::uint32_t processOfOwnServer = 0;

@@ -32,7 +32,7 @@ def read(path):
 
 
 if not os.path.exists(f"{BUILD}/CMakeCache.txt"):
-    sys.exit(f"{BUILD} is no build; script/build --tests makes build/release")
+    sys.exit(f"{BUILD} is no build; script/build --tests PRESET makes build/PRESET")
 CACHE = dict(re.findall(r"^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt"), re.M))
 SANITIZER = CACHE["LLDB_HELPER_SANITIZE"]  # "", "address,undefined" or "thread"
 LLDB_MAJOR = int(CACHE["TESTS_LLDB"])
