@@ -289,8 +289,11 @@ def test_a_connection_that_fails_can_be_tried_again(host):
     answers = host.ask_all("getProcessState", "createProcess", "deleteProcess")
     assert answers == [error(reason) for reason in reasons]
     assert host.ask("connectRemote", url="x", plugin="no such") == refused
+    # Without the file LLDB creates no target, and nobody asks the server.
     port = machine.server(machine.LLDB_SERVER, "gdbserver", "127.0.0.1:PORT", inferior("hello"))
     connection = {"command": "connectRemote"} | remote(port, inferior("hello"))
+    missing = connection | {"file": inferior("no such")}
+    assert host.ask_all(missing, "getProcessState") == [refused, error("no target")]
     assert host.ask_all(connection, "continueExecution") == [OK] * 2
     host.state("eStateStopped")
     host.state("eStateRunning")

@@ -71,8 +71,8 @@ class RunControl {
   ///
   /// Kill, Detach and Destroy believe LLDB's state of the process, which comes late:
   ///
-  /// - Right after a resume it is still "stopped". They free what LLDB's own thread uses, and LLDB
-  ///   22 crashes.
+  /// - Right after a resume it is still "stopped". They free what LLDB's state thread uses
+  ///   (docs/concurrency.md), and LLDB 22 crashes.
   /// - Right after a stop it is still "running". LLDB 14 to 22 wait 20 seconds for the stop, which
   ///   has happened.
   ///

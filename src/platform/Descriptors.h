@@ -29,7 +29,9 @@ bool isReady(int descriptor, Use use, std::chrono::milliseconds time);
 bool hasBufferedInput(FILE *stream);
 
 /// Returns the numbers of the open descriptors. Where the system does not list them, returns every
-/// number below its limit, open or not, and at most 65,536.
+/// number below its limit, open or not, and at most 65,536. Only keepDescriptorsPrivate has a use
+/// for such a list: for the other two nothing counts as new, so no pty is found and no socket shut
+/// down.
 std::vector<int> openDescriptors();
 
 /// Shuts down every open stream socket that is not in `known`. Whoever waits for the peer wakes up

@@ -121,7 +121,7 @@ class DebugSession {
   /// `error` on failure.
   lldb::SBTarget buildTarget(lldb::SBError &error);
 
-  /// The same for a connection. The file may be missing or of another architecture.
+  /// The same for a connection. The path may be empty, or name a file of another architecture.
   lldb::SBTarget buildRemoteTarget();
 
   /// Leaves the session without a target: ends the input thread, and removes the target from LLDB's

@@ -7,7 +7,8 @@
 
 namespace {
 
-/// LLDB's own message for a process that runs.
+/// Deliberate: always this text, which hosts know. LLDB is not asked, and may word its own
+/// otherwise: after a restarted stop it may accept the resume (RunControl::mayResume).
 constexpr char runsAlready[] = "resume request failed - process already running";
 
 }  // namespace
