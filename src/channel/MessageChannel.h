@@ -43,7 +43,7 @@ class MessageChannel {
   /// messages. The caller sees to it that the text has at most maxOutgoingSize bytes.
   void writeMessage(const std::string &text);
 
-  /// Sends a response or an event.
+  /// Sends a response. The event thread sends its events by it too.
   void sendResponse(const Json &response);
   void sendError(const std::string &message);
   void sendOk(const std::optional<std::string> &message = std::nullopt);

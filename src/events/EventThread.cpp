@@ -21,7 +21,7 @@ void EventThread::start(lldb::SBTarget target, MessageChannel &channel,
 }
 
 void EventThread::end() {
-  if (!isRunning()) return;
+  if (!isStarted()) return;
   stopEventThread = true;
   ownBroadcaster.BroadcastEventByType(EventMonitor::wakeupBit);
   thread.join();

@@ -35,7 +35,7 @@ class EventThread {
   void reportHiddenStop() { ownBroadcaster.BroadcastEventByType(EventMonitor::hiddenStopBit); }
 
   /// Whether the thread was started, and end() has not joined it. Also true after requestEnd.
-  bool isRunning() const { return thread.joinable(); }
+  bool isStarted() const { return thread.joinable(); }
 
  private:
   lldb::SBDebugger debugger;

@@ -43,17 +43,17 @@ RunControl::RunControl(lldb::SBDebugger debugger, EventThread &eventThread,
     : debugger(debugger), eventThread(eventThread), reportedState(reportedState) {}
 
 void RunControl::waitForFirstState() {
-  if (eventThread.isRunning()) reportedState.waitForFirstState(bound);
+  if (eventThread.isStarted()) reportedState.waitForFirstState(bound);
 }
 
 void RunControl::dropEventsWithoutThread() {
   lldb::SBEvent event;
-  while (!eventThread.isRunning() && debugger.GetListener().GetNextEvent(event)) continue;
+  while (!eventThread.isStarted() && debugger.GetListener().GetNextEvent(event)) continue;
 }
 
 void RunControl::waitForQueuedStates(lldb::SBProcess process) {
   dropEventsWithoutThread();
-  if (!eventThread.isRunning()) return;
+  if (!eventThread.isStarted()) return;
   lldb::SBListener listener = debugger.GetListener();
   waitWhile([&] {
     const bool isStopped = process.GetState() == lldb::eStateStopped;
@@ -64,7 +64,7 @@ void RunControl::waitForQueuedStates(lldb::SBProcess process) {
 
 bool RunControl::mayResume(lldb::SBProcess process) {
   dropEventsWithoutThread();
-  if (!eventThread.isRunning()) return true;
+  if (!eventThread.isStarted()) return true;
   for (const auto end = Clock::now() + bound; Clock::now() < end;
        std::this_thread::sleep_for(pollPeriod)) {
     const lldb::StateType state = process.GetState();
@@ -93,15 +93,15 @@ void RunControl::reportHiddenStop() {
   eventThread.reportHiddenStop();
 }
 
-bool RunControl::isRunning(lldb::SBProcess &process) const {
-  return (eventThread.isRunning() && reportedState.isRunning()) || seemsToRun(process);
+bool RunControl::processRuns(lldb::SBProcess &process) const {
+  return (eventThread.isStarted() && reportedState.isRunning()) || seemsToRun(process);
 }
 
 void RunControl::haltProcess(lldb::SBProcess process) {
   reportedState.hideStopsOf(process.GetUniqueID());
   forgetStepped();
   dropEventsWithoutThread();
-  if (!isRunning(process)) return;
+  if (!processRuns(process)) return;
   auto nextInterrupt = Clock::now();
   waitWhile([&] {
     if (Clock::now() >= nextInterrupt) {
@@ -109,6 +109,6 @@ void RunControl::haltProcess(lldb::SBProcess process) {
       nextInterrupt = Clock::now() + interruptPeriod;
     }
     dropEventsWithoutThread();
-    return isRunning(process);
+    return processRuns(process);
   });
 }

@@ -84,7 +84,7 @@ class RunControl {
   /// Whether the process runs, or the stop that it has reached is not taken in yet. Looks at
   /// both signs of that: ReportedState, and whether LLDB has a selected thread
   /// (docs/concurrency.md).
-  bool isRunning(lldb::SBProcess &process) const;
+  bool processRuns(lldb::SBProcess &process) const;
 
   /// Takes and drops all queued events if there is no event thread.
   void dropEventsWithoutThread();
