@@ -2,7 +2,7 @@
 
 namespace {
 
-// These two are isspace and isalpha of the C locale, whatever the program's locale is.
+// The C locale's isspace, and its isalpha with "_", whatever the program's locale is.
 
 bool isSpace(char byte) { return byte == ' ' || (byte >= '\t' && byte <= '\r'); }
 

@@ -110,8 +110,8 @@ int main(int argc, char **argv) {
   platform::keepDescriptorsPrivate(fileno(streams.input), fileno(streams.output));
 
   lldb::SBDebugger::Initialize();
-  // For an exit() inside a library, which skips the call below. LLDB 22 may crash in it then, at an
-  // end that is abnormal already. After the call below it has nothing left to do.
+  // For an exit() inside a library, which skips the call below. It ends LLDB as well as that can be
+  // then: LLDB 22 may crash in it. After the call below it has nothing left to do.
   std::atexit(lldb::SBDebugger::Terminate);
 
   platform::openLog();
@@ -121,8 +121,8 @@ int main(int argc, char **argv) {
     DebugSession session(streams.input, streams.output, consoleMode);
     session.run();
   }
-  // LLDB ends before main does: the call by atexit comes after LLDB's static objects are destroyed,
-  // and LLDB 22 crashes if there is something left to end.
+  // LLDB ends before main does. When atexit calls, the static objects that LLDB has made since then
+  // are destroyed, and LLDB 22 crashes if there is something left to end.
   lldb::SBDebugger::Terminate();
   return 0;
 }

@@ -15,7 +15,7 @@ void ReportedState::reset() {
 
 bool ReportedState::take(lldb::StateType state, bool isRestarted, std::uint32_t processId) {
   running = isRestarted || state == lldb::eStateRunning || state == lldb::eStateStepping;
-  if (isRestarted) return false;  // for all else it is no state
+  if (isRestarted) return false;  // changes nothing else
   anyTaken = true;
   hasHiddenStop = state == lldb::eStateStopped && hiddenProcess == processId;
   if (state == lldb::eStateRunning && lastForHost == state) return false;

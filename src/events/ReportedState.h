@@ -10,8 +10,9 @@
 
 #include "platform/Mutex.h"
 
-/// The state of the process as the host knows it. It decides which of LLDB's states become
-/// messages, and it knows whether the process runs. The event thread and the main thread share it.
+/// What the event thread and the main thread share about the process: which of LLDB's states the
+/// host receives, whether the process runs (known before the host receives it), and which thread
+/// the host has stepped.
 ///
 /// LLDB's own state of the process serves for neither. It changes when an event is taken from the
 /// listener, before the message is sent. And it is "stopped" after a stop that LLDB has resumed

@@ -184,8 +184,9 @@ class DebugSession {
   std::vector<std::string> arguments;
   std::string executablePath;
   /// LLDB's name for a kind of machine. If it is empty, LLDB chooses.
-  /// Deliberate: the first value is the same on every machine, as hosts expect of a createProcess
-  /// before any preparation. The first command that brings an executable replaces it.
+  /// Deliberate: the first value is the same on every machine. A createProcess before any
+  /// preparation fails, because there is no path, and hosts know the error that comes with this
+  /// triple. The first command that brings an executable replaces it.
   std::string triple = "x86_64-apple-macosx";
   /// As the host gave it last. LLDB goes by the triple.
   /// Deliberate: nothing reads it. A debugger or a core file shows in it what the host asked for.
