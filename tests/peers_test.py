@@ -1,5 +1,6 @@
 """Hosts, debug servers and programs that behave badly. One of them must not harm the others."""
 
+import contextlib
 import os
 import select
 import signal
@@ -174,8 +175,11 @@ def test_a_long_input_arrives_whole(host):
 def test_a_program_that_does_not_read_holds_up_neither_requests_nor_lldb(host, texts):
     def threads():
         """The number of the helper's own. Most of LLDB's, which come and go, have other names."""
-        tasks = f"/proc/{host.pid}/task"
-        return [read(f"{tasks}/{task}/comm") for task in os.listdir(tasks)].count("lldb-helper\n")
+        names = []
+        for task in os.listdir(f"/proc/{host.pid}/task"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
+                names.append(read(f"/proc/{host.pid}/task/{task}/comm"))
+        return names.count("lldb-helper\n")
 
     def is_at_rest():
         """For a second. ThreadSanitizer has a thread that never rests."""
