@@ -27,7 +27,7 @@ void DebugSession::run() {
       const std::optional<std::string> text = channel.readMessage();
       if (!text) {
         // The thread is not joined (~DebugSession). main destroys the session next, so the flag
-        // counts for code that keeps it: no event is reported a second after the end of input.
+        // counts for code that keeps it: a second later no event is reported any more.
         eventThread.requestEnd();
         return;
       }
