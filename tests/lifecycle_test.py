@@ -233,10 +233,10 @@ def test_a_late_stop_that_an_end_causes_is_not_reported():
 @pytest.mark.linux("the shim")
 def test_a_kill_in_the_command_line_does_not_wait_for_a_stop_that_is_queued():
     """LLDB by itself waits 20 seconds for it."""
-    host = Host(env=linux.shim(SLOW_EVENTS="200"))
+    host = Host(env=linux.shim(SLOW_EVENTS="100", LATE_RUNNING="1"))
     host.launch("steps")
     host.run_to("main")
-    # On from here the loader causes no stops: this one is there before the host reads "running".
+    # From here on the loader causes no stops, and the next one is that of this breakpoint.
     host.ok("setBreakpointAtVirtualAddress", address=host.address("leaf"))
     host.resume_only()
     assert seconds(host.cli, "process kill") < 10

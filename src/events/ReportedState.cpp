@@ -15,6 +15,7 @@ void ReportedState::reset() {
 
 bool ReportedState::take(lldb::StateType state, bool isRestarted, std::uint32_t processId) {
   running = isRestarted || state == lldb::eStateRunning || state == lldb::eStateStepping;
+  ++taken;
   if (isRestarted) return false;  // changes nothing else
   anyTaken = true;
   hasHiddenStop = state == lldb::eStateStopped && hiddenProcess == processId;

@@ -68,6 +68,9 @@ class ReportedState {
   /// the main thread has resumed the process since.
   bool isRunning() const { return running; }
 
+  /// How many states have been taken in, restarted stops included. Wraps around.
+  std::uint32_t takenCount() const { return taken; }
+
   /// Records that the main thread resumes the process, or that it failed to.
   void setRunning(bool runs) { running = runs; }
 
@@ -85,6 +88,7 @@ class ReportedState {
   /// line may leave a state queued while the host resumes: the value may be wrong until the next
   /// state.
   std::atomic<bool> running = false;
+  std::atomic<std::uint32_t> taken = 0;  ///< written by the event thread
 
   Mutex mutex;  ///< nobody holds it during a call into LLDB
   std::condition_variable_any changed;

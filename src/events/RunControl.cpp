@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -55,10 +56,17 @@ void RunControl::waitForQueuedStates(lldb::SBProcess process) {
   dropEventsWithoutThread();
   if (!eventThread.isStarted()) return;
   lldb::SBListener listener = debugger.GetListener();
+  std::optional<std::uint32_t> takenWhileQueued;
   waitWhile([&] {
+    const std::uint32_t taken = reportedState.takenCount();
+    if (isStateChangeQueued(process, listener)) {
+      takenWhileQueued = taken;
+      return true;
+    }
+    // LLDB removes an event from the queue before it changes its state of the process.
+    if (takenWhileQueued == taken) return true;
     const bool isStopped = process.GetState() == lldb::eStateStopped;
-    return (isStopped && (reportedState.isRunning() || hasNoThread(process))) ||
-           isStateChangeQueued(process, listener);
+    return isStopped && (reportedState.isRunning() || hasNoThread(process));
   });
 }
 

@@ -8,6 +8,8 @@
 //               begins to listen when a request is there already
 // SLOW_EVENTS   the milliseconds before and after SBListener::WaitForEvent: the event thread takes
 //               and handles each event late, as on a busy machine
+// LATE_RUNNING  if set, the event thread handles a running state when the next state is queued, and
+//               after ten seconds at most: the program has stopped when the host reads that it runs
 // SLOW_SELECTION  the milliseconds by which SBProcess::GetThreadByID is late, in other threads than
 //               the main one: the event thread is about to select the thread that the host stepped
 // FAIL_THREAD   the number of the std::thread that cannot be started: 1 is the helper's first.
@@ -38,6 +40,17 @@ bool isLog(const char *path) { return logFile != nullptr && std::strcmp(path, "/
 void wait(const char *variable) {
   if (const char *time = std::getenv(variable); time != nullptr)
     std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(time)));
+}
+
+void waitForNextState(lldb::SBListener &listener, const lldb::SBProcess &process) {
+  constexpr int tenSeconds = 10000;
+  lldb::SBEvent next;
+  for (int milliseconds = 0; milliseconds < tenSeconds; ++milliseconds) {
+    if (listener.PeekAtNextEventForBroadcasterWithType(
+            process.GetBroadcaster(), lldb::SBProcess::eBroadcastBitStateChanged, next))
+      return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }
 
 template <typename Function>
@@ -83,6 +96,9 @@ bool lldb::SBListener::WaitForEvent(uint32_t seconds, SBEvent &event) {
   const bool found = original<bool(SBListener *, uint32_t, SBEvent &)>(
       "_ZN4lldb10SBListener12WaitForEventEjRNS_7SBEventE")(this, seconds, event);
   wait("SLOW_EVENTS");
+  if (std::getenv("LATE_RUNNING") != nullptr && found && SBProcess::EventIsProcessEvent(event) &&
+      SBProcess::GetStateFromEvent(event) == eStateRunning)
+    waitForNextState(*this, SBProcess::GetProcessFromEvent(event));
   return found;
 }
 
