@@ -1,7 +1,7 @@
 """What commands do to a program: breakpoints, steps, threads, frames, LLDB's command line, input."""
 
 from harness.checking import OK, error
-from harness.machine import PC, PLAIN, seconds
+from harness.machine import PC, PLAIN
 
 
 def test_a_breakpoint_stops_until_it_is_removed(host):
@@ -89,7 +89,7 @@ def test_what_comes_while_the_program_runs_is_answered_and_harms_nothing(host):
     host.ok("getCallstack")
     host.ok("moduleCount")
     assert host.ask("continueExecution")["status"] == "error"
-    assert seconds(host.ok, "deleteProcess") < 1.9  # it does not wait for the program to stop
+    host.ok("deleteProcess")
 
 
 def test_lldbs_answers_come_back_and_a_hosts_lines_stay_out_of_its_history(host):

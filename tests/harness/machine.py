@@ -144,6 +144,17 @@ def seconds(function, *arguments):
     return time.monotonic() - start
 
 
+def once_within(bound, attempt):
+    """One of three attempts must say that it took less than so many seconds.
+
+    On a busy machine one may be late. If the helper waits for something in vain, each is.
+    """
+    times = []
+    while not times or times[-1] >= bound:
+        assert len(times) < 3, f"none took less than {bound} s: {times}"
+        times.append(attempt())
+
+
 class Program(subprocess.Popen):
     """A program that a test starts beside the helper, and that prints a line when it is ready."""
 
