@@ -59,10 +59,7 @@ void RunControl::waitForQueuedStates(lldb::SBProcess process) {
   std::optional<std::uint32_t> takenWhileQueued;
   waitWhile([&] {
     const std::uint32_t taken = reportedState.takenCount();
-    if (isStateChangeQueued(process, listener)) {
-      takenWhileQueued = taken;
-      return true;
-    }
+    if (isStateChangeQueued(process, listener)) takenWhileQueued = taken;
     // LLDB removes an event from the queue before it changes its state of the process.
     if (takenWhileQueued == taken) return true;
     const bool isStopped = process.GetState() == lldb::eStateStopped;
