@@ -144,13 +144,18 @@ def selected_thread(host):
     return int(re.search(r"tid = (\w+)", host.cli("thread info"))[1], 0)
 
 
-def test_the_thread_that_was_stepped_stays_selected(host):
+def break_in_threads(host):
+    """Runs the program with threads that spin, and stops it. Returns its threads."""
     host.launch("spin")
     host.resume_only()
     host.await_output("ready\r\n")
     host.ok("breakExecution")
     host.state("eStateStopped")
-    threads = [thread["thread-id"] for thread in host.ok("getThreadIDList")["threads"]]
+    return [thread["thread-id"] for thread in host.ok("getThreadIDList")["threads"]]
+
+
+def test_the_thread_that_was_stepped_stays_selected(host):
+    threads = break_in_threads(host)
     for thread in reversed(threads):
         host.ok("selectThreadID", tid=thread)
         for how in ("stepInstruction", "stepOver"):
@@ -158,6 +163,21 @@ def test_the_thread_that_was_stepped_stays_selected(host):
             assert selected_thread(host) == thread, how
     host.ok("selectThreadID", tid=threads[0])  # ends it
     assert selected_thread(host) == threads[0]
+
+
+@pytest.mark.linux("the shim")
+def test_a_step_that_comes_before_the_stop_of_the_last_one_steps_the_same_thread():
+    host = Host(env=linux.shim(SLOW_EVENTS="50", SLOW_SELECTION="50"))
+    for thread in reversed(break_in_threads(host)):
+        host.ok("selectThreadID", tid=thread)
+        host.resume_only("stepInstruction")
+        # LLDB shows the stop when its event is taken. The host receives it a tenth of a second later.
+        eventually(lambda: host.ok("getProcessState")["state"] == 5, "the stop")
+        host.ok("stepInstruction")
+        for name in ("eStateStopped", "eStateRunning", "eStateStopped"):
+            host.state(name)
+        assert selected_thread(host) == thread
+    host.end()
 
 
 def create(host):

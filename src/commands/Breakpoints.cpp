@@ -45,11 +45,12 @@ Json DebugSession::removeAllBreakpoints() {
 /// LLDB refuses. Hosts wait for a step's events, not for its response, and without a step there is
 /// no running event.
 Json DebugSession::step(const std::function<void(lldb::SBThread &, lldb::SBError &)> &begin) {
-  lldb::SBThread thread = process.GetSelectedThread();
   // LLDB returns no valid thread while it knows that the process runs. After a restarted stop it
   // may return a valid one although the process runs. A step would queue a plan in that thread, and
   // LLDB 14 to 19 show stale registers at the next stop.
-  if (!thread.IsValid() || !runControl.mayResume(process)) return okResponse();
+  if (!process.GetSelectedThread().IsValid() || !runControl.mayResume(process)) return okResponse();
+  runControl.forgetStepped();  // the event thread may be selecting the thread of the step before
+  lldb::SBThread thread = process.GetSelectedThread();
   lldb::SBError error;
   runControl.setStepped(thread.GetThreadID());
   begin(thread, error);

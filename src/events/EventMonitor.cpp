@@ -149,13 +149,13 @@ void EventMonitor::reportHiddenStop() {
 }
 
 void EventMonitor::selectSteppedThread() {
-  if (const auto id = reportedState.beginSelection()) {
+  if (const auto id = reportedState.takeStepped()) {
     lldb::SBThread thread = process.GetThreadByID(*id);
     const bool hasReason = thread.GetStopReason() > lldb::eStopReasonNone;
     if (hasReason && process.GetSelectedThread().GetThreadID() != *id)
       process.SetSelectedThread(thread);
-    reportedState.endSelection();
   }
+  reportedState.endSelection();
 }
 
 void EventMonitor::reportModulesLoaded() {

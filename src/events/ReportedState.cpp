@@ -14,9 +14,18 @@ void ReportedState::reset() {
 }
 
 bool ReportedState::take(lldb::StateType state, bool isRestarted, std::uint32_t processId) {
+  const bool isForHost = !isRestarted && takeForHost(state, processId);
+  if (isForHost && state == lldb::eStateStopped) {
+    const MutexLock lock(mutex);
+    isSelecting = true;
+  }
+  // Last: from here on the main thread may resume, and it waits for the selection first.
   running = isRestarted || state == lldb::eStateRunning || state == lldb::eStateStepping;
   ++taken;
-  if (isRestarted) return false;  // changes nothing else
+  return isForHost;
+}
+
+bool ReportedState::takeForHost(lldb::StateType state, std::uint32_t processId) {
   anyTaken = true;
   hasHiddenStop = state == lldb::eStateStopped && hiddenProcess == processId;
   if (state == lldb::eStateRunning && lastForHost == state) return false;
@@ -25,9 +34,8 @@ bool ReportedState::take(lldb::StateType state, bool isRestarted, std::uint32_t 
   return !hasHiddenStop;
 }
 
-std::optional<std::uint64_t> ReportedState::beginSelection() {
+std::optional<std::uint64_t> ReportedState::takeStepped() {
   const MutexLock lock(mutex);
-  isSelecting = steppedThread.has_value();
   return std::exchange(steppedThread, std::nullopt);
 }
 
@@ -60,6 +68,6 @@ void ReportedState::setStepped(std::uint64_t threadId) {
 void ReportedState::forgetStepped(std::chrono::milliseconds bound) {
   const auto end = std::chrono::steady_clock::now() + bound;
   const MutexLock lock(mutex);
-  steppedThread.reset();
   while (isSelecting && changed.wait_until(mutex, end) == std::cv_status::no_timeout) continue;
+  steppedThread.reset();
 }

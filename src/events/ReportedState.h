@@ -11,13 +11,14 @@
 #include "platform/Mutex.h"
 
 /// What the event thread and the main thread share about the process: which of LLDB's states the
-/// host receives, whether the process runs (known before the host receives it), and which thread
-/// the host has stepped.
+/// host receives, whether the process runs, and which thread the host has stepped.
 ///
-/// LLDB's own state of the process serves for neither. It changes when an event is taken from the
-/// listener, before the message is sent. And it is "stopped" after a stop that LLDB has resumed
-/// already. The event of such a stop is marked as restarted. LLDB restarts after forks, after
-/// signals that are set not to stop, and at breakpoints whose condition is false.
+/// LLDB's own state does not show whether the process runs. After a resume it stays "stopped" until
+/// the next event is taken. It is also "stopped" after a stop that LLDB has resumed already. And it
+/// changes while LLDB still hands the event over: LLDB 22 hangs if another thread resumes then.
+///
+/// The event of a stop that LLDB has resumed is marked as restarted. LLDB restarts after forks,
+/// after signals that are set not to stop, and at breakpoints whose condition is false.
 class ReportedState {
  public:
   /// Forgets everything. For the main thread, while no event thread runs.
@@ -30,13 +31,15 @@ class ReportedState {
   /// after another one.
   ///
   /// Call it before the message is sent. A host that receives a stop may resume at once, and the
-  /// process must not count as running then.
+  /// process must not count as running then. After a stop that the host receives the stepped thread
+  /// is to be selected; forgetStepped waits until endSelection.
   bool take(lldb::StateType state, bool isRestarted, std::uint32_t processId);
 
   /// Takes the thread that the host has stepped, when the step has ended or something else stopped
-  /// the process. Nothing if there is none. Call endSelection after it, when LLDB's selection is
-  /// final.
-  std::optional<std::uint64_t> beginSelection();
+  /// the process. Nothing if there is none.
+  std::optional<std::uint64_t> takeStepped();
+
+  /// Call it after each stop that the host receives, when LLDB's selection of a thread is final.
   void endSelection();
 
   /// Takes the stop that was hidden, if the process has not left that state since.
@@ -60,8 +63,8 @@ class ReportedState {
   /// Records that the host steps this thread, which is to be selected when the process stops.
   void setStepped(std::uint64_t threadId);
 
-  /// Forgets it: something else chooses the thread from now on. If the event thread is about to
-  /// select, waits for that, for at most `bound`.
+  /// Forgets it: something else chooses the thread from now on. If a stop has been taken in, waits
+  /// for the event thread's selection first, for at most `bound`.
   void forgetStepped(std::chrono::milliseconds bound);
 
   /// Whether the process runs: the last state taken in is running, stepping or a restarted stop, or
@@ -75,6 +78,9 @@ class ReportedState {
   void setRunning(bool runs) { running = runs; }
 
  private:
+  /// The part of `take` for a state that is no restarted stop.
+  bool takeForHost(lldb::StateType state, std::uint32_t processId);
+
   static constexpr std::uint32_t noProcess = 0xffffffff;
 
   // The event thread's.
@@ -83,10 +89,10 @@ class ReportedState {
   bool hasHiddenStop = false;  ///< the last state, but for restarted stops, is hidden
 
   std::atomic<std::uint32_t> hiddenProcess = noProcess;  ///< written by the main thread
-  /// Written by the event thread for each state, and by the main thread when it resumes. A host
-  /// resumes after it has received the stop, so no state is queued then. A resume by LLDB's command
-  /// line may leave a state queued while the host resumes: the value may be wrong until the next
-  /// state.
+  /// Written by the event thread for each state, and by the main thread when it resumes. The main
+  /// thread resumes after the stop has been taken in, and a stopped process has no state queued. A
+  /// resume by LLDB's command line may leave a state queued while the host resumes: the value may
+  /// be wrong until the next state.
   std::atomic<bool> running = false;
   std::atomic<std::uint32_t> taken = 0;  ///< written by the event thread
 

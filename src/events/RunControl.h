@@ -8,8 +8,8 @@
 #include "events/ReportedState.h"
 
 /// What the main thread does before it resumes the process or ends it, that is, kills it or
-/// detaches from it: it waits until the event thread has taken the events that LLDB has queued. All
-/// members are for the main thread.
+/// detaches from it: it waits until the event thread has taken in the states that LLDB has queued.
+/// All members are for the main thread.
 ///
 /// Each wait gives up after two seconds. It lasts that long only if the host does not read or the
 /// process does not stop. haltProcess has two waits. What the caller does next may wait once more,
@@ -18,7 +18,7 @@
 /// A refused connection leaves a target without process and without an event thread. LLDB's command
 /// line may launch a process there. waitForQueuedStates, mayResume and haltProcess then take LLDB's
 /// events themselves and drop them, so that LLDB's state follows the process. Only haltProcess
-/// waits then. ReportedState::isRunning counts for nothing then: nobody takes states in.
+/// waits then. They do not use ReportedState::isRunning then: nobody takes states in.
 class RunControl {
  public:
   /// The references must outlive the object.
@@ -27,21 +27,24 @@ class RunControl {
   /// Returns when the first state of the process has been sent to the host.
   void waitForFirstState();
 
-  /// Returns when no state change of `process` is queued and LLDB's state of it is up to date. A
-  /// "stopped" is up to date when the event thread has taken the stop in, and LLDB has not resumed
-  /// the process since.
+  /// Waits while a state change of `process` is queued, while one that this call has seen queued is
+  /// not taken in, and while LLDB's "stopped" is not up to date. It is up to date when the event
+  /// thread has taken the stop in, and LLDB has not resumed the process since.
   ///
-  /// Does not wait for a running process to stop. The message of the last state may still be on its
-  /// way. `process` may be invalid.
+  /// Does not wait for a running process to stop. A stop whose event LLDB has just removed from the
+  /// queue when this call begins looks the same for a moment: LLDB's state is still "running". A
+  /// Kill then waits LLDB's 20 seconds, so a command that ends the process calls haltProcess
+  /// first. The message of the last state may still be on its way. `process` may be invalid.
   void waitForQueuedStates(lldb::SBProcess process);
 
   /// Whether the main thread may resume `process`. True when ReportedState says that the process
   /// does not run. Otherwise LLDB's state decides:
   ///
   /// - "running": false.
-  /// - "stopped": LLDB's state is late. Waits for the event that is still to come: that of the
-  ///   stop, or of the running state after a resume (by the host, or by LLDB after a restarted
-  ///   stop). True after a vain wait: a refusal would last for ever if ReportedState were wrong.
+  /// - "stopped": one of the two is late. Either the stop's event has been taken and the stop is
+  ///   not taken in yet. Or the event of a running state is not taken yet, after a resume by the
+  ///   host, or by LLDB after a restarted stop. Waits until they agree. True after a vain wait: a
+  ///   refusal would last for ever if ReportedState were wrong.
   /// - any other, such as "exited": true. LLDB refuses the resume with its own error. LLDB shows a
   ///   process that steps as "running".
   ///

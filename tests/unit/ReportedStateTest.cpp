@@ -73,4 +73,22 @@ TEST(ReportedState, ItsFirstStateCountsOnceItsMessageIsOut) {
   states.waitForFirstState(10ms);  // gives up
 }
 
+TEST(ReportedState, AfterAStopTheSteppedThreadIsForgottenOnlyWhenItIsSelected) {
+  ReportedState states;
+  states.setStepped(7);
+  states.take(stopped, false, 1);
+  auto forgetting = std::async(std::launch::async, [&] { states.forgetStepped(1min); });
+  EXPECT_EQ(forgetting.wait_for(10ms), std::future_status::timeout);
+  EXPECT_EQ(states.takeStepped(), 7);
+  states.endSelection();
+  EXPECT_EQ(forgetting.wait_for(1min), std::future_status::ready);
+
+  states.hideStopsOf(1);
+  states.setStepped(8);
+  states.take(stopped, false, 1);  // selects nothing
+  forgetting = std::async(std::launch::async, [&] { states.forgetStepped(1min); });
+  EXPECT_EQ(forgetting.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(states.takeStepped(), std::nullopt);
+}
+
 }  // namespace
