@@ -54,7 +54,8 @@ class ReportedState {
   /// Returns when the first state has been handled, or after `bound`.
   void waitForFirstState(std::chrono::milliseconds bound);
 
-  /// Hides every later stop of this process from the host, who asked for the process's end.
+  /// Hides every stop of this process that is taken in from now on, also one that happened before:
+  /// the host has asked for the process's end.
   void hideStopsOf(std::uint32_t processId) { hiddenProcess = processId; }
 
   /// Ends the hiding. Call it before the host or LLDB's command line resumes a process.

@@ -126,8 +126,8 @@ class DebugSession {
 
   /// Leaves the session without a target: ends the input thread, and removes the target from LLDB's
   /// list, which would keep it for ever. LLDB drops the target's process with it, that of a failed
-  /// launch for example. A process that runs must be ended before. A running event thread stays
-  /// (startEventThread).
+  /// launch for example. A process that runs must be ended before. Does not end the event thread.
+  /// If one still runs, the next startEventThread or giveUpConnection ends it.
   void discardTarget();
 
   /// Leaves the session without a target after LLDB's command line has deleted it. `itsProcess` was
@@ -137,8 +137,9 @@ class DebugSession {
 
   /// Starts the event thread for `target`, in place of a running one. There is one if LLDB's
   /// command line has taken the last target's process away, as "process connect" with an unknown
-  /// plug-in does. When no thread can be started, nobody would report on the process: kills it, or
-  /// detaches from it if it was attached to, discards the target, and throws std::system_error.
+  /// plug-in does. When no thread can be started, nobody would report on the process: kills it if
+  /// it was launched, detaches from it otherwise, discards the target, and throws
+  /// std::system_error.
   void startEventThread();
 
   /// Reports the hidden stop of the process to the host, if the process is stopped. Call it when
