@@ -60,7 +60,8 @@ void RunControl::waitForQueuedStates(lldb::SBProcess process) {
   waitWhile([&] {
     const std::uint32_t taken = reportedState.takenCount();
     if (isStateChangeQueued(process, listener)) takenWhileQueued = taken;
-    // LLDB removes an event from the queue before it changes its state of the process.
+    // LLDB removes an event from the queue before it changes its state of the process. So a state
+    // that was queued is awaited until it is taken in.
     if (takenWhileQueued == taken) return true;
     const bool isStopped = process.GetState() == lldb::eStateStopped;
     return isStopped && (reportedState.isRunning() || hasNoThread(process));
